@@ -12,21 +12,28 @@ namespace {
 
 constexpr char HEX_UPPER[] = "0123456789ABCDEF";
 
+constexpr CharacterClass URI_UNRESERVED(
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_.~");
+// Bytes that makeSafeForLogging keeps as they are: printable ASCII.
+constexpr CharacterClass printableAscii() {
+  CharacterClass cc(false);
+  for (int c = 0x20; c <= 0x7E; ++c) cc.set(static_cast<char>(c), true);
+  return cc;
+}
+constexpr CharacterClass LOG_SAFE = printableAscii();
+
 // URI table, one entry per byte value: the byte when unreserved, else %HH.
 struct UriTable {
   std::array<Str, 256> entries;
   UriTable() {
-    const CharacterClass unreserved(
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_.~");
     for (int b = 0; b < 256; ++b) {
-      if (unreserved.contains(static_cast<unsigned char>(b))) {
+      if (URI_UNRESERVED.contains(static_cast<unsigned char>(b))) {
         entries[b] = Str(1, static_cast<char>(b));
       } else {
         entries[b].format("%%%02X", b);
       }
     }
   }
-  bool isUnreserved(unsigned char b) const { return entries[b].size() == 1; }
 };
 const UriTable URI_TABLE;
 
@@ -39,7 +46,7 @@ int hexValue(char c) {
 
 // The log-safe spelling of one byte, or null when it stays as it is.
 const char* unsafeByteSpelling(unsigned char b, char* buf) {
-  if (b >= 0x20 && b <= 0x7E) return nullptr;
+  if (LOG_SAFE.contains(b)) return nullptr;
   if (b == '\n') return "\\n";
   if (b == '\r') return "\\r";
   if (b == '\t') return " ";
@@ -54,12 +61,9 @@ const char* unsafeByteSpelling(unsigned char b, char* buf) {
 }  // namespace
 
 void Str::makeSafeForLogging() {
+  size_type i = find_first_not_of(LOG_SAFE);
+  if (i == npos) return;
   char buf[5];
-  size_type i = 0;
-  while (i < size() && unsafeByteSpelling(static_cast<unsigned char>((*this)[i]), buf) == nullptr) {
-    ++i;
-  }
-  if (i == size()) return;
   Str out;
   out.reserve(size() + 16);
   out.std::string::append(data(), i);
@@ -86,13 +90,9 @@ Str Str::asUriEncoded() const {
 }
 
 void Str::uriEncode() {
-  for (char c : *this) {
-    if (!URI_TABLE.isUnreserved(static_cast<unsigned char>(c))) {
-      Str out = asUriEncoded();
-      swap(out);
-      return;
-    }
-  }
+  if (find_first_not_of(URI_UNRESERVED) == npos) return;
+  Str out = asUriEncoded();
+  swap(out);
 }
 
 bool Str::uriDecode() {

@@ -20,14 +20,6 @@ size_t mem_bytes_for_substring(size_t len, size_t pos, size_t count) {
   return count > len - pos ? len - pos : count;
 }
 
-size_t cclass_find(const CharacterClass& cc, const char* data, size_t len, size_t start,
-                   bool wanted) {
-  for (size_t i = start; i < len; ++i) {
-    if (cc.contains(data[i]) == wanted) return i;
-  }
-  return static_cast<size_t>(-1);
-}
-
 size_t cclass_rfind(const CharacterClass& cc, const char* data, size_t len, size_t start,
                     bool wanted) {
   if (len == 0) return static_cast<size_t>(-1);

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
-class CharacterClass;
+#include "util/CharacterClass.h"
 
 // True when the `len` bytes at `data` begin (end) with the `plen` bytes at
 // `prefix`. An empty prefix is always found.
@@ -20,8 +20,14 @@ size_t mem_bytes_for_substring(size_t len, size_t pos, size_t count);
 
 // The first position at or after `start` whose membership in `cc` equals
 // `wanted`, or all ones.
-size_t cclass_find(const CharacterClass& cc, const char* data, size_t len, size_t start,
-                   bool wanted);
+// Inline: it is the inner loop of trimming, escaping and class searches.
+inline size_t cclass_find(const CharacterClass& cc, const char* data, size_t len, size_t start,
+                          bool wanted) {
+  for (size_t i = start; i < len; ++i) {
+    if (cc.contains(data[i]) == wanted) return i;
+  }
+  return static_cast<size_t>(-1);
+}
 // The last position at or before `start` whose membership equals `wanted`, or
 // all ones. A start of all ones, or past the end, means the last byte.
 size_t cclass_rfind(const CharacterClass& cc, const char* data, size_t len, size_t start,
