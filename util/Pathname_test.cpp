@@ -1,0 +1,271 @@
+#include "util/Pathname.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <random>
+#include <string>
+
+#include "util/PathnameVector.h"
+
+namespace {
+
+struct UnaryCase {
+  const char* in;
+  const char* want;
+};
+
+template <class Op>
+void checkAll(const UnaryCase* cases, size_t n, Op op) {
+  for (size_t i = 0; i < n; ++i) {
+    Pathname p(cases[i].in);
+    EXPECT_EQ(cases[i].want, op(p)) << "input \"" << cases[i].in << "\"";
+  }
+}
+
+#define CHECK_TABLE(table, op) checkAll(table, sizeof(table) / sizeof(table[0]), op)
+
+TEST(PathnameArithmetic, SlashAppendsOneElement) {
+  const struct { const char* left; const char* right; const char* want; } kCases[] = {
+      {"", "a", "/a"},  // an empty path acts as the root
+      {"/", "a", "/a"},
+      {"a", "b", "a/b"},
+      {"a/", "b", "a/b"},
+      {"a/", "//b", "a/b"},  // leading separators of the right side skipped
+      {"a", "", "a"},        // an empty right side changes nothing
+      {"", "", ""},
+      {"a//", "b", "a//b"},  // existing doubles are not our business
+      {"a", "/", "a/"},
+      {"a", "b/c/", "a/b/c/"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(std::string(c.left) + " / " + c.right);
+    Pathname p(c.left);
+    p /= c.right;
+    EXPECT_EQ(c.want, p);
+    EXPECT_EQ(c.want, Pathname(c.left) / c.right);
+    EXPECT_EQ(c.want, Pathname(c.left) / Str(c.right));
+    EXPECT_EQ(c.want, Pathname(c.left) / StrSegment(c.right));
+  }
+}
+
+TEST(PathnameArithmetic, PlusConcatenatesOnEitherSide) {
+  const Pathname p("/a/b");
+  EXPECT_EQ("/a/b.tmp", p + ".tmp");
+  EXPECT_EQ("/a/b.tmp", p + Str(".tmp"));
+  EXPECT_EQ("/a/b/a/b", p + p);
+  EXPECT_EQ("x/a/b", "x" + p);
+  EXPECT_EQ("x/a/b", Str("x") + p);
+  EXPECT_EQ("x/a/b", StrSegment("x") + p);
+}
+
+TEST(PathnameArithmetic, StripElementKeepsTheRoot) {
+  const UnaryCase kCases[] = {
+      {"/a/b/", "/a"}, {"/a", "/"},  {"a", ""},     {"/", "/"},     {"", ""},
+      {"a/b", "a"},    {"//a", "/"}, {"a//b", "a"}, {"///", "/"},   {"/a/b//c", "/a/b"},
+      {"a/", ""},      {"./a", "."},
+  };
+  CHECK_TABLE(kCases, [](Pathname p) {
+    p.stripElement();
+    return p;
+  });
+  CHECK_TABLE(kCases, [](const Pathname& p) { return p.toParent(); });
+}
+
+TEST(PathnameArithmetic, ToLeafIgnoresTrailingSeparators) {
+  const UnaryCase kCases[] = {
+      {"/", "/"},  {"", "/"},  {"///", "/"},   // no element at all
+      {"/a/b///", "b"}, {"a", "a"}, {"/a/b.c", "b.c"}, {"a/.", "."},
+  };
+  CHECK_TABLE(kCases, [](const Pathname& p) { return p.toLeaf(); });
+}
+
+TEST(PathnameArithmetic, ExtIsAfterTheLastDotOfTheLastElement) {
+  const UnaryCase kCases[] = {
+      {"dir.d/file", ""},  // a dot in a directory does not count
+      {"x.", ""},          // the dot ends the name
+      {".bashrc", "bashrc"},  // a leading dot counts here
+      {"/a/b.tar.gz", "gz"},
+      {"/a/b.c/", "c"},
+      {"noext", ""},
+      {"", ""},
+  };
+  CHECK_TABLE(kCases, [](const Pathname& p) { return p.ext(); });
+}
+
+TEST(PathnameArithmetic, BasenameWithoutExtDropsOneExtension) {
+  const UnaryCase kCases[] = {
+      {"/a/b.tar.gz", "b.tar"},
+      {".hidden", ".hidden"},  // a leading dot starts no extension
+      {"x.", "x"},
+      {"/a/b", "b"},
+      {"dir.d/file", "file"},
+      {"a/.x.y", ".x"},
+  };
+  CHECK_TABLE(kCases, [](const Pathname& p) { return p.basenameWithoutExt(); });
+}
+
+TEST(PathnameArithmetic, SeparatorHousekeeping) {
+  const UnaryCase kAdd[] = {{"", "/"}, {"/", "/"}, {"a", "a/"}, {"a/", "a/"}};
+  CHECK_TABLE(kAdd, [](Pathname p) {
+    p.addTrailingSep();
+    return p;
+  });
+  const UnaryCase kRemove[] = {{"/", "/"}, {"///", "/"}, {"a//", "a"}, {"a", "a"}, {"", ""},
+                               {"/a/", "/a"}};
+  CHECK_TABLE(kRemove, [](Pathname p) {
+    p.removeTrailingSeps();
+    return p;
+  });
+  const UnaryCase kDoubles[] = {{"//a///b", "/a/b"}, {"a", "a"}, {"////", "/"}, {"a//", "a/"}};
+  CHECK_TABLE(kDoubles, [](Pathname p) {
+    p.removeDoubleSeps();
+    return p;
+  });
+  CHECK_TABLE(kDoubles, [](const Pathname& p) { return Pathname::removeDoubleSeps(p); });
+  const UnaryCase kBack[] = {{"a\\b\\\\c", "a/b//c"}, {"/x", "/x"}};
+  CHECK_TABLE(kBack, [](Pathname p) {
+    p.replaceBackSlashesWithSep();
+    return p;
+  });
+}
+
+TEST(PathnameArithmetic, RemoveDotDotSlashDisarmsParentElements) {
+  const UnaryCase kCases[] = {
+      {"a/../b", "a/b"},
+      {"../x", "x"},
+      {"a/..", "a"},   // at the end with more than one byte ahead
+      {"/..", "/"},    // one byte ahead: only ".." goes
+      {"..", ""},
+      {"../../..", ""},
+      {"a/../../b", "a/b"},
+      {"/../etc/passwd", "/etc/passwd"},
+      {"a..b/..c", "a..b/..c"},  // ".." inside a name is harmless
+      {"...", "..."},
+      {"x/..y", "x/..y"},
+      {"a/.../b", "a/.../b"},
+  };
+  CHECK_TABLE(kCases, [](Pathname p) {
+    p.removeDotDotSlash();
+    return p;
+  });
+}
+
+TEST(PathnameArithmetic, NormalizeResolvesTextually) {
+  const UnaryCase kCases[] = {
+      {"a/./b/../c", "/a/c"},  // relative input comes out rooted
+      {"/../x", "/x"},         // ".." at the root stays there
+      {"../../a/../../b", "/b"},
+      {"/a/b/c/../../d", "/a/d"},
+      {"//a//b//", "/a/b"},
+      {"./", ""},
+      {"/", ""},
+      {"", ""},
+      {"a/..", "/"},  // climbing back to the root gives "/", not ""
+      {"/a/./././b/.", "/a/b"},
+  };
+  CHECK_TABLE(kCases, [](Pathname p) {
+    p.normalize();
+    return p;
+  });
+}
+
+// The standard library's lexical normalisation is an outside oracle for
+// rooted paths, once its trailing separator is dropped and our two roots ("",
+// when no element was ever added, and "/") are both read as "/".
+TEST(PathnameArithmetic, NormalizeAgreesWithLexicallyNormalOnRandomRootedPaths) {
+  std::mt19937 rng(20240611);
+  const char* kElements[] = {"a", "b", "cc", ".", "..", "", "d.e"};
+  for (int round = 0; round < 5000; ++round) {
+    std::string path;
+    const int n = static_cast<int>(rng() % 8);
+    for (int i = 0; i < n; ++i) {
+      path += "/";
+      path += kElements[rng() % (sizeof(kElements) / sizeof(kElements[0]))];
+    }
+    if (path.empty()) path = "/";
+    std::string want = std::filesystem::path(path).lexically_normal().string();
+    while (want.size() > 1 && want.back() == '/') want.pop_back();
+    Pathname got(path);
+    got.normalize();
+    if (got.empty()) got = "/";
+    EXPECT_EQ(want, got) << path;
+  }
+}
+
+TEST(PathnameArithmetic, RemoveDotDotSlashLeavesNoParentElement) {
+  std::mt19937 rng(77);
+  const char* kPieces[] = {"..", "/", "a", ".", "b/"};
+  for (int round = 0; round < 5000; ++round) {
+    Pathname p;
+    const int n = static_cast<int>(rng() % 10);
+    for (int i = 0; i < n; ++i) p.append(kPieces[rng() % 5]);
+    const Pathname in = p;
+    p.removeDotDotSlash();
+    PathnameVector elements;
+    p.splitOnSepInto(elements);
+    for (const Pathname& e : elements) EXPECT_NE("..", e) << in << " gave " << p;
+  }
+}
+
+TEST(PathnameArithmetic, SplittingDropsEmptyElements) {
+  PathnameVector v;
+  Pathname("//a/b//c/").splitOnSepInto(v);
+  EXPECT_EQ((PathnameVector{"a", "b", "c"}), v);
+
+  const struct { const char* text; char sep; std::vector<const char*> want; } kCases[] = {
+      {":a::b:", ':', {"a", "b"}},
+      {"", ':', {}},
+      {":::", ':', {}},
+      {"/usr/bin:/bin", ':', {"/usr/bin", "/bin"}},
+      {"one", ',', {"one"}},
+  };
+  for (const auto& c : kCases) {
+    PathnameVector got(c.text, c.sep);
+    PathnameVector want;
+    for (const char* w : c.want) want.emplace_back(w);
+    EXPECT_EQ(want, got) << c.text;
+    EXPECT_EQ(want, PathnameVector(Str(c.text), c.sep)) << c.text;
+  }
+}
+
+TEST(PathnameArithmetic, BuildFromParentAndLeaf) {
+  Pathname p("junk");
+  p.buildFromParentAndLeaf(Pathname("/etc"), "passwd");
+  EXPECT_EQ("/etc/passwd", p);
+  p.buildFromParentAndLeaf(Pathname(""), "x");
+  EXPECT_EQ("/x", p);
+  const Pathname dir("d/");
+  p = dir;
+  p.buildFromParentAndLeaf(p, "e");  // aliasing the parent is fine
+  EXPECT_EQ("d/e", p);
+}
+
+TEST(PathnameArithmetic, AbsoluteAndConstants) {
+  EXPECT_TRUE(Pathname("/x").isAbsolute());
+  EXPECT_FALSE(Pathname("x/").isAbsolute());
+  EXPECT_FALSE(Pathname("").isAbsolute());
+  EXPECT_FALSE(Pathname("/x").isUNC());
+  EXPECT_EQ("..", Pathname::parent);
+  EXPECT_EQ(".", Pathname::cur);
+  EXPECT_TRUE(Pathname::EMPTY_PATHNAME.empty());
+}
+
+TEST(PathnameModes, BitsOfEachMode) {
+  EXPECT_EQ(0644u, Pathname::createModeBits(Pathname::CREATE_NORMAL));
+  EXPECT_EQ(0600u, Pathname::createModeBits(Pathname::CREATE_PRIVATE));
+  EXPECT_EQ(0440u, Pathname::createModeBits(Pathname::CREATE_READONLY));
+  EXPECT_EQ(0700u, Pathname::mkdirModeBits(Pathname::MKDIR_PRIVATE));
+  EXPECT_EQ(0770u, Pathname::mkdirModeBits(Pathname::MKDIR_GROUP));
+  EXPECT_EQ(0777u, Pathname::mkdirModeBits(Pathname::MKDIR_ALL));
+  EXPECT_EQ(0755u, Pathname::mkdirModeBits(Pathname::MKDIR_PUBLIC));
+}
+
+TEST(PathnameModesDeathTest, OutOfRangeModesEndTheProcess) {
+  EXPECT_DEATH(Pathname::createModeBits(static_cast<Pathname::CreateMode>(7)),
+               "cm == Pathname::CREATE_NORMAL");
+  EXPECT_DEATH(Pathname::mkdirModeBits(static_cast<Pathname::MkdirMode>(9)),
+               "mode == MKDIR_PRIVATE");
+}
+
+}  // namespace
