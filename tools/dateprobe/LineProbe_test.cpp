@@ -1,0 +1,184 @@
+#include "tools/dateprobe/LineProbe.h"
+
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tools/dateprobe/DateprobeTestDoubles.h"
+
+namespace {
+
+void useZoneBehindUtc() {
+  setenv("TZ", "XST3", 1);
+  tzset();
+}
+
+const Timeval kClock(1234567890, 250000);
+
+void fixedClock(Timeval* now) { *now = kClock; }
+
+// A fresh directory, removed with its files at the end of the test.
+class TempDir {
+ public:
+  TempDir() {
+    char templ[] = "/tmp/lineprobe_test.XXXXXX";
+    _path = mkdtemp(templ);
+  }
+  ~TempDir() {
+    for (const std::string& f : _files) unlink(f.c_str());
+    rmdir(_path.c_str());
+  }
+  std::string write(const std::string& name, const std::string& content) {
+    const std::string path = _path + "/" + name;
+    FILE* f = fopen(path.c_str(), "w");
+    fwrite(content.data(), 1, content.size(), f);
+    fclose(f);
+    _files.push_back(path);
+    return path;
+  }
+  const std::string& path() const { return _path; }
+
+ private:
+  std::string _path;
+  std::vector<std::string> _files;
+};
+
+DateprobeParse detail(Timeval time, int subsecDigits) {
+  DateprobeParse p;
+  p.time = time;
+  p.timeStart = 11;
+  p.timeEnd = 23;
+  p.dateStart = 0;
+  p.dateEnd = 10;
+  p.subsecDigits = subsecDigits;
+  return p;
+}
+
+TEST(LineProbe, PrintsWhatTheParserFound) {
+  useZoneBehindUtc();
+  // 2008-02-15 10:42:03.456 UTC, 07:42:03 in XST3.
+  const Timeval t(1203072123, 456000);
+  const std::string kHead =
+      "From:\tthe line\n"
+      "Parsed:\tFri Feb 15 07:42:03 2008\n"
+      "UTC Time:\t1203072123\n"
+      "Time Region:\t11-23\n"
+      "Date Region:\t0-10\n";
+  const struct {
+    int subsecDigits;
+    const char* tail;
+  } kCases[] = {
+      {-3, ""},
+      {-2, ""},
+      {-1, ""},
+      {0, ""},
+      {1, "Subseconds:\t0.4\n"},
+      {3, "Subseconds:\t0.456\n"},
+      {6, "Subseconds:\t0.456000\n"},
+      {9, "Subseconds:\t0.456000000\n"},  // padded past the sixth digit
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.subsecDigits);
+    FakeDateprobeBack back;
+    back.results["the line"] = detail(t, c.subsecDigits);
+    CapturedOutput out;
+    probeLine(back, "the line", out.file());
+    EXPECT_EQ(kHead + c.tail, out.text());
+  }
+}
+
+TEST(LineProbe, RegionsNotFoundPrintAsMinusOne) {
+  useZoneBehindUtc();
+  FakeDateprobeBack back;
+  back.answer("x 12:00", Timeval(1203072123, 0));
+  CapturedOutput out;
+  probeLine(back, "x 12:00", out.file());
+  EXPECT_EQ(
+      "From:\tx 12:00\n"
+      "Parsed:\tFri Feb 15 07:42:03 2008\n"
+      "UTC Time:\t1203072123\n"
+      "Time Region:\t-1--1\n"
+      "Date Region:\t-1--1\n",
+      out.text());
+}
+
+TEST(LineProbe, SaysSoWhenNothingIsFound) {
+  FakeDateprobeBack back;
+  CapturedOutput out;
+  probeLine(back, "no time 'here'", out.file());
+  EXPECT_EQ("Unable to parse 'no time 'here''\n", out.text());
+}
+
+TEST(LineProbe, ParsesAgainstTheClock) {
+  const TimevalClock old = setTimevalClock(fixedClock);
+  FakeDateprobeBack back;
+  CapturedOutput out;
+  probeLine(back, "a", out.file());
+  setTimevalClock(old);
+  ASSERT_EQ(1u, back.parsedNows.size());
+  EXPECT_EQ(kClock, back.parsedNows[0]);
+}
+
+TEST(LineProbe, FileModeProbesEveryLine) {
+  const struct {
+    const char* content;
+    std::vector<std::string> lines;
+  } kCases[] = {
+      {"", {}},
+      {"one\n", {"one"}},
+      {"one", {"one"}},  // the last line needs no line end
+      {"one\r\ntwo\n\nthree", {"one", "two", "", "three"}},
+      {"\n\n", {"", ""}},
+      {"a\rb\r\r\n", {"a\rb\r"}},  // only the carriage return before the line feed goes
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.content);
+    TempDir dir;
+    const std::string path = dir.write("in.log", c.content);
+    FakeDateprobeBack back;
+    CapturedOutput out;
+    EXPECT_EQ(0, probeFile(back, path, "syslog", out.file()));
+    EXPECT_EQ(std::vector<std::string>{"source::" + path + "|syslog"}, back.sources);
+    EXPECT_EQ(c.lines, back.parsedLines);
+    std::string want;
+    for (const std::string& line : c.lines) want += "Unable to parse '" + line + "'\n";
+    want += "count=" + std::to_string(c.lines.size()) + "\n";
+    EXPECT_EQ(want, out.text());
+  }
+}
+
+TEST(LineProbe, FileModeCountsEachThousandLines) {
+  TempDir dir;
+  std::string content;
+  for (int i = 0; i < 2500; ++i) content += "l\n";
+  const std::string path = dir.write("big.log", content);
+  FakeDateprobeBack back;
+  CapturedOutput out;
+  EXPECT_EQ(0, probeFile(back, path, "*", out.file()));
+  std::string want;
+  for (int i = 1; i <= 2500; ++i) {
+    want += "Unable to parse 'l'\n";
+    if (i % 1000 == 0) want += std::to_string(i) + " lines\n";
+  }
+  want += "count=2500\n";
+  EXPECT_EQ(want, out.text());
+}
+
+TEST(LineProbe, UnreadableFileGivesFourAndNoLineEnd) {
+  TempDir dir;
+  const std::string path = dir.path() + "/missing.log";
+  FakeDateprobeBack back;
+  CapturedOutput out;
+  EXPECT_EQ(4, probeFile(back, path, "*", out.file()));
+  EXPECT_EQ("Cannot open file \"" + path + "\"!", out.text());
+  EXPECT_TRUE(back.sources.empty());
+  EXPECT_TRUE(back.parsedLines.empty());
+}
+
+}  // namespace

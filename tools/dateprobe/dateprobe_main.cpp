@@ -1,0 +1,17 @@
+// dateprobe: shows how the server would read the timestamp of a line, a
+// file of lines, or each line of its built-in sample table.
+
+#include <cstdio>
+#include <exception>
+
+#include "tools/dateprobe/DateprobeFront.h"
+#include "tools/dateprobe/NullDateprobeBack.h"
+
+int main(int argc, char** argv) {
+  try {
+    NullDateprobeBack back;
+    return runDateprobe(argc, argv, back, stdout);
+  } catch (const std::exception& e) {
+    return reportDateprobeException(e, stdout);
+  }
+}
