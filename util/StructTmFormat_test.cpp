@@ -1,0 +1,79 @@
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <random>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "util/DateTime.h"
+#include "util/TimeFormat.h"
+
+namespace {
+
+// The formats that the C library's strftime writes the same way.
+const char* const SHARED[] = {"%Y-%m-%d %H:%M:%S %z", "%a %b %e %T %Z %Y", "%c", "%G-W%V-%u %j",
+                              "%I:%M %p"};
+
+TEST(StructTmFormat, EachViewAgreesWithItsStrftime) {
+  setenv("TZ", "America/Chicago", 1);
+  tzset();
+  std::mt19937_64 rng(5);
+  for (int i = 0; i < 500; ++i) {
+    const long t = std::uniform_int_distribution<long>(0, 32503679999L)(rng);
+    GmtStructTm gmt;
+    LocalStructTm local;
+    LocalStructTmHires hires;
+    StructTmInTimezone zoned(nullptr);  // no zone: the local view
+    StructTmInTimezoneHires zonedHires(nullptr);
+    ASSERT_TRUE(gmt.fromUnixTime(t));
+    ASSERT_TRUE(local.fromUnixTime(t));
+    ASSERT_TRUE(hires.fromUnixTime(t));
+    ASSERT_TRUE(zoned.fromUnixTime(t));
+    ASSERT_TRUE(zonedHires.fromUnixTime(t));
+    for (const char* text : SHARED) {
+      const TimeFormat f(text);
+      Str a, b, c, d, e, expectGmt, expectLocal;
+      gmt.appendFtime(a, f);
+      local.appendFtime(b, f);
+      hires.appendFtime(c, f);
+      zoned.appendFtime(d, f);
+      zonedHires.appendFtime(e, f);
+      gmt.appendFtime(expectGmt, text);  // the C library's strftime
+      local.appendFtime(expectLocal, text);
+      EXPECT_EQ(expectGmt, a) << text << " " << t;
+      EXPECT_EQ(expectLocal, b) << text << " " << t;
+      EXPECT_EQ(expectLocal, c) << text << " " << t;
+      EXPECT_EQ(expectLocal, d) << text << " " << t;
+      EXPECT_EQ(expectLocal, e) << text << " " << t;
+    }
+  }
+  unsetenv("TZ");
+  tzset();
+}
+
+TEST(StructTmFormat, HiresViewsRenderTheirMicroseconds) {
+  const TimeFormat f("%S.%6N|%3N");
+  for (uint64_t usec : {0ULL, 7ULL, 123456ULL, 999999ULL}) {
+    char expected[32];
+    std::snprintf(expected, sizeof expected, "05.%06llu|%03llu", static_cast<unsigned long long>(usec),
+                  static_cast<unsigned long long>(usec / 1000));
+    LocalStructTmHires hires;
+    ASSERT_TRUE(hires.fromUnixTime(65));
+    hires.microseconds = usec;
+    StructTmInTimezoneHires zoned(nullptr);
+    ASSERT_TRUE(zoned.fromUnixTime(65));
+    zoned.microseconds = usec;
+    Str a, b, plain;
+    hires.appendFtime(a, f);
+    zoned.appendFtime(b, f);
+    EXPECT_EQ(expected, a) << usec;
+    EXPECT_EQ(expected, b) << usec;
+    LocalStructTm local;  // the plain views have no subseconds
+    ASSERT_TRUE(local.fromUnixTime(65));
+    local.appendFtime(plain, f);
+    EXPECT_EQ("05.000000|000", plain);
+  }
+}
+
+}  // namespace
