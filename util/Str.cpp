@@ -10,6 +10,10 @@
 
 const Str Str::EMPTY_STR;
 
+namespace {
+constexpr size_t MAX_FORMAT_RETRY_BYTES = size_t{1} << 20;
+}  // namespace
+
 Str& Str::format(const char* fmt, ...) {
   va_list args;
   va_start(args, fmt);
@@ -45,6 +49,9 @@ Str& Str::appendVformat(const char* fmt, va_list args) {
       std::string::append(buf, static_cast<size_t>(n));
       return *this;
     }
+    // A negative answer is a format the C library refuses (a lone "%" at the
+    // end, say): doubling cannot help past a point, and the text is dropped.
+    if (n < 0 && size >= MAX_FORMAT_RETRY_BYTES) return *this;
     size = n >= 0 ? static_cast<size_t>(n) + 1 : size * 2;
     heapBuf.resize(size);
     buf = heapBuf.data();

@@ -95,6 +95,8 @@ class Str : public std::string, public StrSegmentVocabulary<Str> {
 
   // ---- Building text (Str.cpp) ----
   // printf-style; format/vformat replace the contents, the append forms add.
+  // A format that the C library refuses even with a 1 MiB buffer appends
+  // nothing.
   Str& format(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
   Str& vformat(const char* fmt, va_list args) __attribute__((format(printf, 2, 0)));
   Str& appendFormat(const char* fmt, ...) __attribute__((format(printf, 2, 3)));

@@ -90,6 +90,16 @@ TEST(StrFormat, Examples) {
   EXPECT_EQ(std::string("a\0b7", 4), s);
 }
 
+TEST(StrFormat, RefusedFormatAppendsNothingAndReturns) {
+  // The C library answers -1 for a format it refuses; the retry must stop.
+  const char* refused = "abc%";
+  char probe[8];
+  ASSERT_LT(std::snprintf(probe, sizeof probe, refused), 0);
+  Str s("kept");
+  s.appendFormat(refused);
+  EXPECT_EQ("kept", s);
+}
+
 TEST(StrAppendNumber, MatchesSnprintf) {
   const double kDoubles[] = {0.0, -0.0, 1.5, -1.5, 0.1, 1e-7, 123456789.125, 1e300, -DBL_MAX,
                              DBL_MIN, INFINITY, -INFINITY};
