@@ -18,7 +18,7 @@ class FileDescriptor;
 class FileStar;
 class PathnameOpResult;
 class PathnameVector;
-class RetryWait;
+class ConditionWaitTimeout;
 class Timeval;
 
 // The platform's stat result for a path. A plain value.
@@ -172,11 +172,11 @@ class Pathname : public Str {
   bool symlinkTo(const Pathname& target) const;
   bool renameTo(const Pathname& target) const;
   // Retries a rename that fails for lack of descriptors or memory (ENFILE,
-  // EMFILE, ENOMEM) up to `attempts` times in all, pausing `wait` between;
+  // EMFILE, ENOMEM) up to `attempts` times in all, with wait.sleep() between;
   // any other errno ends at once. The result is named "Rename".
   // REQUIRES: attempts >= 1.
   PathnameOpResult renameToRetry(const Pathname& target, unsigned attempts,
-                                 const RetryWait& wait) const;
+                                 const ConditionWaitTimeout& wait) const;
   bool truncate(long size) const;
   // unlink, or rmdir for a directory.
   bool remove() const;

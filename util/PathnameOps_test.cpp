@@ -19,11 +19,11 @@
 #include <thread>
 #include <vector>
 
+#include "util/ConditionWaitTimeout.h"
 #include "util/Directory.h"
 #include "util/FileDescriptor.h"
 #include "util/FileStar.h"
 #include "util/PathnameOpResult.h"
-#include "util/RetryWait.h"
 #include "util/TestTempDir.h"
 #include "util/Timeval.h"
 
@@ -452,14 +452,14 @@ TEST(PathnameRenameToRetry, SucceedsAtOnceOrStopsOnAnOrdinaryError) {
   ASSERT_FALSE(dir.path().empty());
   const Pathname a = dir / "a", b = dir / "b";
   writeFile(a, "x");
-  const PathnameOpResult ok = a.renameToRetry(b, 5, RetryWait(0, 1000000));
+  const PathnameOpResult ok = a.renameToRetry(b, 5, ConditionWaitTimeout(0, 1000000));
   EXPECT_EQ("Rename", ok._operation);
   EXPECT_TRUE(ok._success);
   EXPECT_EQ(1u, ok._attempts);
   EXPECT_LE(ok._firstAttempt, ok._lastAttempt);
   EXPECT_TRUE(b.exists());
 
-  const PathnameOpResult missing = a.renameToRetry(b, 5, RetryWait(0, 1000000));
+  const PathnameOpResult missing = a.renameToRetry(b, 5, ConditionWaitTimeout(0, 1000000));
   EXPECT_FALSE(missing._success);
   EXPECT_EQ(1u, missing._attempts);  // ENOENT is not retried
   EXPECT_EQ(ENOENT, missing._errno);
@@ -486,7 +486,7 @@ int attemptsWhenRenameFailsWith(int err, unsigned attempts) {
                               filter};
     if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) ::_exit(100);
     if (::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &prog) != 0) ::_exit(101);
-    const PathnameOpResult r = a.renameToRetry(dir / "b", attempts, RetryWait(0, 1000000));
+    const PathnameOpResult r = a.renameToRetry(dir / "b", attempts, ConditionWaitTimeout(0, 1000000));
     if (r._success || r._errno != err) ::_exit(102);
     ::_exit(static_cast<int>(r._attempts));
   }

@@ -7,9 +7,9 @@
 #include <cerrno>
 
 #include "util/Assert.h"
+#include "util/ConditionWaitTimeout.h"
 #include "util/Pathname.h"
 #include "util/PathnameOpResult.h"
-#include "util/RetryWait.h"
 #include "util/Timeval.h"
 
 void PathnameStat::getMtime(Timeval* out) const {
@@ -42,7 +42,7 @@ bool Pathname::touchExisting() const {
 }
 
 PathnameOpResult Pathname::renameToRetry(const Pathname& target, unsigned attempts,
-                                         const RetryWait& wait) const {
+                                         const ConditionWaitTimeout& wait) const {
   kassert(attempts >= 1);
   PathnameOpResult result("Rename");
   result._firstAttempt = Timeval::now();

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "util/DateTime.h"
+#include "util/LogCapture.h"
 #include "util/TimeWarnings.h"
 
 // How failures print a Timeval.
@@ -67,17 +68,10 @@ class ScopedTz {
   std::string _old;
 };
 
-std::vector<std::string> gWarnings;
-void collectWarning(const char* message) { gWarnings.push_back(message); }
-
-// Routes warnings into gWarnings for one test.
-class ScopedWarningCapture {
+// Routes the time warnings into a file for one test; lines read "WARN <message>".
+class ScopedWarningCapture : public ScopedLogCapture {
  public:
-  ScopedWarningCapture() : _previous(setTimeWarningSink(&collectWarning)) { gWarnings.clear(); }
-  ~ScopedWarningCapture() { setTimeWarningSink(_previous); }
-
- private:
-  TimeWarningSink _previous;
+  ScopedWarningCapture() : ScopedLogCapture(TIME_WARNING_CHANNEL) {}
 };
 
 Timeval gFixedNow;
@@ -602,8 +596,8 @@ TEST(Timeval, LocaltimeClampsRefusedTimesAndWarns) {
   EXPECT_EQ(-1, high.tm_isdst);
   EXPECT_EQ(999999u, high.microseconds);
   EXPECT_EQ(19800, high.tm_gmtoff);  // set up from time 0 in the zone
-  ASSERT_EQ(1u, gWarnings.size());
-  EXPECT_EQ("LocalStructTm::fromUnixTime(32535244800) failed!", gWarnings[0]);
+  ASSERT_EQ(1u, capture.lines().size());
+  EXPECT_EQ("WARN LocalStructTm::fromUnixTime(32535244800) failed!", capture.lines()[0]);
 
   LocalStructTmHires low;
   low.microseconds = 7;
@@ -616,15 +610,16 @@ TEST(Timeval, LocaltimeClampsRefusedTimesAndWarns) {
   EXPECT_EQ(0, low.tm_yday);
   EXPECT_EQ(-1, low.tm_isdst);
   EXPECT_EQ(0u, low.microseconds);
-  ASSERT_EQ(2u, gWarnings.size());
-  EXPECT_EQ("LocalStructTm::fromUnixTime(-9223372036854775808) failed!", gWarnings[1]);
+  ASSERT_EQ(2u, capture.lines().size());
+  EXPECT_EQ("WARN LocalStructTm::fromUnixTime(-9223372036854775808) failed!",
+            capture.lines()[1]);
 
   StructTmInTimezoneHires zoned;
   Timeval(40000000000, 0).localtime(&zoned);
   EXPECT_EQ(8099, zoned.tm_year);
   EXPECT_EQ(999999u, zoned.microseconds);
-  ASSERT_EQ(3u, gWarnings.size());
-  EXPECT_EQ("StructTmInTimezone::fromUnixTime(40000000000) failed!", gWarnings[2]);
+  ASSERT_EQ(3u, capture.lines().size());
+  EXPECT_EQ("WARN StructTmInTimezone::fromUnixTime(40000000000) failed!", capture.lines()[2]);
 }
 
 TEST(Timeval, LocaltimeAndSetRoundTrip) {
@@ -659,7 +654,7 @@ TEST(Timeval, LocaltimeAndSetRoundTrip) {
       EXPECT_EQ(Timeval(t.tv_sec, 0), back);
     }
   }
-  EXPECT_TRUE(gWarnings.empty());
+  EXPECT_TRUE(capture.lines().empty());
 }
 
 TEST(Timeval, SetFailureSaturatesByYearAndWarns) {
@@ -674,8 +669,8 @@ TEST(Timeval, SetFailureSaturatesByYearAndWarns) {
   Timeval t(5, 5);
   EXPECT_FALSE(t.set(lastSecondOf1969));  // -1 always counts as failure
   EXPECT_TRUE(t.isMin());
-  ASSERT_EQ(1u, gWarnings.size());
-  EXPECT_EQ("GmtStructTm::toUnixTime(1969-12-31 23:59:59) failed!", gWarnings[0]);
+  ASSERT_EQ(1u, capture.lines().size());
+  EXPECT_EQ("WARN GmtStructTm::toUnixTime(1969-12-31 23:59:59) failed!", capture.lines()[0]);
 
   LocalStructTm farFuture;
   farFuture.tm_year = INT_MAX;
@@ -684,8 +679,8 @@ TEST(Timeval, SetFailureSaturatesByYearAndWarns) {
   farFuture.tm_isdst = -1;
   EXPECT_FALSE(t.set(farFuture));
   EXPECT_TRUE(t.isMax());
-  ASSERT_EQ(2u, gWarnings.size());
-  EXPECT_EQ(0u, gWarnings[1].find("LocalStructTm::toUnixTime(")) << gWarnings[1];
+  ASSERT_EQ(2u, capture.lines().size());
+  EXPECT_EQ(0u, capture.lines()[1].find("WARN LocalStructTm::toUnixTime(")) << capture.lines()[1];
 }
 
 TEST(Timeval, ClockSeamFixesNow) {

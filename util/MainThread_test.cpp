@@ -1,0 +1,89 @@
+#include "util/MainThread.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+
+#include "util/ThreadException.h"
+
+namespace {
+
+TEST(MainThread, BeforeItExistsEveryThreadCountsAsMain) {
+  bool foreignIsMain = false;
+  std::thread foreign([&] { foreignIsMain = Thread::currentlyRunningInMainThread(); });
+  foreign.join();
+  EXPECT_TRUE(foreignIsMain);
+  EXPECT_TRUE(Thread::currentlyRunningInMainThread());
+}
+
+TEST(MainThread, IsTheFirstThreadsThreadAndComesOnce) {
+  MainThread main;
+  EXPECT_EQ(&main, Thread::current());
+  EXPECT_EQ("Main Thread", Thread::currentName());
+  EXPECT_TRUE(main.isCurrent());
+  EXPECT_TRUE(Thread::currentlyRunningInMainThread());
+  bool foreignIsMain = true;
+  std::thread foreign([&] { foreignIsMain = Thread::currentlyRunningInMainThread(); });
+  foreign.join();
+  EXPECT_FALSE(foreignIsMain);
+
+  std::string text;
+  try {
+    MainThread second;
+  } catch (const ThreadException& e) {
+    text = e.what();
+  }
+  EXPECT_EQ("Main Thread created twice!", text);
+  EXPECT_EQ(&main, Thread::current());  // the failed second changed nothing
+}
+
+// A thread that nobody waits for: it hands itself to the main thread.
+class OrphanThread : public Thread {
+ public:
+  OrphanThread(std::atomic<int>* deleted, bool* wasMain)
+      : Thread("orphan"), _deleted(deleted), _wasMain(wasMain) {}
+  ~OrphanThread() override { _deleted->fetch_add(1); }
+  void main() override {
+    *_wasMain = Thread::currentlyRunningInMainThread();
+    MainThread::joinAndDeleteMe(this);
+  }
+
+ private:
+  std::atomic<int>* _deleted;
+  bool* _wasMain;
+};
+
+TEST(MainThread, JoinsAndDeletesThreadsThatGaveThemselvesUp) {
+  MainThread main;
+  std::atomic<int> deleted{0};
+  bool wasMain[3] = {true, true, true};
+  for (int i = 0; i < 3; ++i) (new OrphanThread(&deleted, &wasMain[i]))->go();
+  size_t joined = 0;
+  while (joined < 3) {
+    ASSERT_TRUE(MainThread::waitForJoinRequest(ConditionWaitTimeout(600, 0)));
+    joined += MainThread::runPendingJoins();
+  }
+  EXPECT_EQ(3u, joined);
+  EXPECT_EQ(3, deleted.load());
+  for (bool b : wasMain) EXPECT_FALSE(b);
+  EXPECT_EQ(0u, MainThread::runPendingJoins());
+  EXPECT_FALSE(MainThread::waitForJoinRequest(ConditionWaitTimeout(0, 1000000)));
+}
+
+TEST(MainThreadDeathTest, OnlyTheThreadItselfMayGiveItselfUp) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  struct Idle : Thread {
+    Idle() : Thread("idle") {}
+    void main() override {}
+  };
+  EXPECT_DEATH(
+      {
+        Idle t;
+        MainThread::joinAndDeleteMe(&t);
+      },
+      "Assertion failed: thr->isCurrent\\(\\)");
+}
+
+}  // namespace
