@@ -13,6 +13,7 @@
 
 #include "util/CharacterClass.h"
 
+class Regex;
 class Str;
 class StrVector;
 class StrSegmentVector;
@@ -79,6 +80,19 @@ class StrSegment {
   size_type find_last_not_of(const CharacterClass& cc, size_type pos = npos) const;
   size_type find_last_not_of(const char* set, size_type pos = npos) const;
   size_type find_last_not_of(char c, size_type pos = npos) const;
+
+  // The offset of the first match of `regex` in the `len` bytes at `data`,
+  // or npos. Newlines are any of the Unicode line ends, \R likewise; with
+  // `anchored` the match must start at the first byte, with `wholeString` it
+  // must cover all `len` bytes. The bytes are taken as UTF-8 unchecked:
+  // invalid sequences match nothing, the text around them as usual. The
+  // second form searches the tail from `start`, its offset relative to that
+  // tail, and gives npos when `start` is past `len`.
+  // REQUIRES: data is not null unless len is 0 ("datalen == 0").
+  static size_type mem_regexmatch(const Regex& regex, const char* data, size_type len,
+                                  bool anchored, bool wholeString);
+  static size_type mem_regexmatch(const Regex& regex, const char* data, size_type len,
+                                  size_type start, bool anchored, bool wholeString);
 
   bool contains(char c) const { return find(c) != npos; }
   bool contains(const StrSegment& s) const { return find(s) != npos; }
