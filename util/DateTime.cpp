@@ -70,6 +70,8 @@ long localOffset(const render_tm_ops*, const StructTm* t) {
 constexpr render_tm_ops GMT_RENDER_OPS = {&gmtToEpoch, &gmtTzname, &gmtOffset};
 constexpr render_tm_ops LOCAL_RENDER_OPS = {&localToEpoch, &localTzname, &localOffset};
 
+// A zone's offsets come from data (a serialized record may hold any), so
+// sums with them saturate as all time arithmetic here does.
 long saturatingAdd(long a, long b) {
   long r;
   if (!__builtin_add_overflow(a, b, &r)) return r;
