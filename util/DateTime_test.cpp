@@ -1,4 +1,5 @@
 #include "util/DateTime.h"
+#include "util/testing/ScopedTz.h"
 
 #include <gtest/gtest.h>
 
@@ -11,30 +12,6 @@
 #include <string>
 
 namespace {
-
-// Sets TZ for one test and puts the old value back.
-class ScopedTz {
- public:
-  explicit ScopedTz(const char* zone) {
-    const char* old = std::getenv("TZ");
-    _had = old != nullptr;
-    if (_had) _old = old;
-    setenv("TZ", zone, 1);
-    tzset();
-  }
-  ~ScopedTz() {
-    if (_had) {
-      setenv("TZ", _old.c_str(), 1);
-    } else {
-      unsetenv("TZ");
-    }
-    tzset();
-  }
-
- private:
-  bool _had;
-  std::string _old;
-};
 
 // The C library's GMT calendar: the oracle for the date helpers. Fields out
 // of range are normalised as timegm does ("day 0" is the previous month's

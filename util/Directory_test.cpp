@@ -9,7 +9,7 @@
 
 #include "util/FileDescriptor.h"
 #include "util/ReaddirCache.h"
-#include "util/TestTempDir.h"
+#include "util/testing/TestTempDir.h"
 
 namespace {
 

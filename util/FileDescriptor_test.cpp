@@ -17,7 +17,7 @@
 #include "util/HashedStr.h"
 #include "util/Pathname.h"
 #include "util/ReadableFileMapping.h"
-#include "util/TestTempDir.h"
+#include "util/testing/TestTempDir.h"
 #include "util/Timeval.h"
 
 namespace {

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "util/FileDescriptor.h"
-#include "util/TestTempDir.h"
+#include "util/testing/TestTempDir.h"
 
 namespace {
 

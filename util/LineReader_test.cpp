@@ -16,7 +16,7 @@
 #include "util/BufferedLineReader.h"
 #include "util/FileDescriptor.h"
 #include "util/FileStar.h"
-#include "util/TestTempDir.h"
+#include "util/testing/TestTempDir.h"
 
 namespace {
 

@@ -10,10 +10,10 @@
 #include <thread>
 #include <vector>
 
-#include "util/LogCapture.h"
+#include "util/testing/LogCapture.h"
 #include "util/LogFormat.h"
 #include "util/Logger.h"
-#include "util/TestTempDir.h"
+#include "util/testing/TestTempDir.h"
 
 namespace {
 

@@ -9,10 +9,10 @@
 #include <vector>
 
 #include "util/LogAppender.h"
-#include "util/LogCapture.h"
+#include "util/testing/LogCapture.h"
 #include "util/LogChannel.h"
 #include "util/LogFormat.h"
-#include "util/TestTempDir.h"
+#include "util/testing/TestTempDir.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "util/LogCapture.h"
+#include "util/testing/LogCapture.h"
 #include "util/Logger.h"
 
 namespace {

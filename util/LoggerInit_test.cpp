@@ -14,7 +14,7 @@
 #include <sstream>
 #include <string>
 
-#include "util/TestTempDir.h"
+#include "util/testing/TestTempDir.h"
 
 namespace {
 

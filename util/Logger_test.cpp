@@ -16,9 +16,9 @@
 
 #include "util/HashedStr.h"
 #include "util/LogAudit.h"
-#include "util/LogCapture.h"
+#include "util/testing/LogCapture.h"
 #include "util/LogChannel.h"
-#include "util/TestTempDir.h"
+#include "util/testing/TestTempDir.h"
 
 namespace {
 

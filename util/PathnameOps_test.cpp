@@ -24,7 +24,7 @@
 #include "util/FileDescriptor.h"
 #include "util/FileStar.h"
 #include "util/PathnameOpResult.h"
-#include "util/TestTempDir.h"
+#include "util/testing/TestTempDir.h"
 #include "util/Timeval.h"
 
 namespace {

@@ -11,7 +11,7 @@
 #include <string>
 
 #include "util/FileDescriptor.h"
-#include "util/TestTempDir.h"
+#include "util/testing/TestTempDir.h"
 
 namespace fs = std::filesystem;
 

@@ -9,7 +9,7 @@
 
 #include "util/Pathname.h"
 #include "util/PathnameVector.h"
-#include "util/TestTempDir.h"
+#include "util/testing/TestTempDir.h"
 
 namespace {
 

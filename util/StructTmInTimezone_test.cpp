@@ -12,7 +12,7 @@
 #include "util/TimeFormat.h"
 #include "util/Timeval.h"
 #include "util/Timezone.h"
-#include "util/TimezoneTestSupport.h"
+#include "util/testing/TimezoneTestSupport.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "util/LogCapture.h"
+#include "util/testing/LogCapture.h"
 #include "util/ThreadException.h"
 
 namespace {

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "util/DateTime.h"
+#include "util/testing/ScopedTz.h"
 
 namespace {
 
@@ -73,30 +74,6 @@ std::string render(const char* format, const StructTm& t, unsigned long usec,
   if (f.isSet()) f.render(out, t, usec, ops);
   return out;
 }
-
-// Sets TZ for the life of the object and restores it after.
-class ScopedTz {
- public:
-  explicit ScopedTz(const char* zone) {
-    const char* old = std::getenv("TZ");
-    _hadOld = old != nullptr;
-    if (_hadOld) _old = old;
-    setenv("TZ", zone, 1);
-    tzset();
-  }
-  ~ScopedTz() {
-    if (_hadOld) {
-      setenv("TZ", _old.c_str(), 1);
-    } else {
-      unsetenv("TZ");
-    }
-    tzset();
-  }
-
- private:
-  bool _hadOld = false;
-  std::string _old;
-};
 
 // Random instants from 1971 to the end of 2999.
 long randomInstant(std::mt19937_64& rng) {

@@ -14,8 +14,9 @@
 #include <vector>
 
 #include "util/DateTime.h"
-#include "util/LogCapture.h"
+#include "util/testing/LogCapture.h"
 #include "util/TimeWarnings.h"
+#include "util/testing/ScopedTz.h"
 
 // How failures print a Timeval.
 void PrintTo(const Timeval& t, std::ostream* os) {
@@ -43,30 +44,6 @@ Timeval fromTotal(Wide total) {
   if (usec < 0) usec += USEC, sec -= 1;
   return Timeval(static_cast<int64_t>(sec), static_cast<int64_t>(usec));
 }
-
-// Sets TZ for one test and puts the old value back.
-class ScopedTz {
- public:
-  explicit ScopedTz(const char* zone) {
-    const char* old = std::getenv("TZ");
-    _had = old != nullptr;
-    if (_had) _old = old;
-    setenv("TZ", zone, 1);
-    tzset();
-  }
-  ~ScopedTz() {
-    if (_had) {
-      setenv("TZ", _old.c_str(), 1);
-    } else {
-      unsetenv("TZ");
-    }
-    tzset();
-  }
-
- private:
-  bool _had;
-  std::string _old;
-};
 
 // Routes the time warnings into a file for one test; lines read "WARN <message>".
 class ScopedWarningCapture : public ScopedLogCapture {

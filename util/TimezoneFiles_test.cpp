@@ -8,11 +8,11 @@
 
 #include "util/FileDescriptor.h"
 #include "util/StrVector.h"
-#include "util/TestTempDir.h"
+#include "util/testing/TestTempDir.h"
 #include "util/Timezone.h"
 #include "util/TimezoneCache.h"
 #include "util/TimezonePackFormat.h"
-#include "util/TimezoneTestSupport.h"
+#include "util/testing/TimezoneTestSupport.h"
 
 namespace {
 

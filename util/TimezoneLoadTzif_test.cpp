@@ -7,7 +7,7 @@
 #include <string>
 
 #include "util/Timezone.h"
-#include "util/TimezoneTestSupport.h"
+#include "util/testing/TimezoneTestSupport.h"
 
 namespace {
 

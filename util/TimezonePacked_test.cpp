@@ -7,10 +7,10 @@
 #include <vector>
 
 #include "util/StrVector.h"
-#include "util/TestTempDir.h"
+#include "util/testing/TestTempDir.h"
 #include "util/Timezone.h"
 #include "util/TimezonePackFormat.h"
-#include "util/TimezoneTestSupport.h"
+#include "util/testing/TimezoneTestSupport.h"
 
 namespace {
 

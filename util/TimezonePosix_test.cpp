@@ -9,7 +9,7 @@
 
 #include "util/DateTime.h"
 #include "util/Timezone.h"
-#include "util/TimezoneTestSupport.h"
+#include "util/testing/TimezoneTestSupport.h"
 
 namespace {
 

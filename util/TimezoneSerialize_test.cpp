@@ -7,7 +7,7 @@
 #include "util/LineReader.h"
 #include "util/StrVector.h"
 #include "util/Timezone.h"
-#include "util/TimezoneTestSupport.h"
+#include "util/testing/TimezoneTestSupport.h"
 
 namespace {
 

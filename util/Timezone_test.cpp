@@ -6,7 +6,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "util/TimezoneTestSupport.h"
+#include "util/testing/TimezoneTestSupport.h"
 
 namespace {
 

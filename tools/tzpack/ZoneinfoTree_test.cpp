@@ -6,7 +6,7 @@
 #include <fstream>
 #include <string>
 
-#include "util/TestTempDir.h"
+#include "util/testing/TestTempDir.h"
 
 namespace fs = std::filesystem;
 

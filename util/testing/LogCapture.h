@@ -12,7 +12,7 @@
 #include "util/LogAppender.h"
 #include "util/LogChannel.h"
 #include "util/Logger.h"
-#include "util/TestTempDir.h"
+#include "util/testing/TestTempDir.h"
 
 // One owner: the test that made it. Connects the loggers first
 // (Logger::initialize()) if nobody did. While it lives, the channel (the
