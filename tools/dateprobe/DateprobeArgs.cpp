@@ -1,13 +1,11 @@
 #include "tools/dateprobe/DateprobeArgs.h"
 
-#include <cassert>
 #include <cstdlib>
 #include <cstring>
 
 DateprobeArgs classifyDateprobeArgs(int argc, const char* const* argv) {
   DateprobeArgs args;
   if (argc < 2) return args;
-  assert(argv != nullptr);
   const char* first = argv[1];
   if (strcmp(first, "file") == 0 && (argc == 3 || argc == 4)) {
     args.mode = DateprobeMode::FILE_LINES;

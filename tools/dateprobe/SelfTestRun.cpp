@@ -1,7 +1,8 @@
 #include "tools/dateprobe/SelfTestRun.h"
 
-#include <cassert>
 #include <cstdint>
+
+#include "util/Assert.h"
 
 namespace {
 
@@ -12,7 +13,7 @@ void breakDown(const SelfTestCase& row, const Timeval& t, StructTm* out) {
     *out = local;
     return;
   }
-  assert(row.zone_offset > -(INT64_C(1) << 32) && row.zone_offset < (INT64_C(1) << 32));
+  kassert(row.zone_offset > -(INT64_C(1) << 32) && row.zone_offset < (INT64_C(1) << 32));
   Timeval shifted = t;
   if (row.zone_offset >= 0) {
     shifted.addSec(static_cast<unsigned int>(row.zone_offset));
