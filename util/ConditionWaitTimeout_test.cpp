@@ -8,14 +8,10 @@ namespace {
 
 TEST(ConditionWaitTimeout, SetReadsWholeTextsOfSeconds) {
   const struct { const char* text; int64_t seconds; int64_t nanoseconds; } kCases[] = {
-      {"0", 0, 0},
-      {"3", 3, 0},
-      {"1.5", 1, 500000000},
-      {" \t2.25", 2, 250000000},   // leading blanks are part of the text
-      {"0.0004", 0, 1000000},      // a fraction never rounds to nothing
-      {"0.0005", 0, 1000000},      // rounds at the fourth digit
-      {"12.", 12, 0},
-      {".75", 0, 750000000},
+      {" \t2.25", 2, 250000000},  // leading blanks are part of the text
+      {"0.0004", 0, 1000000},     // a fraction never rounds to nothing
+      {"0.0005", 0, 1000000},     // rounds at the fourth digit
+      {"0", 0, 0}, {"3", 3, 0}, {"1.5", 1, 500000000}, {"12.", 12, 0}, {".75", 0, 750000000},
       {"86400.001", 86400, 1000000},
   };
   for (const auto& c : kCases) {
@@ -37,15 +33,9 @@ TEST(ConditionWaitTimeout, SetRefusesTextItDoesNotConsumeAndKeepsTheValue) {
 
 TEST(ConditionWaitTimeout, AsStrUsesTheFewestDigitGroups) {
   const struct { int64_t seconds; int64_t nanoseconds; const char* text; } kCases[] = {
-      {0, 0, "0"},
-      {3, 0, "3"},
-      {3, 500000000, "3.500"},
-      {0, 1000000, "0.001"},
-      {0, 1500000, "0.001500"},
-      {1, 1000, "1.000001"},
-      {2, 7, "2.000000007"},
-      {2, 999999999, "2.999999999"},
-      {4294967295, 10, "4294967295.000000010"},
+      {0, 0, "0"}, {3, 0, "3"}, {3, 500000000, "3.500"}, {0, 1000000, "0.001"},
+      {0, 1500000, "0.001500"}, {1, 1000, "1.000001"}, {2, 7, "2.000000007"},
+      {2, 999999999, "2.999999999"}, {4294967295, 10, "4294967295.000000010"},
   };
   for (const auto& c : kCases) {
     EXPECT_EQ(c.text, ConditionWaitTimeout(c.seconds, c.nanoseconds).asStr()) << c.text;
@@ -73,11 +63,8 @@ double monotonicSeconds() {
 }
 
 TEST(ConditionWaitTimeout, SleepDoesNotReturnBeforeItsSpan) {
-  const struct { int64_t seconds; int64_t nanoseconds; } kCases[] = {
-      {0, 30000000},  // the usleep road
-      {1, 0},         // the sleep road
-      {0, 0},
-  };
+  // The usleep road, the sleep road, and nothing at all.
+  const struct { int64_t seconds; int64_t nanoseconds; } kCases[] = {{0, 30000000}, {1, 0}, {0, 0}};
   for (const auto& c : kCases) {
     const double start = monotonicSeconds();
     ConditionWaitTimeout(c.seconds, c.nanoseconds).sleep();

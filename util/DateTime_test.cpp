@@ -1,61 +1,31 @@
 #include "util/DateTime.h"
-#include "util/testing/ScopedTz.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <random>
 #include <string>
 
+#include "util/testing/CivilTime.h"
+#include "util/testing/ScopedTz.h"
+
 namespace {
 
-// The C library's GMT calendar: the oracle for the date helpers. Fields out
-// of range are normalised as timegm does ("day 0" is the previous month's
-// last day).
-time_t utc(long year, int mon, int mday, int hour = 0, int min = 0, int sec = 0) {
-  tm t{};
-  t.tm_year = static_cast<int>(year - 1900);
-  t.tm_mon = mon;
-  t.tm_mday = mday;
-  t.tm_hour = hour;
-  t.tm_min = min;
-  t.tm_sec = sec;
-  return timegm(&t);
-}
-
+// The C library's GMT calendar is the oracle; `mon` counts from 0 here as
+// in tm, and day 0 is the previous month's last day.
 tm civil(long year, int mon, int mday, int hour = 0, int min = 0, int sec = 0) {
-  const time_t at = utc(year, mon, mday, hour, min, sec);
-  tm out{};
-  gmtime_r(&at, &out);
-  return out;
+  return utcFields(civilUtc(year, mon + 1, mday, hour, min, sec));
 }
 
 StructTm randomDate(std::mt19937_64& rng, long firstYear, long lastYear) {
-  const time_t first = utc(firstYear, 0, 1);
-  const time_t last = utc(lastYear, 11, 31, 23, 59, 59);
-  const time_t t = first + static_cast<time_t>(rng() % static_cast<uint64_t>(last - first + 1));
+  const long first = civilUtc(firstYear, 1, 1);
+  const long last = civilUtc(lastYear, 12, 31, 23, 59, 59);
   StructTm out;
-  gmtime_r(&t, &out);
+  static_cast<tm&>(out) = utcFields(first + static_cast<long>(rng() % (last - first + 1)));
   return out;
-}
-
-std::string fieldsOf(const tm& t) {
-  char text[96];
-  std::snprintf(text, sizeof text, "%d-%02d-%02d %02d:%02d:%02d wday %d yday %d",
-                t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec,
-                t.tm_wday, t.tm_yday);
-  return text;
-}
-
-void expectSameFields(const tm& want, const tm& got) {
-  EXPECT_EQ(fieldsOf(want), fieldsOf(got));
-  EXPECT_EQ(want.tm_isdst, got.tm_isdst);
-  EXPECT_EQ(want.tm_gmtoff, got.tm_gmtoff);
-  EXPECT_STREQ(want.tm_zone, got.tm_zone);
 }
 
 }  // namespace
@@ -81,6 +51,8 @@ TEST(StructTm, LeapYearsAndJanuaryFirstAgreeWithTimegm) {
   }
 }
 
+// Some 330 of the dates fall within three days of a New Year, where the ISO
+// year and week part from the calendar's.
 TEST(StructTm, WeekNumbersAgreeWithStrftime) {
   std::mt19937_64 rng(8601);
   for (int i = 0; i < 20000; ++i) {
@@ -90,29 +62,11 @@ TEST(StructTm, WeekNumbersAgreeWithStrftime) {
     long isoYear;
     int isoWeek, sundayWeek, mondayWeek;
     ASSERT_EQ(4, std::sscanf(text, "%ld %d %d %d", &isoYear, &isoWeek, &sundayWeek, &mondayWeek));
-    SCOPED_TRACE(fieldsOf(t));
+    SCOPED_TRACE(civilFields(t));
     EXPECT_EQ(isoYear, t.yearISO8601());
     EXPECT_EQ(isoWeek, t.yearWeekISO8601());
     EXPECT_EQ(sundayWeek, t.yearWeekFromSunday());
     EXPECT_EQ(mondayWeek, t.yearWeekFromMonday());
-  }
-}
-
-TEST(StructTm, IsoWeekYearBoundaries) {
-  const struct { long year; int mon, mday; int isoYear, isoWeek; } kCases[] = {
-      {2021, 0, 1, 2020, 53},   // a Friday: still the old year's week 53
-      {2021, 0, 4, 2021, 1},
-      {2024, 11, 30, 2025, 1},  // a Monday: already the next year's week 1
-      {2026, 11, 31, 2026, 53},
-      {2005, 0, 2, 2004, 53},
-      {2008, 11, 29, 2009, 1},
-  };
-  for (const auto& c : kCases) {
-    StructTm t;
-    static_cast<tm&>(t) = civil(c.year, c.mon, c.mday);
-    SCOPED_TRACE(fieldsOf(t));
-    EXPECT_EQ(c.isoYear, t.yearISO8601());
-    EXPECT_EQ(c.isoWeek, t.yearWeekISO8601());
   }
 }
 
@@ -122,9 +76,7 @@ TEST(StructTm, MdayValidForMonthAndLastMday) {
       {123, 1, 29, false, 28},
       {100, 1, 29, true, 28},   // 2000 is leap
       {0, 1, 29, false, 28},    // 1900 is not
-      {123, 3, 31, false, 30},
-      {123, 11, 31, true, 31},
-      {123, 0, 0, false, 31},
+      {123, 3, 31, false, 30}, {123, 11, 31, true, 31}, {123, 0, 0, false, 31},
       {123, 12, 1, false, -1},  // month out of range: no change
       {123, -1, 1, false, -1},
   };
@@ -133,43 +85,33 @@ TEST(StructTm, MdayValidForMonthAndLastMday) {
     t.tm_year = c.year;
     t.tm_mon = c.mon;
     t.tm_mday = c.mday;
-    SCOPED_TRACE(fieldsOf(t));
+    SCOPED_TRACE(civilFields(t));
     EXPECT_EQ(c.valid, t.mdayValidForMonth());
     t.setToLastMday();
     EXPECT_EQ(c.lastMday == -1 ? c.mday : c.lastMday, t.tm_mday);
   }
 }
 
-TEST(StructTm, AddCalendarMonthsKnownCases) {
+TEST(StructTm, AddCalendarMonthsKnownCasesAndRefusals) {
   const struct { long year; int mon, mday, n; long wantYear; int wantMon, wantMday; } kCases[] = {
       {2024, 0, 31, 1, 2024, 1, 29},   // into a leap February
-      {2023, 0, 31, 1, 2023, 1, 28},
-      {2024, 2, 31, -1, 2024, 1, 29},
-      {2023, 11, 15, 1, 2024, 0, 15},  // over the year end
-      {2024, 0, 15, -1, 2023, 11, 15},
-      {2024, 5, 30, -12, 2023, 5, 30},
-      {2024, 5, 30, 25, 2026, 6, 30},
-      {2024, 1, 29, 12, 2025, 1, 28},
+      {2023, 0, 31, 1, 2023, 1, 28}, {2024, 2, 31, -1, 2024, 1, 29}, {2024, 1, 29, 12, 2025, 1, 28},
       {2999, 11, 31, 0, 2999, 11, 31},
   };
   for (const auto& c : kCases) {
     StructTm t;
     static_cast<tm&>(t) = civil(c.year, c.mon, c.mday, 10, 20, 30);
-    SCOPED_TRACE(fieldsOf(t) + " + " + std::to_string(c.n));
+    SCOPED_TRACE(civilFields(t) + " + " + std::to_string(c.n));
     ASSERT_TRUE(t.addCalendarMonths(c.n));
-    const tm want = civil(c.wantYear, c.wantMon, c.wantMday, 10, 20, 30);
-    EXPECT_EQ(fieldsOf(want), fieldsOf(t));
+    EXPECT_EQ(civilFields(civil(c.wantYear, c.wantMon, c.wantMday, 10, 20, 30)), civilFields(t));
   }
-}
-
-TEST(StructTm, AddCalendarMonthsRefusesAndLeavesFieldsAlone) {
-  const struct { int year, mon, n; } kCases[] = {
+  const struct { int year, mon, n; } kRefused[] = {
       {1099, 11, 1},    // into the year 3000
       {123, 0, 12000},
       {123, 12, 1},     // month out of range
       {123, -1, 0},
   };
-  for (const auto& c : kCases) {
+  for (const auto& c : kRefused) {
     StructTm t;
     t.tm_year = c.year;
     t.tm_mon = c.mon;
@@ -191,17 +133,17 @@ TEST(StructTm, AddCalendarMonthsMatchesAMonthCountModel) {
     const long total = (before.tm_year + 1900L) * 12 + before.tm_mon + n;
     const long year = total >= 0 ? total / 12 : -((-total + 11) / 12);
     const int mon = static_cast<int>(total - year * 12);
-    SCOPED_TRACE(fieldsOf(before) + " + " + std::to_string(n));
+    SCOPED_TRACE(civilFields(before) + " + " + std::to_string(n));
     if (year - 1900 >= 1100) {
       EXPECT_FALSE(t.addCalendarMonths(n));
-      EXPECT_EQ(fieldsOf(before), fieldsOf(t));
+      EXPECT_EQ(civilFields(before), civilFields(t));
       continue;
     }
     const int daysInMonth = civil(year, mon + 1, 0).tm_mday;
     const tm want = civil(year, mon, std::min(before.tm_mday, daysInMonth), before.tm_hour,
                           before.tm_min, before.tm_sec);
     ASSERT_TRUE(t.addCalendarMonths(n));
-    EXPECT_EQ(fieldsOf(want), fieldsOf(t));
+    EXPECT_EQ(civilFields(want), civilFields(t));
   }
 }
 
@@ -217,11 +159,8 @@ TEST(StructTm, GmtBreakdownAgreesWithGmtimeR) {
       EXPECT_EQ(4242, got.tm_year);
       continue;
     }
-    const time_t tt = t;
-    tm want;
-    ASSERT_NE(nullptr, gmtime_r(&tt, &want));
     ASSERT_TRUE(got.fromUnixTime(t));
-    expectSameFields(want, got);
+    EXPECT_EQ(civilFieldsAndZone(utcFields(t)), civilFieldsAndZone(got));
     EXPECT_EQ(t, got.toUnixTime());
   }
   GmtStructTm edge;
@@ -243,14 +182,15 @@ TEST(StructTm, LocalBreakdownAgreesWithTheCLibraryInRealZones) {
       ASSERT_NE(nullptr, localtime_r(&tt, &want));
       LocalStructTm got;
       ASSERT_TRUE(got.fromUnixTime(t));
-      expectSameFields(want, got);
+      EXPECT_EQ(civilFieldsAndZone(want), civilFieldsAndZone(got));
       EXPECT_EQ(want.tm_gmtoff, got.timezoneOffsetSeconds());
       tm again = want;
       EXPECT_EQ(mktime(&again), got.toUnixTime());
       StructTmInTimezone local(nullptr);
       ASSERT_TRUE(local.fromUnixTime(t));
-      expectSameFields(want, local);
+      EXPECT_EQ(civilFieldsAndZone(want), civilFieldsAndZone(local));
       EXPECT_EQ(want.tm_gmtoff, local.timezoneOffsetSeconds());
+      EXPECT_EQ(t, local.toUnixTime());
     }
   }
 }
@@ -281,10 +221,7 @@ TEST(StructTm, StrftimeGrowsItsBuffer) {
   }
   EXPECT_EQ(want, t.strftime(longFormat.c_str()));
   const struct { const char* fmt; const char* text; } kCases[] = {
-      {"%H:%M:%S", "23:31:30"},
-      {"", ""},
-      {"%j %a %b", "044 Fri Feb"},
-      {"%%", "%"},
+      {"%H:%M:%S", "23:31:30"}, {"", ""}, {"%j %a %b", "044 Fri Feb"}, {"%%", "%"},
   };
   for (const auto& c : kCases) {
     EXPECT_EQ(c.text, t.strftime(c.fmt)) << c.fmt;
@@ -298,8 +235,8 @@ TEST(StructTm, RangeLimitsAreRealDates) {
   StructTm low, high;
   low.setToRangeLimit(true);
   high.setToRangeLimit(false);
-  EXPECT_EQ(fieldsOf(civil(1900, 0, 1)), fieldsOf(low));
-  EXPECT_EQ(fieldsOf(civil(9999, 11, 31, 23, 59, 59)), fieldsOf(high));
+  EXPECT_EQ(civilFields(civil(1900, 0, 1)), civilFields(low));
+  EXPECT_EQ(civilFields(civil(9999, 11, 31, 23, 59, 59)), civilFields(high));
   EXPECT_EQ(-1, low.tm_isdst);
   EXPECT_EQ(-1, high.tm_isdst);
 }
@@ -321,8 +258,7 @@ TEST(StructTm, RenderOpsOfEachView) {
   StructTmInTimezone zoned(nullptr);
   ASSERT_TRUE(zoned.fromUnixTime(t));
   const struct { const char* name; const StructTm* view; const render_tm_ops* ops; } kViews[] = {
-      {"local", &local, local.getRenderOps()},
-      {"zone-less", &zoned, zoned.getRenderOps()},
+      {"local", &local, local.getRenderOps()}, {"zone-less", &zoned, zoned.getRenderOps()},
   };
   for (const auto& v : kViews) {
     SCOPED_TRACE(v.name);

@@ -18,17 +18,10 @@
 #include "util/Pathname.h"
 #include "util/ReadableFileMapping.h"
 #include "util/testing/TestTempDir.h"
+#include "util/testing/ThrownText.h"
 #include "util/Timeval.h"
 
 namespace {
-
-std::string readAll(FileDescriptor fd) {
-  std::string out;
-  char buf[8192];
-  ssize_t n;
-  while ((n = fd.read(buf, sizeof(buf))) > 0) out.append(buf, static_cast<size_t>(n));
-  return out;
-}
 
 TEST(FileDescriptor, ReadAndWriteMoveTheFullCountThroughAPipe) {
   int fds[2];
@@ -69,26 +62,15 @@ TEST(FileDescriptor, FailuresReturnMinusOneWithErrno) {
   EXPECT_FALSE(bad.sync());
   EXPECT_FALSE(bad.chmod(0600));
 
-  // The full device takes nothing: a write fails with ENOSPC.
-  FileDescriptor full = Pathname("/dev/full").openWriteOnlyExisting();
-  if (full.valid()) {
-    errno = 0;
-    EXPECT_EQ(-1, full.write("abc", 3));
-    EXPECT_EQ(ENOSPC, errno);
-    full.close();
-  }
-}
-
-TEST(FileDescriptor, CopyToStopsWhenTheTargetHasNoRoom) {
-  TestTempDir dir;
-  ASSERT_FALSE(dir.path().empty());
-  const Pathname src = dir / "src";
-  FileDescriptor w = src.openCreateOrReplace(Pathname::CREATE_NORMAL);
-  ASSERT_EQ(20000, w.write(std::string(20000, 'z').data(), 20000));
-  w.close();
-  ScopedFileDescriptor in(src.openReadOnly());
+  // The full device takes nothing: a write, or a copy, fails with ENOSPC.
   ScopedFileDescriptor full(Pathname("/dev/full").openWriteOnlyExisting());
   if (!full.valid()) GTEST_SKIP() << "no /dev/full";
+  errno = 0;
+  EXPECT_EQ(-1, full.write("abc", 3));
+  EXPECT_EQ(ENOSPC, errno);
+  TestTempDir dir;
+  writeTestFile(dir / "src", std::string(20000, 'z'));
+  ScopedFileDescriptor in((dir / "src").openReadOnly());
   errno = 0;
   EXPECT_FALSE(in.copyTo(FileDescriptor(full)));
   EXPECT_EQ(ENOSPC, errno);
@@ -96,7 +78,6 @@ TEST(FileDescriptor, CopyToStopsWhenTheTargetHasNoRoom) {
 
 TEST(FileDescriptor, CopyToAPathFromTheCurrentPosition) {
   TestTempDir dir;
-  ASSERT_FALSE(dir.path().empty());
   const Pathname src = dir / "src", dst = dir / "dst";
   ScopedFileDescriptor w(src.openCreateOrReplace(Pathname::CREATE_PRIVATE));
   ASSERT_EQ(5, w.put("hello"));
@@ -107,7 +88,7 @@ TEST(FileDescriptor, CopyToAPathFromTheCurrentPosition) {
   ScopedFileDescriptor in(src.openReadOnly());
   ASSERT_TRUE(in.seek_set(6));
   ASSERT_TRUE(in.copyTo(dst));
-  EXPECT_EQ("world!-12341.500000", readAll(dst.openReadOnly()));
+  EXPECT_EQ("world!-12341.500000", readTestFile(dst));
   struct stat st;
   ASSERT_EQ(0, ::stat(dst.c_str(), &st));
   EXPECT_EQ(0600u, st.st_mode & 07777);  // the source's mode
@@ -117,7 +98,6 @@ TEST(FileDescriptor, CopyToAPathFromTheCurrentPosition) {
 
 TEST(FileDescriptor, PositionsSizesAndTruncation) {
   TestTempDir dir;
-  ASSERT_FALSE(dir.path().empty());
   ScopedFileDescriptor fd((dir / "f").openReadWriteOrCreate(Pathname::CREATE_NORMAL));
   ASSERT_EQ(10, fd.write("0123456789", 10));
   EXPECT_EQ(10, fd.curPos());
@@ -150,7 +130,6 @@ TEST(FileDescriptor, PositionsSizesAndTruncation) {
 
 TEST(FileDescriptor, CloseIsIdempotentAndSaveErrnoKeepsErrno) {
   TestTempDir dir;
-  ASSERT_FALSE(dir.path().empty());
   FileDescriptor fd = (dir / "f").openCreateOrReplace(Pathname::CREATE_NORMAL);
   ASSERT_TRUE(fd.valid());
   const int number = fd.fd();
@@ -170,7 +149,6 @@ TEST(FileDescriptor, CloseIsIdempotentAndSaveErrnoKeepsErrno) {
 
 TEST(FileDescriptor, FdopenTakesOverOrClosesOnFailure) {
   TestTempDir dir;
-  ASSERT_FALSE(dir.path().empty());
   FileDescriptor fd = (dir / "f").openCreateOrReplace(Pathname::CREATE_NORMAL);
   const int number = fd.fd();
   ScopedFileStar f(fd.fdopen("w"));
@@ -190,23 +168,17 @@ TEST(FileDescriptor, FdopenTakesOverOrClosesOnFailure) {
 
 TEST(FileDescriptor, SetCloseOnExecTogglesTheFlagOrThrows) {
   TestTempDir dir;
-  ASSERT_FALSE(dir.path().empty());
   ScopedFileDescriptor fd((dir / "f").openCreateOrReplace(Pathname::CREATE_NORMAL));
   fd.setCloseOnExec(false);
   EXPECT_EQ(0, ::fcntl(fd.fd(), F_GETFD) & FD_CLOEXEC);
   fd.setCloseOnExec(true);
   EXPECT_NE(0, ::fcntl(fd.fd(), F_GETFD) & FD_CLOEXEC);
-  try {
-    FileDescriptor(-1).setCloseOnExec(true);
-    ADD_FAILURE() << "no exception";
-  } catch (const EventLoopException& e) {
-    EXPECT_STREQ("can't F_GETFD", e.what());
-  }
+  EXPECT_EQ("can't F_GETFD",
+            thrownText<EventLoopException>([] { FileDescriptor(-1).setCloseOnExec(true); }));
 }
 
 TEST(ScopedFileDescriptor, OwnershipMovesAndCloses) {
   TestTempDir dir;
-  ASSERT_FALSE(dir.path().empty());
   int first, second;
   {
     ScopedFileDescriptor a((dir / "a").openCreateOrReplace(Pathname::CREATE_NORMAL));
@@ -225,7 +197,6 @@ TEST(ScopedFileDescriptor, OwnershipMovesAndCloses) {
 
 TEST(FileStar, ReadWriteAndNetworkError) {
   TestTempDir dir;
-  ASSERT_FALSE(dir.path().empty());
   {
     ScopedFileStar f(dir / "f", "w");
     ASSERT_TRUE(f.valid());
@@ -267,12 +238,9 @@ TEST(FileStar, TemporaryFileAndClaim) {
 
 TEST(ReadableFileMapping, MapsTheWholeFileOrIsInvalid) {
   TestTempDir dir;
-  ASSERT_FALSE(dir.path().empty());
   const Pathname p = dir / "f";
   const std::string bytes = std::string(100000, 'm') + "end";
-  FileDescriptor w = p.openCreateOrReplace(Pathname::CREATE_NORMAL);
-  ASSERT_EQ(static_cast<ssize_t>(bytes.size()), w.write(bytes.data(), bytes.size()));
-  w.close();
+  writeTestFile(p, bytes);
   ScopedFileDescriptor fd(p.openReadOnly());
   ReadableFileMapping map(fd);
   fd.close();  // the mapping outlives the descriptor
@@ -285,8 +253,8 @@ TEST(ReadableFileMapping, MapsTheWholeFileOrIsInvalid) {
   ScopedFileDescriptor onDir(dir.path().openReadOnly());
   EXPECT_FALSE(ReadableFileMapping(onDir).valid());  // mmap refuses a directory
 
-  const Pathname empty = dir / "empty";
-  ScopedFileDescriptor e(empty.openCreateOrReplace(Pathname::CREATE_NORMAL));
+  writeTestFile(dir / "empty", "");
+  ScopedFileDescriptor e((dir / "empty").openReadOnly());
   ReadableFileMapping emptyMap(e);
   EXPECT_TRUE(emptyMap.valid());
   EXPECT_EQ(0u, emptyMap.size());

@@ -9,24 +9,12 @@ namespace {
 
 TEST(HorspoolStr, FindsTheFirstFittingOccurrence) {
   const size_t npos = StrSegment::npos;
-  const struct {
-    const char* needle;
-    const char* haystack;
-    size_t start;
-    size_t expected;
-  } kCases[] = {
-      {"abc", "abc", 0, 0},
-      {"abc", "xxabcabc", 0, 2},
-      {"abc", "xxabcabc", 3, 5},
+  const struct { const char* needle; const char* haystack; size_t start, expected; } kCases[] = {
       {"abc", "xabc", 2, npos},  // would not fit
-      {"abc", "ab", 0, npos},
-      {"abc", "abc", 1, npos},
-      {"a", "bbba", 0, 3},
-      {"a", "bbba", 4, npos},
-      {"aab", "aaaab", 0, 2},
-      {"", "abc", 0, npos},  // the empty needle is never found
-      {nullptr, "abc", 0, npos},
-      {"abc", "", 0, npos},
+      {"", "abc", 0, npos},      // the empty needle is never found
+      {"abc", "abc", 0, 0}, {"abc", "xxabcabc", 0, 2}, {"abc", "xxabcabc", 3, 5},
+      {"abc", "ab", 0, npos}, {"abc", "abc", 1, npos}, {"a", "bbba", 0, 3}, {"a", "bbba", 4, npos},
+      {"aab", "aaaab", 0, 2}, {nullptr, "abc", 0, npos}, {"abc", "", 0, npos},
       {"abc", "abc", npos, npos},
   };
   for (const auto& c : kCases) {
@@ -61,9 +49,7 @@ TEST(HorspoolStr, AgreesWithStringFind) {
     for (size_t i = 0; i < nlen; ++i) needle.push_back(kAlphabet[rng() % alphabet]);
     std::string haystack;
     const size_t hlen = rng() % (2 * nlen + 40);
-    for (size_t i = 0; i < hlen; ++i) {
-      haystack.push_back(kAlphabet[rng() % alphabet]);
-    }
+    for (size_t i = 0; i < hlen; ++i) haystack.push_back(kAlphabet[rng() % alphabet]);
     // Plant the needle sometimes, since long random needles rarely occur.
     if (rng() % 2 && hlen >= nlen) haystack.replace(rng() % (hlen - nlen + 1), nlen, needle);
     const size_t start = rng() % (haystack.size() + 2);

@@ -22,25 +22,15 @@ namespace {
 
 typedef std::vector<std::string> Lines;
 
-void writeFile(const Pathname& p, const std::string& bytes) {
-  FileDescriptor fd = p.openCreateOrReplace(Pathname::CREATE_NORMAL);
-  ASSERT_TRUE(fd.valid());
-  ASSERT_EQ(static_cast<ssize_t>(bytes.size()), fd.write(bytes.data(), bytes.size()));
-  ASSERT_TRUE(fd.close());
-}
-
-// An outside oracle: lines by std::getline, a final empty piece dropped,
-// and `dropCr` applied to each line.
+// An outside oracle: the text cut at each line feed, a final empty piece
+// dropped, and `dropCr` applied to each line.
 Lines oracleLines(const std::string& text, const std::function<void(std::string&)>& dropCr) {
   Lines out;
-  size_t start = 0;
-  while (start < text.size()) {
-    size_t nl = text.find('\n', start);
-    const size_t end = nl == std::string::npos ? text.size() : nl;
-    std::string line = text.substr(start, end - start);
-    dropCr(line);
-    out.push_back(line);
-    start = end + 1;
+  for (size_t start = 0, nl; start < text.size(); start = nl + 1) {
+    nl = text.find('\n', start);
+    if (nl == std::string::npos) nl = text.size();
+    out.push_back(text.substr(start, nl - start));
+    dropCr(out.back());
   }
   return out;
 }
@@ -49,81 +39,86 @@ void dropCrAtEnd(std::string& line) {
   if (!line.empty() && line.back() == '\r') line.pop_back();
 }
 
-Lines drain(LineReader& r) {
+// Every line `r` gives; a reader that promises to clear the line at the end
+// is held to it.
+template <class Line, class Reader>
+Lines drain(Reader& r, bool clearsAtEnd = true) {
   Lines out;
-  Str line;
-  while (r.readline(line)) out.push_back(line);
-  EXPECT_TRUE(line.empty());
+  Line line;
+  while (r.readline(line)) out.emplace_back(line.data(), line.size());
+  if (clearsAtEnd) {
+    EXPECT_TRUE(line.empty());
+  }
   return out;
 }
 
+// A pipe whose far end a thread fills with `bytes` and then closes.
+class FilledPipe {
+ public:
+  explicit FilledPipe(const std::string& bytes) {
+    int fds[2];
+    EXPECT_EQ(0, ::pipe(fds));
+    _readEnd = FileDescriptor(fds[0]);
+    _writer = std::thread([fd = fds[1], &bytes] {
+      FileDescriptor w(fd);
+      w.write(bytes.data(), bytes.size());
+      w.close();
+    });
+  }
+  ~FilledPipe() { _writer.join(); }
+  FileDescriptor readEnd() const { return _readEnd; }
+
+ private:
+  FileDescriptor _readEnd;
+  std::thread _writer;
+};
+
 // Readers that agree wherever a carriage return stands only before a line
-// feed; each one reads the same file contents.
+// feed; each one reads the same file contents. The buffered and string
+// readers also drop a carriage return that ends the text.
 struct ReaderKind {
   const char* name;
+  bool dropsFinalCr;
   std::function<Lines(const Pathname&, const std::string&)> read;
 };
 
 Lines readWithFileStar(const Pathname& p, const std::string&) {
   ScopedFileStar f(p, "r");
   EXPECT_TRUE(f.valid());
-  Lines out;
-  Str line;
-  while (f.readline(line)) out.push_back(line);
-  return out;
-}
-
-// The same stream readline, on its unseekable path: through a pipe.
-Lines readWithFileStarOverPipe(const Pathname&, const std::string& bytes) {
-  int fds[2];
-  EXPECT_EQ(0, ::pipe(fds));
-  std::thread writer([&] {
-    FileDescriptor w(fds[1]);
-    w.write(bytes.data(), bytes.size());
-    w.close();
-  });
-  FileDescriptor r(fds[0]);
-  ScopedFileStar f(r.fdopen("r"));
-  EXPECT_TRUE(f.valid());
-  Lines out;
-  Str line;
-  while (f.readline(line)) out.push_back(line);
-  writer.join();
-  return out;
-}
-
-Lines readWithFileStarLineReader(const Pathname& p, const std::string&) {
-  FileStarLineReader r(p);
-  EXPECT_TRUE(r.valid());
-  return drain(r);
-}
-
-Lines readWithDescriptorReader(const Pathname& p, const std::string&) {
-  FileDescriptorLineReader r(p);
-  EXPECT_TRUE(r.valid());
-  return drain(r);
-}
-
-Lines readWithStringReader(const Pathname&, const std::string& bytes) {
-  StringLineReader r(bytes);
-  return drain(r);
-}
-
-Lines readWithStringReaderViews(const Pathname&, const std::string& bytes) {
-  StringLineReader r(bytes);
-  Lines out;
-  StrSegment line;
-  while (r.readline(line)) out.emplace_back(line.view());
-  return out;
+  return drain<Str>(f, false);
 }
 
 const ReaderKind kReaders[] = {
-    {"FileStar", readWithFileStar},
-    {"FileStar over a pipe", readWithFileStarOverPipe},
-    {"FileStarLineReader", readWithFileStarLineReader},
-    {"FileDescriptorLineReader", readWithDescriptorReader},
-    {"StringLineReader", readWithStringReader},
-    {"StringLineReader views", readWithStringReaderViews},
+    {"FileStar", false, readWithFileStar},
+    {"FileStar over a pipe (its unseekable path)", false,
+     [](const Pathname&, const std::string& bytes) {
+       FilledPipe pipe(bytes);
+       ScopedFileStar f(pipe.readEnd().fdopen("r"));
+       EXPECT_TRUE(f.valid());
+       return drain<Str>(f, false);
+     }},
+    {"FileStarLineReader", false,
+     [](const Pathname& p, const std::string&) {
+       FileStarLineReader r(p);
+       EXPECT_TRUE(r.valid());
+       return drain<Str>(r);
+     }},
+    {"FileDescriptorLineReader", true,
+     [](const Pathname& p, const std::string&) {
+       FileDescriptorLineReader r(p);
+       EXPECT_TRUE(r.valid());
+       return drain<Str>(r);
+     }},
+    {"StringLineReader", true,
+     [](const Pathname&, const std::string& bytes) {
+       StringLineReader r(bytes);
+       return drain<Str>(r);
+     }},
+    {"StringLineReader views", true,
+     [](const Pathname&, const std::string& bytes) {
+       StringLineReader r(bytes);
+       return drain<StrSegment>(r);
+     }},
 };
 
 TEST(LineReaders, AllAgreeOnTheCommonCases) {
@@ -144,10 +139,9 @@ TEST(LineReaders, AllAgreeOnTheCommonCases) {
        {std::string(16383, 'b'), std::string(16385, 'c')}},  // buffer edges
   };
   TestTempDir dir;
-  ASSERT_FALSE(dir.path().empty());
   const Pathname p = dir / "lines";
   for (size_t i = 0; i < sizeof(kCases) / sizeof(kCases[0]); ++i) {
-    writeFile(p, kCases[i].text);
+    writeTestFile(p, kCases[i].text);
     for (const ReaderKind& kind : kReaders) {
       SCOPED_TRACE(std::string(kind.name) + ", case " + std::to_string(i));
       const Lines got = kind.read(p, kCases[i].text);
@@ -159,54 +153,36 @@ TEST(LineReaders, AllAgreeOnTheCommonCases) {
 
 // Where the readers part ways: what a carriage return not followed by a line
 // feed becomes, and a NUL at the very end of the text.
-TEST(LineReaders, CarriageReturnQuirksOfEachReader) {
+TEST(LineReaders, CarriageReturnAndFinalNulQuirksOfEachReader) {
   const std::string text = "a\r\r\nb\r\n\r\nc\r";
-  const struct { const char* name; Lines want; } kCases[] = {
-      // The stream reader removes a CR only just before the LF.
-      {"FileStar", {"a\r", "b", "", "c\r"}},
-      {"FileStar over a pipe", {"a\r", "b", "", "c\r"}},
-      {"FileStarLineReader", {"a\r", "b", "", "c\r"}},
-      // The buffered reader drops one CR at the end of every line.
-      {"FileDescriptorLineReader", {"a\r", "b", "", "c"}},
-      // So does the string reader.
-      {"StringLineReader", {"a\r", "b", "", "c"}},
-      {"StringLineReader views", {"a\r", "b", "", "c"}},
-  };
   TestTempDir dir;
-  ASSERT_FALSE(dir.path().empty());
   const Pathname p = dir / "cr";
-  writeFile(p, text);
-  for (const auto& c : kCases) {
-    for (const ReaderKind& kind : kReaders) {
-      if (std::string(kind.name) != c.name) continue;
-      EXPECT_EQ(c.want, kind.read(p, text)) << c.name;
-    }
+  writeTestFile(p, text);
+  for (const ReaderKind& kind : kReaders) {
+    EXPECT_EQ((Lines{"a\r", "b", "", kind.dropsFinalCr ? "c" : "c\r"}), kind.read(p, text))
+        << kind.name;
   }
   // A line that is only a CR loses it in every reader.
   StringLineReader r(StrSegment("\r\n\r"));
-  EXPECT_EQ((Lines{"", ""}), drain(r));
-}
-
-TEST(LineReaders, SeekableStreamDropsANulThatEndsTheText) {
-  TestTempDir dir;
-  ASSERT_FALSE(dir.path().empty());
-  writeFile(dir / "f", std::string("end\0", 4));
-  EXPECT_EQ(Lines{"end"}, readWithFileStar(dir / "f", ""));
+  EXPECT_EQ((Lines{"", ""}), drain<Str>(r));
+  // The seekable stream drops a NUL that ends the text.
+  writeTestFile(p, std::string("end\0", 4));
+  EXPECT_EQ(Lines{"end"}, readWithFileStar(p, ""));
 }
 
 TEST(LineReaders, RandomTextMatchesTheOracle) {
   std::mt19937 rng(8);
   TestTempDir dir;
-  ASSERT_FALSE(dir.path().empty());
   const Pathname p = dir / "random";
   const char kBytes[] = {'a', 'b', '\n', '\n', '\r', '\0', ' ', '\xff'};
   for (int round = 0; round < 30; ++round) {
     std::string text;
     const size_t len = rng() % 70000;
     for (size_t i = 0; i < len; ++i) text.push_back(kBytes[rng() % sizeof(kBytes)]);
-    writeFile(p, text);
-    EXPECT_EQ(oracleLines(text, dropCrAtEnd), readWithDescriptorReader(p, text)) << round;
-    EXPECT_EQ(oracleLines(text, dropCrAtEnd), readWithStringReader(p, text)) << round;
+    writeTestFile(p, text);
+    const Lines want = oracleLines(text, dropCrAtEnd);
+    EXPECT_EQ(want, kReaders[3].read(p, text)) << round;  // FileDescriptorLineReader
+    EXPECT_EQ(want, kReaders[4].read(p, text)) << round;  // StringLineReader
     // The stream reader removes a CR only ahead of a LF, and its seekable
     // path drops a NUL that ends the text; a last line left empty is none.
     Lines streamWant = oracleLines(text, [](std::string&) {});
@@ -225,18 +201,14 @@ TEST(LineReaders, RandomTextMatchesTheOracle) {
 
 TEST(BufferedLineReader, CurPosCountsConsumedBytes) {
   TestTempDir dir;
-  ASSERT_FALSE(dir.path().empty());
-  const Pathname p = dir / "f";
-  writeFile(p, "ab\r\ncd\nlast");
-  FileDescriptorLineReader r(p);
+  writeTestFile(dir / "f", "ab\r\ncd\nlast");
+  FileDescriptorLineReader r(dir / "f");
   Str line;
   EXPECT_EQ(0, r.curPos());
-  ASSERT_TRUE(r.readline(line));
-  EXPECT_EQ(4, r.curPos());
-  ASSERT_TRUE(r.readline(line));
-  EXPECT_EQ(7, r.curPos());
-  ASSERT_TRUE(r.readline(line));
-  EXPECT_EQ(11, r.curPos());
+  for (file_offset_t pos : {4, 7, 11}) {
+    ASSERT_TRUE(r.readline(line));
+    EXPECT_EQ(pos, r.curPos());
+  }
   EXPECT_FALSE(r.readline(line));
   ASSERT_TRUE(r.rewind());
   EXPECT_EQ(0, r.curPos());
@@ -244,48 +216,24 @@ TEST(BufferedLineReader, CurPosCountsConsumedBytes) {
   EXPECT_EQ("ab", line);
 }
 
-// Lines of the form "%07d\n", so any offset names the line it lands in.
-std::string numberedLines(int count) {
+TEST(BufferedLineReader, SeekSetInsideBufferByLseekAndByReadingForward) {
+  // Lines of the form "%07d\n", so any offset names the line it lands in.
   std::string text;
   char buf[16];
-  for (int i = 0; i < count; ++i) {
-    snprintf(buf, sizeof(buf), "%07d\n", i);
-    text += buf;
-  }
-  return text;
-}
-
-TEST(BufferedLineReader, SeekSetInsideBufferByLseekAndByReadingForward) {
+  for (int i = 0; i < 20000; ++i) text.append(buf, snprintf(buf, sizeof(buf), "%07d\n", i));
   TestTempDir dir;
-  ASSERT_FALSE(dir.path().empty());
   const Pathname p = dir / "numbers";
-  const std::string text = numberedLines(20000);  // 160000 bytes
-  writeFile(p, text);
-  const struct { const char* how; bool pipe; } kSources[] = {{"file", false}, {"pipe", true}};
-  for (const auto& src : kSources) {
-    SCOPED_TRACE(src.how);
-    int fds[2] = {-1, -1};
-    std::thread writer;
-    FileDescriptor fd;
-    if (src.pipe) {
-      ASSERT_EQ(0, ::pipe(fds));
-      writer = std::thread([&] {
-        FileDescriptor w(fds[1]);
-        w.write(text.data(), text.size());
-        w.close();
-      });
-      fd = FileDescriptor(fds[0]);
-    } else {
-      fd = p.openReadOnly();
-    }
-    FileDescriptorLineReader r(fd, false);
+  writeTestFile(p, text);
+  for (bool overPipe : {false, true}) {
+    SCOPED_TRACE(overPipe ? "pipe" : "file");
+    std::unique_ptr<FilledPipe> pipe(overPipe ? new FilledPipe(text) : nullptr);
+    FileDescriptorLineReader r(overPipe ? pipe->readEnd() : p.openReadOnly(), false);
     Str line;
     ASSERT_TRUE(r.readline(line));
     EXPECT_EQ("0000000", line);
     // 8 * 5001 is where reading the line at 8 * 5000 left off: a seek that
     // moves nothing.
-    const file_offset_t kTargets[] = {16, 8 * 100, 8 * 5000, 8 * 5001, 8 * 19999};
-    for (file_offset_t target : kTargets) {
+    for (file_offset_t target : {16, 8 * 100, 8 * 5000, 8 * 5001, 8 * 19999}) {
       ASSERT_TRUE(r.seek_set(target)) << target;
       EXPECT_EQ(target, r.curPos());
       ASSERT_TRUE(r.readline(line));
@@ -296,14 +244,12 @@ TEST(BufferedLineReader, SeekSetInsideBufferByLseekAndByReadingForward) {
     EXPECT_EQ(8 * 30000, r.curPos());
     EXPECT_FALSE(r.readline(line));
     r.close();
-    if (writer.joinable()) writer.join();
   }
 }
 
 TEST(BufferedLineReaderDeathTest, SeekingBackwardsEndsTheProcess) {
   TestTempDir dir;
-  ASSERT_FALSE(dir.path().empty());
-  writeFile(dir / "f", "abc\ndef\n");
+  writeTestFile(dir / "f", "abc\ndef\n");
   EXPECT_DEATH(
       {
         FileDescriptorLineReader r(dir / "f");
@@ -316,7 +262,6 @@ TEST(BufferedLineReaderDeathTest, SeekingBackwardsEndsTheProcess) {
 
 TEST(BufferedLineReader, ReadErrorsAndMissingFiles) {
   TestTempDir dir;
-  ASSERT_FALSE(dir.path().empty());
   FileDescriptorLineReader missing(dir / "missing");
   EXPECT_FALSE(missing.valid());
   Str line("junk");
@@ -332,8 +277,7 @@ TEST(BufferedLineReader, ReadErrorsAndMissingFiles) {
 
 TEST(FileStarLineReader, RewindAndSeekOnABorrowedStream) {
   TestTempDir dir;
-  ASSERT_FALSE(dir.path().empty());
-  writeFile(dir / "f", "first\nsecond\n");
+  writeTestFile(dir / "f", "first\nsecond\n");
   ScopedFileStar f(dir / "f", "r");
   Str line;
   ASSERT_TRUE(f.readline(line));

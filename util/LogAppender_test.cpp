@@ -13,6 +13,7 @@
 #include "util/testing/LogCapture.h"
 #include "util/LogFormat.h"
 #include "util/Logger.h"
+#include "util/testing/FixedClock.h"
 #include "util/testing/TestTempDir.h"
 
 namespace {
@@ -20,32 +21,10 @@ namespace {
 Logger gLogger("LogAppenderTest");
 const std::map<Str, Pathname> kNoVariables;
 
-Timeval gNow;
-void fixedClock(Timeval* now) { *now = gNow; }
-
-// Fixes the clock for one test.
-class FixedClock {
- public:
-  explicit FixedClock(int64_t seconds) : _previous(setTimevalClock(&fixedClock)) {
-    gNow = Timeval(seconds, 0);
-  }
-  ~FixedClock() { setTimevalClock(_previous); }
-  void set(int64_t seconds) { gNow = Timeval(seconds, 0); }
-
- private:
-  TimevalClock _previous;
-};
-
-std::string readFile(const Pathname& path) {
-  std::ifstream in(std::string(path), std::ios::binary);
-  std::ostringstream all;
-  all << in.rdbuf();
-  return all.str();
-}
-
-std::vector<std::string> splitLines(const std::string& text) {
+// The lines of the file at `path`, without their line feeds.
+std::vector<std::string> linesOf(const Pathname& path) {
   std::vector<std::string> out;
-  std::istringstream in(text);
+  std::istringstream in(readTestFile(path));
   for (std::string line; std::getline(in, line);) out.push_back(line);
   return out;
 }
@@ -78,29 +57,18 @@ TEST(LogAppender, FindMakesOnDemandAndKnowsTheRootByName) {
 TEST(LogAppender, SetAttributeAcceptsAndRefuses) {
   const std::map<Str, Pathname> vars = {{"KESTRO_HOME", "/opt/k"}, {"X", "x"}};
   const struct { const char* name; const char* value; bool ok; } kCases[] = {
-      {"maxFileSize", "0", true},
-      {"maxFileSize", "25000000", true},
-      {"maxFileSize", "18446744073709551615", true},
       {"maxFileSize", "100 \t", true},  // white space may follow
-      {"maxFileSize", "18446744073709551616", false},
-      {"maxFileSize", "010", false},  // no leading zero
-      {"maxFileSize", "00", false},
-      {"maxFileSize", "", false},
-      {"maxFileSize", " 5", false},
-      {"maxFileSize", "5x", false},
-      {"maxFileSize", "5 x", false},
-      {"maxFileSize", "-1", false},
-      {"maxBackupIndex", "4294967295", true},
-      {"maxBackupIndex", "4294967296", false},
-      {"maxBackupIndex", "07", false},
-      {"layout", "BasicLayout", true},
-      {"layout", "SimpleLayout", true},
-      {"layout", "PatternLayout", true},
-      {"layout", "basiclayout", false},
-      {"layout", "XmlLayout", false},
-      {"layout.ConversionPattern", "%d %m%n", true},
-      {"fileName", "/tmp/x.log", true},
+      {"maxFileSize", "010", false},     // no leading zero
       {"filename", "/tmp/x.log", false},  // names are exact
+      {"maxFileSize", "0", true}, {"maxFileSize", "25000000", true},
+      {"maxFileSize", "18446744073709551615", true}, {"maxFileSize", "18446744073709551616", false},
+      {"maxFileSize", "00", false}, {"maxFileSize", "", false}, {"maxFileSize", " 5", false},
+      {"maxFileSize", "5x", false}, {"maxFileSize", "5 x", false}, {"maxFileSize", "-1", false},
+      {"maxBackupIndex", "4294967295", true}, {"maxBackupIndex", "4294967296", false},
+      {"maxBackupIndex", "07", false}, {"layout", "BasicLayout", true},
+      {"layout", "SimpleLayout", true}, {"layout", "PatternLayout", true},
+      {"layout", "basiclayout", false}, {"layout", "XmlLayout", false},
+      {"layout.ConversionPattern", "%d %m%n", true}, {"fileName", "/tmp/x.log", true},
       {"threshold", "WARN", false},
   };
   for (const auto& c : kCases) {
@@ -134,10 +102,7 @@ TEST(LogAppender, SetAttributeStoresWhatItRead) {
   EXPECT_EQ("%c x", a->format()->pattern());
   EXPECT_FALSE(a->setAttribute("maxFileSize", "0x10", vars));
   EXPECT_EQ(123u, a->maxFileSize());  // a refused value changes nothing
-}
 
-TEST(LogAppender, FilenameWithSuffix) {
-  LogAppender* a = LogAppender::find("suffixes", true);
   ASSERT_TRUE(a->setAttribute("fileName", "/v/log/k.log", kNoVariables));
   EXPECT_EQ("/v/log/k.log", a->filenameWithSuffix(0));
   EXPECT_EQ("/v/log/k.log.1", a->filenameWithSuffix(1));
@@ -161,15 +126,15 @@ TEST(LogAppender, RotationKeepsExactlyMaxBackupIndexBackups) {
   EXPECT_FALSE(a->filenameWithSuffix(0).isZeroLengthFile());
   // Oldest to newest, the files hold the last lines written, whole and in
   // order; each rotated file went just past the limit.
-  std::string all;
+  std::vector<std::string> kept;
   for (unsigned n = 3; n >= 1; --n) {
-    const std::string part = readFile(a->filenameWithSuffix(n));
-    EXPECT_GT(part.size(), 100u) << n;
-    EXPECT_LE(part.size(), 109u) << n;
-    all += part;
+    const size_t size = readTestFile(a->filenameWithSuffix(n)).size();
+    EXPECT_GT(size, 100u) << n;
+    EXPECT_LE(size, 109u) << n;
   }
-  all += readFile(file);
-  const std::vector<std::string> kept = splitLines(all);
+  for (unsigned n = 4; n-- > 0;) {
+    for (auto& l : linesOf(a->filenameWithSuffix(n))) kept.push_back(l);
+  }
   ASSERT_FALSE(kept.empty());
   ASSERT_LE(kept.size(), written.size());
   const std::vector<std::string> tail(written.end() - kept.size(), written.end());
@@ -182,7 +147,7 @@ TEST(LogAppender, RotationWithNoBackupsStartsTheFileAfresh) {
   LogAppender* a = makeAppender("noBackups", file, "50", "0");
   for (int i = 0; i < 30; ++i) writeLine(a, "0123456789");  // 11 bytes
   EXPECT_FALSE(a->filenameWithSuffix(1).exists());
-  const std::string text = readFile(file);
+  const std::string text = readTestFile(file);
   EXPECT_LE(text.size(), 50u);
   EXPECT_EQ(0u, text.size() % 11);
 }
@@ -192,7 +157,7 @@ TEST(LogAppender, ZeroMaxFileSizeNeverRotates) {
   const Pathname file = dir / "big.log";
   LogAppender* a = makeAppender("neverRotates", file, "0", "0");
   for (int i = 0; i < 1000; ++i) writeLine(a, "0123456789");
-  EXPECT_EQ(11000u, readFile(file).size());
+  EXPECT_EQ(11000u, readTestFile(file).size());
   EXPECT_FALSE(a->filenameWithSuffix(1).exists());
 }
 
@@ -203,39 +168,39 @@ TEST(LogAppender, RotationFillsTheFirstFreeSuffix) {
   std::ofstream(std::string(a->filenameWithSuffix(3))) << "three\n";
   writeLine(a, "current");
   a->rotateFile(Timeval::now());
-  EXPECT_EQ("current\n", readFile(a->filenameWithSuffix(1)));
+  EXPECT_EQ("current\n", readTestFile(a->filenameWithSuffix(1)));
   EXPECT_FALSE(a->filenameWithSuffix(2).exists());
-  EXPECT_EQ("three\n", readFile(a->filenameWithSuffix(3)));  // untouched
+  EXPECT_EQ("three\n", readTestFile(a->filenameWithSuffix(3)));  // untouched
   writeLine(a, "next");
-  EXPECT_EQ("next\n", readFile(file));
+  EXPECT_EQ("next\n", readTestFile(file));
 }
 
 TEST(LogAppender, NoticesAFileMovedAwayOrDeletedWithinFiveSeconds) {
   TestTempDir dir;
   const Pathname file = dir / "watched.log";
   const Pathname moved = dir / "moved.log";
-  FixedClock clock(1000000);
+  ScopedFixedClock clock(Timeval(1000000, 0));
   LogAppender* a = makeAppender("watched", file, "0", "0");
   writeLine(a, "a");
   ASSERT_TRUE(file.renameTo(moved));
-  clock.set(1000005);  // not more than 5 s since the last check: not looked at
+  clock.set(Timeval(1000005, 0));  // not more than 5 s since the last check: not looked at
   writeLine(a, "b");
-  clock.set(1000006);
+  clock.set(Timeval(1000006, 0));
   writeLine(a, "c");  // the path is gone: a new file
-  EXPECT_EQ("a\nb\n", readFile(moved));
-  EXPECT_EQ("c\n", readFile(file));
+  EXPECT_EQ("a\nb\n", readTestFile(moved));
+  EXPECT_EQ("c\n", readTestFile(file));
 
   ASSERT_TRUE(file.unlink());
-  clock.set(1000003);  // the clock went back: checked at once
+  clock.set(Timeval(1000003, 0));  // the clock went back: checked at once
   writeLine(a, "d");
-  EXPECT_EQ("d\n", readFile(file));
+  EXPECT_EQ("d\n", readTestFile(file));
 
   // Replaced by another file under the same name: a different inode.
   ASSERT_TRUE(file.renameTo(moved));
   std::ofstream(std::string(file)) << "other\n";
-  clock.set(1000010);
+  clock.set(Timeval(1000010, 0));
   writeLine(a, "e");
-  EXPECT_EQ("other\ne\n", readFile(file));
+  EXPECT_EQ("other\ne\n", readTestFile(file));
 }
 
 TEST(LogAppender, LinesFromManyThreadsNeverInterleave) {
@@ -258,11 +223,10 @@ TEST(LogAppender, LinesFromManyThreadsNeverInterleave) {
   // thread's lines complete and in its own order.
   std::vector<std::string> lines;
   unsigned n = 1;
-  while (a->filenameWithSuffix(n + 1).exists()) ++n;
-  for (; n >= 1; --n) {
-    for (auto& l : splitLines(readFile(a->filenameWithSuffix(n)))) lines.push_back(l);
+  while (a->filenameWithSuffix(n).exists()) ++n;
+  while (n-- > 0) {
+    for (auto& l : linesOf(a->filenameWithSuffix(n))) lines.push_back(l);
   }
-  for (auto& l : splitLines(readFile(file))) lines.push_back(l);
   ASSERT_EQ(size_t(kThreads) * kLines, lines.size());
   int next[kThreads] = {};
   for (const std::string& l : lines) {

@@ -9,29 +9,27 @@
 
 #include "util/testing/LogCapture.h"
 #include "util/Logger.h"
+#include "util/testing/FixedClock.h"
+#include "util/testing/ScopedTz.h"
 
 namespace {
-
-Timeval gNow;
-void fixedClock(Timeval* now) { *now = gNow; }
 
 // A fixed clock in seconds from 1700000000 (Tue Nov 14 22:13:20 2023 UTC)
 // and the zone at UTC, for one test.
 class DedupClock {
  public:
-  DedupClock() : _previous(setTimevalClock(&fixedClock)) {
-    set(0);
-    setenv("TZ", "UTC", 1);
-    tzset();
-  }
-  ~DedupClock() { setTimevalClock(_previous); }
-  void set(int64_t seconds) { gNow = Timeval(1700000000 + seconds, 0); }
+  void set(int64_t seconds) { _clock.set(Timeval(1700000000 + seconds, 0)); }
 
  private:
-  TimevalClock _previous;
+  ScopedTz _zone{"UTC"};
+  ScopedFixedClock _clock{Timeval(1700000000, 0)};
 };
 
-const char* const kSuffix = "\t\t\t\t";
+// The line that sums up `count` held messages, the first at `first`.
+std::string summary(int count, const char* first) {
+  return "\t\t\t\t" + std::to_string(count) +
+         " similar messages suppressed.  First occurred at: " + first;
+}
 
 TEST(LogDedupper, HoldsBackPastTheCountAndSummarisesAfterTheSeconds) {
   DedupClock clock;
@@ -51,10 +49,7 @@ TEST(LogDedupper, HoldsBackPastTheCountAndSummarisesAfterTheSeconds) {
   logger.warn("x %d", 7);  // 61 s: expired, with the count of calls past 3
   logger.warn("x %d", 8);  // afresh
   EXPECT_EQ(std::vector<std::string>(
-                {"x 1", "x 2", "x 3", "y", "x 7",
-                 std::string(kSuffix) +
-                     "4 similar messages suppressed.  First occurred at: Tue Nov 14 22:13:21 2023",
-                 "x 8"}),
+                {"x 1", "x 2", "x 3", "y", "x 7", summary(4, "Tue Nov 14 22:13:21 2023"), "x 8"}),
             capture.lines());
 }
 
@@ -69,9 +64,7 @@ TEST(LogDedupper, AnotherFormatsCallReleasesAnExpiredSummary) {
   logger.info("unrelated");
   // The walk goes by format text, so "disk %s full" comes first.
   EXPECT_EQ(std::vector<std::string>(
-                {"ERROR disk a full", "ERROR disk c full",
-                 std::string(kSuffix) +
-                     "2 similar messages suppressed.  First occurred at: Tue Nov 14 22:13:20 2023",
+                {"ERROR disk a full", "ERROR disk c full", summary(2, "Tue Nov 14 22:13:20 2023"),
                  "INFO unrelated"}),
             capture.lines());
 }
@@ -84,11 +77,8 @@ TEST(LogDedupper, FlushLogsWhatItHolds) {
   logger.warn("once");
   logger.flushDedup();
   logger.flushDedup();  // nothing left
-  EXPECT_EQ(std::vector<std::string>(
-                {"held 0", "held 1", "once", "held 4",
-                 std::string(kSuffix) +
-                     "3 similar messages suppressed.  First occurred at: Tue Nov 14 22:13:20 2023",
-                 "once"}),
+  EXPECT_EQ(std::vector<std::string>({"held 0", "held 1", "once", "held 4",
+                                      summary(3, "Tue Nov 14 22:13:20 2023"), "once"}),
             capture.lines());
   logger.warn("held %d", 9);  // the map was cleared: within the count again
   EXPECT_EQ("held 9", capture.lines().back());
@@ -121,9 +111,7 @@ TEST(LogDedupper, ConcurrentCallersLogExactlyTheCount) {
   const std::vector<std::string> lines = capture.lines();
   ASSERT_EQ(102u, lines.size());
   EXPECT_EQ("busy 9/9", lines[100]);
-  EXPECT_EQ(std::string(kSuffix) +
-                "1501 similar messages suppressed.  First occurred at: Tue Nov 14 22:13:20 2023",
-            lines[101]);
+  EXPECT_EQ(summary(1501, "Tue Nov 14 22:13:20 2023"), lines[101]);
 }
 
 TEST(LogDedupper, ALoggerWithoutDedupLogsEveryRepeat) {

@@ -8,37 +8,16 @@
 
 #include "util/LogFormattedTime.h"
 #include "util/Logger.h"
+#include "util/testing/FixedClock.h"
+#include "util/testing/ScopedTz.h"
 
 namespace {
 
-Timeval gNow;
-void fixedClock(Timeval* now) { *now = gNow; }
-
 // The clock fixed at `t` and the zone at UTC for one test.
-class FixedTimeAndZone {
- public:
-  explicit FixedTimeAndZone(const Timeval& t) : _previous(setTimevalClock(&fixedClock)) {
-    gNow = t;
-    const char* tz = std::getenv("TZ");
-    _hadTz = tz != nullptr;
-    if (_hadTz) _oldTz = tz;
-    setenv("TZ", "UTC", 1);
-    tzset();
-  }
-  ~FixedTimeAndZone() {
-    setTimevalClock(_previous);
-    if (_hadTz) {
-      setenv("TZ", _oldTz.c_str(), 1);
-    } else {
-      unsetenv("TZ");
-    }
-    tzset();
-  }
-
- private:
-  TimevalClock _previous;
-  bool _hadTz;
-  std::string _oldTz;
+struct FixedTimeAndZone {
+  explicit FixedTimeAndZone(const Timeval& t) : clock(t) {}
+  ScopedTz zone{"UTC"};
+  ScopedFixedClock clock;
 };
 
 // The instant of the given UTC fields, by the C library.
@@ -66,26 +45,15 @@ std::string render(const char* pattern, const Logger& logger, LogLevel level,
 
 TEST(LogFormat, EachConversionAndModifier) {
   const struct { const char* pattern; const char* want; } kCases[] = {
-      {"%m%n", "hello\n"},
-      {"%p %c - %m%n", "WARN DateParser - hello\n"},
       {"%-8p: %m%n", "WARN    : hello\n"},  // SimpleLayout pads on the right
-      {"%8p|", "    WARN|"},
-      {"%.3p|", "WAR|"},
-      {"%-6.2p|", "WA    |"},
-      {"%3.3m", "hel"},
-      {"%10m|", "     hello|"},
-      {"%%", "%"},
-      {"100%% %m", "100% hello"},
-      {"[%5%]", "[    %]"},   // a literal takes widths too
-      {"%q%m", "hello"},      // an unknown letter adds nothing
-      {"%m{ignored}!", "hello!"},  // an argument is read and dropped
-      {"abc%", "abc"},        // a cut-off conversion adds nothing
-      {"%-", ""},
-      {"", ""},
-      {"plain text", "plain text"},
-      {"%n%n", "\n\n"},
-      {"%t", "Main Thread"},
-      {"%c%c", "DateParserDateParser"},
+      {"[%5%]", "[    %]"},               // a literal takes widths too
+      {"%q%m", "hello"},                  // an unknown letter adds nothing
+      {"%m{ignored}!", "hello!"},         // an argument is read and dropped
+      {"abc%", "abc"},                    // a cut-off conversion adds nothing
+      {"%m%n", "hello\n"}, {"%p %c - %m%n", "WARN DateParser - hello\n"}, {"%8p|", "    WARN|"},
+      {"%.3p|", "WAR|"}, {"%-6.2p|", "WA    |"}, {"%3.3m", "hel"}, {"%10m|", "     hello|"},
+      {"%%", "%"}, {"100%% %m", "100% hello"}, {"%-", ""}, {"", ""}, {"plain text", "plain text"},
+      {"%n%n", "\n\n"}, {"%t", "Main Thread"}, {"%c%c", "DateParserDateParser"},
   };
   for (const auto& c : kCases) {
     EXPECT_EQ(c.want, render(c.pattern, gLogger, LOGLEVEL_WARN, "hello")) << c.pattern;
@@ -121,9 +89,9 @@ TEST(LogFormat, RelativeTimeCountsFromTheFirstNeed) {
   const Timeval start = utc(2024, 3, 5, 14, 7, 9, 42000);
   FixedTimeAndZone fixed(start);
   EXPECT_EQ("0 0", render("%r %R", gLogger, LOGLEVEL_INFO, ""));
-  gNow = Timeval(start.tv_sec + 1, start.tv_usec + 234000);
+  fixed.clock.set(Timeval(start.tv_sec + 1, start.tv_usec + 234000));
   EXPECT_EQ("1234 1234", render("%r %R", gLogger, LOGLEVEL_INFO, ""));
-  gNow = Timeval(start.tv_sec - 5, 0);  // a clock that went back shows 0
+  fixed.clock.set(Timeval(start.tv_sec - 5, 0));  // a clock that went back shows 0
   EXPECT_EQ("0", render("%r", gLogger, LOGLEVEL_INFO, ""));
 }
 
@@ -136,32 +104,26 @@ TEST(LogFormat, ProcessClockIsDigits) {
 TEST(LogFormat, DatesInEachNamedFormAndByPattern) {
   FixedTimeAndZone fixed(utc(2024, 3, 5, 14, 7, 9, 42000));
   const struct { const char* pattern; const char* want; } kCases[] = {
-      {"%d", "2024-03-05 14:07:09,042"},
-      {"%d{}", "2024-03-05 14:07:09,042"},
-      {"%d{ISO8601}", "2024-03-05 14:07:09,042"},
-      {"%d{DATE}", "05 Mar 2024 14:07:09,042"},
-      {"%d{ABSOLUTE}", "14:07:09,042"},
-      {"%d{%Y/%m/%d %H}", "2024/03/05 14"},
       {"%d{%i}", "2024-03-05 14:07:09,042"},  // refused by TimeFormat: the first form
+      {"%d", "2024-03-05 14:07:09,042"}, {"%d{}", "2024-03-05 14:07:09,042"},
+      {"%d{ISO8601}", "2024-03-05 14:07:09,042"}, {"%d{DATE}", "05 Mar 2024 14:07:09,042"},
+      {"%d{ABSOLUTE}", "14:07:09,042"}, {"%d{%Y/%m/%d %H}", "2024/03/05 14"},
       {"[%30d{ABSOLUTE}]", "[                  14:07:09,042]"},
       {"%d{ABSOLUTE} %d{DATE}", "14:07:09,042 05 Mar 2024 14:07:09,042"},
   };
   for (const auto& c : kCases) {
     EXPECT_EQ(c.want, render(c.pattern, gLogger, LOGLEVEL_INFO, "")) << c.pattern;
   }
-  gNow = utc(2024, 3, 5, 14, 7, 10, 999000);  // the next second: not the cached one
+  fixed.clock.set(utc(2024, 3, 5, 14, 7, 10, 999000));  // the next second: not the cached one
   EXPECT_EQ("14:07:10,999", render("%d{ABSOLUTE}", gLogger, LOGLEVEL_INFO, ""));
 }
 
 TEST(LogFormattedTime, NamesFallBackToTheFirstForm) {
   const struct { const char* arg; const char* pattern; } kCases[] = {
-      {"", "%Y-%m-%d %H:%M:%S,%l"},
-      {"ISO8601", "%Y-%m-%d %H:%M:%S,%l"},
-      {"DATE", "%d %b %Y %H:%M:%S,%l"},
-      {"ABSOLUTE", "%H:%M:%S,%l"},
-      {"%H", "%H"},
-      {"%Q%Q%i", "%Y-%m-%d %H:%M:%S,%l"},
       {"iso8601", "iso8601"},  // names are exact; this is plain text
+      {"", "%Y-%m-%d %H:%M:%S,%l"}, {"ISO8601", "%Y-%m-%d %H:%M:%S,%l"}, {"%H", "%H"},
+      {"DATE", "%d %b %Y %H:%M:%S,%l"}, {"ABSOLUTE", "%H:%M:%S,%l"},
+      {"%Q%Q%i", "%Y-%m-%d %H:%M:%S,%l"},
   };
   for (const auto& c : kCases) {
     EXPECT_EQ(c.pattern, LogFormattedTime(c.arg).pattern()) << c.arg;

@@ -22,33 +22,23 @@
 
 namespace {
 
-// Points descriptor 2 at a temporary file while it lives. Test code only.
+// Points descriptor 2 at a file of a temporary directory while it lives.
 class ScopedStderrCapture {
  public:
-  ScopedStderrCapture() {
-    char name[] = "/tmp/kestro-stderr-XXXXXX";
-    _fd = ::mkstemp(name);
-    _path = name;
-    _saved = ::dup(2);
-    ::dup2(_fd, 2);
+  ScopedStderrCapture() : _saved(::dup(2)) {
+    const int fd = ::open((_dir / "stderr").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    ::dup2(fd, 2);
+    ::close(fd);
   }
   ~ScopedStderrCapture() {
     ::dup2(_saved, 2);
     ::close(_saved);
-    ::close(_fd);
-    ::unlink(_path.c_str());
   }
-  std::string text() const {
-    std::ifstream in(_path, std::ios::binary);
-    std::ostringstream all;
-    all << in.rdbuf();
-    return all.str();
-  }
+  std::string text() const { return readTestFile(_dir / "stderr"); }
 
  private:
-  int _fd;
+  TestTempDir _dir;
   int _saved;
-  std::string _path;
 };
 
 // What happened before Logger::initialize(), recorded by the environment
@@ -149,13 +139,10 @@ TEST(Logger, ErrnoIsTheSameAfterEveryKindOfCall) {
 
 TEST(Logger, FormatRewritesPercentMWithTheErrorText) {
   const struct { int errnum; const char* fmt; const char* want; } kCases[] = {
-      {ENOENT, "open: %m", "open: No such file or directory"},
-      {0, "%m", "Success"},
+      {ENOENT, "open: %m", "open: No such file or directory"}, {0, "%m", "Success"},
       {EACCES, "%m and %m", "Permission denied and Permission denied"},
-      {ENOENT, "%%m stays", "%m stays"},
-      {ENOENT, "100%% %m", "100% No such file or directory"},
-      {ENOENT, "no directive", "no directive"},
-      {123456, "%m", "Unknown error 123456"},
+      {ENOENT, "%%m stays", "%m stays"}, {ENOENT, "100%% %m", "100% No such file or directory"},
+      {ENOENT, "no directive", "no directive"}, {123456, "%m", "Unknown error 123456"},
   };
   for (const auto& c : kCases) {
     Str out("old");

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "util/ThreadException.h"
+#include "util/testing/ThrownText.h"
 
 namespace {
 
@@ -29,13 +30,7 @@ TEST(MainThread, IsTheFirstThreadsThreadAndComesOnce) {
   foreign.join();
   EXPECT_FALSE(foreignIsMain);
 
-  std::string text;
-  try {
-    MainThread second;
-  } catch (const ThreadException& e) {
-    text = e.what();
-  }
-  EXPECT_EQ("Main Thread created twice!", text);
+  EXPECT_EQ("Main Thread created twice!", thrownText<ThreadException>([] { MainThread second; }));
   EXPECT_EQ(&main, Thread::current());  // the failed second changed nothing
 }
 

@@ -10,6 +10,7 @@
 
 #include "util/testing/LogCapture.h"
 #include "util/ThreadException.h"
+#include "util/testing/ThrownText.h"
 
 namespace {
 
@@ -20,17 +21,6 @@ constexpr bool kUnderThreadSanitizer = true;
 #else
 constexpr bool kUnderThreadSanitizer = false;
 #endif
-
-// Runs `fn`, which must throw ThreadException; returns its text, or "" when
-// nothing was thrown.
-std::string thrownText(const std::function<void()>& fn) {
-  try {
-    fn();
-  } catch (const ThreadException& e) {
-    return e.what();
-  }
-  return "";
-}
 
 TEST(ThreadException, ZeroPassesAndAnythingElseThrowsWithTheCallsName) {
   EXPECT_NO_THROW(ThreadException::check(0, "pthread_join"));
@@ -45,16 +35,18 @@ TEST(ThreadException, ZeroPassesAndAnythingElseThrowsWithTheCallsName) {
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.call);
     errno = 0;
-    EXPECT_EQ(c.text, thrownText([&] { ThreadException::check(c.result, c.call); }));
+    EXPECT_EQ(c.text,
+              thrownText<ThreadException>([&] { ThreadException::check(c.result, c.call); }));
     EXPECT_EQ(c.result, errno);
   }
 }
 
 TEST(ThreadException, TheCheckingFormLogsAWarningAndTheNologFormDoesNot) {
   ScopedLogCapture capture("Thread");
-  const std::string logged = thrownText([] { ThreadException::check(EPERM, "pthread_cond_wait"); });
-  const std::string silent =
-      thrownText([] { ThreadException::checkNoLog(EPERM, "pthread_mutex_unlock"); });
+  const std::string logged =
+      thrownText<ThreadException>([] { ThreadException::check(EPERM, "pthread_cond_wait"); });
+  const std::string silent = thrownText<ThreadException>(
+      [] { ThreadException::checkNoLog(EPERM, "pthread_mutex_unlock"); });
   EXPECT_NE(std::string::npos, silent.find("pthread_mutex_unlock: Operation not permitted"));
   const std::vector<std::string> lines = capture.lines();
   ASSERT_EQ(1u, lines.size());
@@ -63,41 +55,26 @@ TEST(ThreadException, TheCheckingFormLogsAWarningAndTheNologFormDoesNot) {
 
 TEST(Mutex, ErrorCheckingMutexTurnsMisuseIntoThreadException) {
   // Each case provokes the platform into refusing a call.
+  const char* const kUnlock = ": pthread_mutex_unlock: Operation not permitted;";
+  const char* const kRelock = ": pthread_mutex_lock: Resource deadlock avoided;";
   const struct {
     const char* name;
     std::function<void(Mutex&)> misuse;
     const char* fragment;
-    bool unlocksUnheld;
+    bool relocks;  // else it unlocks a mutex it does not hold
   } kCases[] = {
-      {"unlock not held", [](Mutex& m) { m.unlock(); },
-       ": pthread_mutex_unlock: Operation not permitted;", true},
-      {"NOLOG unlock not held", [](Mutex& m) { m.NOLOG_unlock(); },
-       ": pthread_mutex_unlock: Operation not permitted;", true},
-      {"relock", [](Mutex& m) {
-         m.lock();
-         struct Release {
-           Mutex& m;
-           ~Release() { m.unlock(); }
-         } release{m};
-         m.lock();
-       },
-       ": pthread_mutex_lock: Resource deadlock avoided;", false},
-      {"NOLOG relock", [](Mutex& m) {
-         m.NOLOG_lock();
-         struct Release {
-           Mutex& m;
-           ~Release() { m.NOLOG_unlock(); }
-         } release{m};
-         m.NOLOG_lock();
-       },
-       ": pthread_mutex_lock: Resource deadlock avoided;", false},
+      {"unlock not held", [](Mutex& m) { m.unlock(); }, kUnlock, false},
+      {"NOLOG unlock not held", [](Mutex& m) { m.NOLOG_unlock(); }, kUnlock, false},
+      {"relock", [](Mutex& m) { m.lock(), m.lock(); }, kRelock, true},
+      {"NOLOG relock", [](Mutex& m) { m.NOLOG_lock(), m.NOLOG_lock(); }, kRelock, true},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
-    if (c.unlocksUnheld && kUnderThreadSanitizer) continue;
+    if (!c.relocks && kUnderThreadSanitizer) continue;
     Mutex m(Mutex::ERRORCHECK);
-    const std::string text = thrownText([&] { c.misuse(m); });
+    const std::string text = thrownText<ThreadException>([&] { c.misuse(m); });
     EXPECT_NE(std::string::npos, text.find(c.fragment)) << text;
+    if (c.relocks) m.unlock();  // the first lock holds
     m.lock();  // still usable, and not left held
     m.unlock();
   }
@@ -108,7 +85,7 @@ TEST(Mutex, UnlockByAnotherThreadIsRefused) {
   full_Mutex m(Mutex::ERRORCHECK);
   m.lock();
   std::string text;
-  std::thread other([&] { text = thrownText([&] { m.unlock(); }); });
+  std::thread other([&] { text = thrownText<ThreadException>([&] { m.unlock(); }); });
   other.join();
   m.unlock();
   EXPECT_NE(std::string::npos, text.find("pthread_mutex_unlock: Operation not permitted")) << text;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "util/ThreadException.h"
+#include "util/testing/ThrownText.h"
 
 namespace {
 
@@ -92,15 +93,6 @@ TEST(ConditionWakeAll, WakesEveryWaiter) {
   EXPECT_EQ(6, released);
 }
 
-std::string thrownText(void (*fn)()) {
-  try {
-    fn();
-  } catch (const ThreadException& e) {
-    return e.what();
-  }
-  return "";
-}
-
 TEST(PthreadCondition, PlatformRefusalsBecomeThreadExceptions) {
   const struct {
     const char* name;
@@ -133,7 +125,7 @@ TEST(PthreadCondition, PlatformRefusalsBecomeThreadExceptions) {
   };
   for (const auto& c : kCases) {
     if (c.waitsUnheld && kUnderThreadSanitizer) continue;
-    const std::string text = thrownText(c.provoke);
+    const std::string text = thrownText<ThreadException>(c.provoke);
     EXPECT_NE(std::string::npos, text.find(c.fragment)) << c.name << ": " << text;
   }
 }

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "util/Regex.h"
+#include "util/testing/ThrownText.h"
 
 namespace {
 
@@ -75,32 +76,17 @@ TEST(RegexMatch, GetGroupOutOfRangeThrows) {
   EXPECT_EQ("ab", m.getGroup(0).view());
   EXPECT_EQ("b", m.getGroup(2).view());
   for (size_t n : {3u, 4u, 100u}) {
-    try {
-      m.getGroup(n);
-      ADD_FAILURE() << n;
-    } catch (const RegexException& e) {
-      EXPECT_EQ("IndexOutOfBounds Exception: idx = " + std::to_string(n - 1) + ", size = 2",
-                e.what());
-    }
+    EXPECT_EQ("IndexOutOfBounds Exception: idx = " + std::to_string(n - 1) + ", size = 2",
+              thrownText<RegexException>([&] { m.getGroup(n); }));
   }
 }
 
 TEST(RegexMatch, SignedFetchReadsEachAcceptedShape) {
   const Regex all("^(.*)$", true, Regex::DOTALL);
-  const struct {
-    const char* text;
-    long long value;
-  } kCases[] = {
-      {"5", 5},
-      {" 5 ", 5},
-      {"\t5\t", 5},
-      {"-5", -5},
+  const struct { const char* text; long long value; } kCases[] = {
       {"- 5", -5},  // blanks after the sign are skipped too
-      {"0", 0},
-      {"-0", 0},
-      {"10", 10},
-      {"2147483647", 2147483647},
-      {"-2147483648", -2147483648LL},
+      {"5", 5}, {" 5 ", 5}, {"\t5\t", 5}, {"-5", -5}, {"0", 0}, {"-0", 0}, {"10", 10},
+      {"2147483647", 2147483647}, {"-2147483648", -2147483648LL},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.text);
@@ -169,11 +155,7 @@ TEST(RegexMatch, LastDigitMayCarryPastTheLimit) {
 
 TEST(RegexMatch, UnsignedFetchCatchesTheWrapOfSixtyFourBits) {
   const Regex all("^(.*)$", true, Regex::DOTALL);
-  const struct {
-    const char* text;
-    bool ok;
-    unsigned long long value;
-  } kCases[] = {
+  const struct { const char* text; bool ok; unsigned long long value; } kCases[] = {
       {"18446744073709551615", true, 18446744073709551615ULL},
       {"18446744073709551610", true, 18446744073709551610ULL},
       {"18446744073709551616", false, 0},  // wraps to 0

@@ -6,8 +6,14 @@
 #include "util/Regex.h"
 #include "util/RegexMatch.h"
 #include "util/RegexNameResolver.h"
+#include "util/testing/ThrownText.h"
 
 namespace {
+
+// What resolving `name` throws.
+std::string resolveFailure(const char* name, const RegexNameResolver& resolver) {
+  return thrownText<RegexException>([&] { Regex::resolveModularPattern(name, resolver); });
+}
 
 class MapResolver : public RegexNameResolver {
  public:
@@ -23,44 +29,22 @@ class MapResolver : public RegexNameResolver {
 
 const MapResolver& library() {
   static const MapResolver resolver({
-      {"num", "\\d+"},
-      {"pair", "[[num]]-[[num]]"},
-      {"plus", "x[[num]]+y"},
-      {"brace", "[[num]]{2}"},
-      {"aliased", "[[num:n]]"},
-      {"aliasedStar", "[[num:n]]*"},
-      {"word", "(?<w>\\w+)"},
-      {"pword", "(?P<w>\\w+)"},
-      {"renamed", "[[word:p]]"},
-      {"renamedP", "[[pword:p]]"},
-      {"twice", "[[renamed:q]]"},
-      {"escaped", "\\[[num]]"},
-      {"lines", "a\n[[num]]\nb"},
-      {"date", "[[num:year]]/[[num:month]]"},
-      {"plain", "abc"},
-      {"self", "[[self]]"},
-      {"p", "[[q]]"},
-      {"q", "x[[p]]"},
-      {"outer", "<[[middle]]>"},
+      {"num", "\\d+"}, {"pair", "[[num]]-[[num]]"}, {"plus", "x[[num]]+y"},
+      {"brace", "[[num]]{2}"}, {"aliased", "[[num:n]]"}, {"aliasedStar", "[[num:n]]*"},
+      {"word", "(?<w>\\w+)"}, {"pword", "(?P<w>\\w+)"}, {"renamed", "[[word:p]]"},
+      {"renamedP", "[[pword:p]]"}, {"twice", "[[renamed:q]]"}, {"escaped", "\\[[num]]"},
+      {"lines", "a\n[[num]]\nb"}, {"date", "[[num:year]]/[[num:month]]"}, {"plain", "abc"},
+      {"self", "[[self]]"}, {"p", "[[q]]"}, {"q", "x[[p]]"}, {"outer", "<[[middle]]>"},
       {"middle", "[[nope]]"},
   });
   return resolver;
 }
 
 TEST(RegexModular, RecognisesReferences) {
-  const struct {
-    const char* pattern;
-    bool modular;
-  } kCases[] = {
-      {"[[a]]", true},
-      {"x[[a:b]]y", true},
-      {"(\\d+)[[a]]+", true},
+  const struct { const char* pattern; bool modular; } kCases[] = {
       {"\\[[a]]", false},  // escaped
-      {"[[a", false},
-      {"[[]]", false},
-      {"[[a:b:c]]", false},
-      {"[a]", false},
-      {"", false},
+      {"[[a]]", true}, {"x[[a:b]]y", true}, {"(\\d+)[[a]]+", true}, {"[[a", false},
+      {"[[]]", false}, {"[[a:b:c]]", false}, {"[a]", false}, {"", false},
   };
   for (const auto& c : kCases) {
     EXPECT_EQ(c.modular, Regex::isModularPattern(c.pattern)) << c.pattern;
@@ -68,22 +52,13 @@ TEST(RegexModular, RecognisesReferences) {
 }
 
 TEST(RegexModular, ExpandsReferences) {
-  const struct {
-    const char* name;
-    const char* expansion;
-  } kCases[] = {
-      {"plain", "abc"},
-      {"num", "\\d+"},
-      {"pair", "\\d+-\\d+"},
+  const struct { const char* name; const char* expansion; } kCases[] = {
       {"plus", "x(?:\\d+)+y"},  // a quantifier wraps the expansion
-      {"brace", "(?:\\d+){2}"},
-      {"aliased", "(?<n>\\d+)"},
       {"aliasedStar", "(?<n>\\d+)*"},  // the alias group serves the quantifier too
       {"renamed", "(?<pw>\\w+)"},      // named groups inside get the alias as prefix
-      {"renamedP", "(?<pw>\\w+)"},
-      {"twice", "(?<qpw>\\w+)"},
-      {"escaped", "\\[[num]]"},
-      {"lines", "a\n\\d+\nb"},
+      {"plain", "abc"}, {"num", "\\d+"}, {"pair", "\\d+-\\d+"}, {"brace", "(?:\\d+){2}"},
+      {"aliased", "(?<n>\\d+)"}, {"renamedP", "(?<pw>\\w+)"}, {"twice", "(?<qpw>\\w+)"},
+      {"escaped", "\\[[num]]"}, {"lines", "a\n\\d+\nb"},
       {"date", "(?<year>\\d+)/(?<month>\\d+)"},
   };
   for (const auto& c : kCases) {
@@ -101,10 +76,7 @@ TEST(RegexModular, ExpansionCompilesWithTheAliasedGroups) {
 }
 
 TEST(RegexModular, FailuresCarryTheChainOfNames) {
-  const struct {
-    const char* name;
-    const char* message;
-  } kCases[] = {
+  const struct { const char* name; const char* message; } kCases[] = {
       {"self", "Regex - Circular dependency for modular regex: self, in regex: 'self'"},
       {"p", "Regex - Circular dependency for modular regex: p, in regex: 'q', in regex: 'p'"},
       {"q", "Regex - Circular dependency for modular regex: q, in regex: 'p', in regex: 'q'"},
@@ -114,12 +86,7 @@ TEST(RegexModular, FailuresCarryTheChainOfNames) {
        "Regex - Cannot find regex reference: nope, in regex: 'middle', in regex: 'outer'"},
   };
   for (const auto& c : kCases) {
-    try {
-      Regex::resolveModularPattern(c.name, library());
-      ADD_FAILURE() << c.name;
-    } catch (const RegexException& e) {
-      EXPECT_STREQ(c.message, e.what()) << c.name;
-    }
+    EXPECT_EQ(c.message, resolveFailure(c.name, library())) << c.name;
   }
 }
 
@@ -142,30 +109,20 @@ class GrowingResolver : public RegexNameResolver {
 };
 
 TEST(RegexModular, BoundsDepthAndSize) {
-  try {
-    Regex::resolveModularPattern("n", GrowingResolver(false, 1000, 1));
-    ADD_FAILURE();
-  } catch (const RegexException& e) {
-    const std::string message = e.what();
-    std::string expected = "Regex - Modular regex nested too deeply: n" +
-                           std::string(Regex::MODULAR_MAX_DEPTH, 'x');
-    for (int level = Regex::MODULAR_MAX_DEPTH - 1; level >= 0; --level) {
-      expected += ", in regex: 'n" + std::string(static_cast<size_t>(level), 'x') + "'";
-    }
-    EXPECT_EQ(expected, message);
+  std::string expected = "Regex - Modular regex nested too deeply: n" +
+                         std::string(Regex::MODULAR_MAX_DEPTH, 'x');
+  for (int level = Regex::MODULAR_MAX_DEPTH - 1; level >= 0; --level) {
+    expected += ", in regex: 'n" + std::string(static_cast<size_t>(level), 'x') + "'";
   }
+  EXPECT_EQ(expected, resolveFailure("n", GrowingResolver(false, 1000, 1)));
   // Just inside the depth limit is fine.
   const Str deep = Regex::resolveModularPattern(
       "n", GrowingResolver(false, Regex::MODULAR_MAX_DEPTH, 3));
   EXPECT_EQ("zzz", deep);
 
   // 16 leaves of just over 64 KiB under "nx" pass the size limit there.
-  try {
-    Regex::resolveModularPattern("n", GrowingResolver(true, 6, 65537));
-    ADD_FAILURE();
-  } catch (const RegexException& e) {
-    EXPECT_STREQ("Regex - Modular regex expansion too large: nx, in regex: 'n'", e.what());
-  }
+  EXPECT_EQ("Regex - Modular regex expansion too large: nx, in regex: 'n'",
+            resolveFailure("n", GrowingResolver(true, 6, 65537)));
 
   // Names are never expanded twice at once, so a diamond is no cycle.
   const MapResolver diamond({{"top", "[[l]][[r]]"}, {"l", "[[leaf]]"}, {"r", "[[leaf]]"},

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "util/RegexMatch.h"
+#include "util/testing/ThrownText.h"
 
 namespace {
 
@@ -47,11 +48,9 @@ TEST(Regex, MatchesInEachMode) {
     const char* partial;  // mode 2
   } kCases[] = {
       {"a|ab", 0, "ab", "a", "ab", "a"},  // whole mode must try the longer branch
-      {"b", 0, "ab", "b", "<none>", "b"},
       {"abc", 0, "xab", "<none>", "<none>", "ab"},  // the subject ends inside the pattern
-      {"abc", 0, "xabc", "abc", "<none>", "abc"},
-      {"\\d{4}-\\d\\d", 0, "on 2009-1", "<none>", "<none>", "2009-1"},
-      {"x*", 0, "", "", "", ""},
+      {"b", 0, "ab", "b", "<none>", "b"}, {"abc", 0, "xabc", "abc", "<none>", "abc"},
+      {"\\d{4}-\\d\\d", 0, "on 2009-1", "<none>", "<none>", "2009-1"}, {"x*", 0, "", "", "", ""},
       {"^.$", 0, "\xc3\xa9", "\xc3\xa9", "\xc3\xa9", "\xc3\xa9"},  // one character, two bytes
       {"HELLO", Regex::CASELESS, "say hello", "hello", "<none>", "hello"},
       {"a.b", 0, "a\nb", "<none>", "<none>", "<none>"},
@@ -65,14 +64,12 @@ TEST(Regex, MatchesInEachMode) {
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.pattern);
     SCOPED_TRACE(c.subject);
-    const Regex r(c.pattern, true, c.options);
-    EXPECT_EQ(c.search, matchText(r, c.subject, Regex::MATCH_SEARCH));
-    EXPECT_EQ(c.whole, matchText(r, c.subject, Regex::MATCH_WHOLE));
-    EXPECT_EQ(c.partial, matchText(r, c.subject, Regex::MATCH_PARTIAL));
-    const Regex unstudied(c.pattern, false, c.options);
-    EXPECT_EQ(c.search, matchText(unstudied, c.subject, Regex::MATCH_SEARCH));
-    EXPECT_EQ(c.whole, matchText(unstudied, c.subject, Regex::MATCH_WHOLE));
-    EXPECT_EQ(c.partial, matchText(unstudied, c.subject, Regex::MATCH_PARTIAL));
+    for (bool study : {true, false}) {
+      const Regex r(c.pattern, study, c.options);
+      EXPECT_EQ(c.search, matchText(r, c.subject, Regex::MATCH_SEARCH)) << study;
+      EXPECT_EQ(c.whole, matchText(r, c.subject, Regex::MATCH_WHOLE)) << study;
+      EXPECT_EQ(c.partial, matchText(r, c.subject, Regex::MATCH_PARTIAL)) << study;
+    }
   }
 }
 
@@ -86,11 +83,7 @@ TEST(Regex, WholeStringFormFallsBackWhenItDoesNotCompile) {
 }
 
 TEST(Regex, RejectsPatternsThatDoNotCompile) {
-  const struct {
-    const char* pattern;
-    int options;
-    const char* message;
-  } kCases[] = {
+  const struct { const char* pattern; int options; const char* message; } kCases[] = {
       {"a(", 0, "Regex: missing closing parenthesis"},
       {"[z-a]", 0, "Regex: range out of order in character class"},
       {"(?<n>a)(?<n>b)", 0, "Regex: two named subpatterns have the same name (PCRE2_DUPNAMES not set)"},
@@ -101,12 +94,8 @@ TEST(Regex, RejectsPatternsThatDoNotCompile) {
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.pattern);
     Regex r;
-    try {
-      r._internal_init(c.pattern, true, c.options);
-      ADD_FAILURE() << "compiled";
-    } catch (const RegexException& e) {
-      EXPECT_STREQ(c.message, e.what());
-    }
+    EXPECT_EQ(c.message,
+              thrownText<RegexException>([&] { r._internal_init(c.pattern, true, c.options); }));
     EXPECT_FALSE(r.isCompiled());
     EXPECT_FALSE(r.matches("a"));
   }
@@ -115,17 +104,9 @@ TEST(Regex, RejectsPatternsThatDoNotCompile) {
 }
 
 TEST(Regex, ReportsGroupsNamesAndAnchoring) {
-  const struct {
-    const char* pattern;
-    int options;
-    int32_t captures;
-    bool anchored;
-  } kCases[] = {
-      {"a", 0, 0, false},
-      {"^a", 0, 0, true},
-      {"\\Aa", 0, 0, true},
-      {"^a", Regex::MULTILINE, 0, false},
-      {"a", Regex::ANCHORED, 0, true},
+  const struct { const char* pattern; int options; int32_t captures; bool anchored; } kCases[] = {
+      {"a", 0, 0, false}, {"^a", 0, 0, true}, {"\\Aa", 0, 0, true},
+      {"^a", Regex::MULTILINE, 0, false}, {"a", Regex::ANCHORED, 0, true},
       {"(a)(?:b)(c)?", 0, 2, false},
       {"(?<year>\\d+)-(?P<month>\\d+)", 0, 2, false},
       {"(a)(b)", Regex::NO_AUTO_CAPTURE, 0, false},
@@ -251,28 +232,22 @@ TEST(Regex, CopiesRecompile) {
 }
 
 TEST(StrSegmentRegex, MemRegexMatchWithItsOwnNewlinesAndAnchors) {
+  const size_t npos = StrSegment::npos;
   const struct {
     const char* pattern;
     std::string data;
-    bool anchored;
-    bool whole;
+    bool anchored, whole;
     size_t expected;
   } kCases[] = {
-      {"b", "ab", false, false, 1},
-      {"b", "ab", true, false, StrSegment::npos},
-      {"a|ab", "ab", false, true, 0},
-      {"b", "ab", false, true, StrSegment::npos},
-      {"a.b", "a\rb", false, false, StrSegment::npos},  // CR is a newline here
-      {"a$", "a\r", false, false, 0},
+      {"a.b", "a\rb", false, false, npos},  // CR is a newline here
       {"a$", std::string("a\xc2\x85", 3), false, false, 0},  // so is NEL
-      {"^b", "a\r\nb", false, false, StrSegment::npos},
-      {"(?m)^b", "a\rb", false, false, 2},
-      {"a\\Rb", "a\xe2\x80\xa8" "b", false, false, 0},
       {"b", "\xff" "b", false, false, 1},  // invalid bytes are skipped, not fatal
-      {"b", "\xff" "b", true, false, StrSegment::npos},  // anchored at the data, not the "b"
-      {"a*b", "*ca\xc6" "byc", true, false, StrSegment::npos},
-      {"b", "\xff" "b", false, true, StrSegment::npos},
-      {"\\xff", "\xff", false, false, StrSegment::npos},
+      {"b", "\xff" "b", true, false, npos},  // anchored at the data, not the "b"
+      {"b", "ab", false, false, 1}, {"b", "ab", true, false, npos}, {"a|ab", "ab", false, true, 0},
+      {"b", "ab", false, true, npos}, {"a$", "a\r", false, false, 0},
+      {"^b", "a\r\nb", false, false, npos}, {"(?m)^b", "a\rb", false, false, 2},
+      {"a\\Rb", "a\xe2\x80\xa8" "b", false, false, 0}, {"a*b", "*ca\xc6" "byc", true, false, npos},
+      {"b", "\xff" "b", false, true, npos}, {"\\xff", "\xff", false, false, npos},
       {"x*", "", false, true, 0},
   };
   for (const auto& c : kCases) {

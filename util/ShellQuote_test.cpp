@@ -19,17 +19,13 @@ TEST(ShellQuoted, EachRuleOfTheFourGroups) {
       {"plain/path-1.txt", "plain/path-1.txt"},  // rule 2: nothing to protect
       {"a$b", "'a$b'"},                  // rule 3: quotable, no single quote
       {"a\\b c", "'a\\b c'"},            // rule 3 wins over white space
-      {"a b", "\"a b\""},                // rule 4 with white space
-      {"it's here", "\"it's here\""},
-      {"it's $HOME", "\"it's \\$HOME\""},
       {"a\"b c", "'a\"b c'"},
-      {"it's \"x\"", "\"it's \\\"x\\\"\""},
-      {"a;b", "a\\;b"},                  // rule 4 without white space
-      {"it's", "it\\'s"},
-      {"x'$y", "x\\'\\$y"},
-      {"#*=?[]|&", "\\#\\*\\=\\?\\[\\]\\|\\&"},
-      {"tab\there", "\"tab\there\""},
+      {"a b", "\"a b\""},                // rule 4 with white space
+      {"it's here", "\"it's here\""}, {"it's $HOME", "\"it's \\$HOME\""},
+      {"it's \"x\"", "\"it's \\\"x\\\"\""}, {"tab\there", "\"tab\there\""},
       {"line\nfeed", "\"line\nfeed\""},
+      {"a;b", "a\\;b"},                  // rule 4 without white space
+      {"it's", "it\\'s"}, {"x'$y", "x\\'\\$y"}, {"#*=?[]|&", "\\#\\*\\=\\?\\[\\]\\|\\&"},
   };
   for (const auto& c : kCases) {
     EXPECT_EQ(std::string(c.want), Pathname(c.in).shellQuoted()) << c.in;
@@ -38,15 +34,11 @@ TEST(ShellQuoted, EachRuleOfTheFourGroups) {
 
 TEST(SplitArgShellQuoted, ReadsOneWord) {
   const struct { const char* in; const char* word; const char* rest; } kCases[] = {
-      {"abc def", "abc", " def"},
       {"  \t\nabc", "abc", ""},        // leading white space skipped
-      {"'a b'c d", "a bc", " d"},
       {"\"a\\\"b\" x", "a\"b", " x"},  // backslash escapes inside double quotes
       {"'a\\b'", "a\\b", ""},          // and is literal inside single quotes
-      {"a\\ b", "a b", ""},
-      {"\"it's\"", "it's", ""},
-      {"'say \"hi\"'", "say \"hi\"", ""},
-      {"a\"\"b", "ab", ""},
+      {"abc def", "abc", " def"}, {"'a b'c d", "a bc", " d"}, {"a\\ b", "a b", ""},
+      {"\"it's\"", "it's", ""}, {"'say \"hi\"'", "say \"hi\"", ""}, {"a\"\"b", "ab", ""},
       {"x\ny", "x", "\ny"},
   };
   for (const auto& c : kCases) {
@@ -68,12 +60,9 @@ TEST(SplitArgShellQuoted, RejectsBrokenWords) {
 
 TEST(SplitShellQuotedInto, StopsSilentlyAtTheFirstBrokenWord) {
   const struct { const char* in; std::vector<const char*> want; } kCases[] = {
-      {"a b 'c d' e", {"a", "b", "c d", "e"}},
       {"a b 'unterminated c", {"a", "b"}},  // the words ahead are kept
-      {"\t  a  ", {"a"}},
       {"a \"\" b", {"a"}},                  // an empty word ends it too
-      {"", {}},
-      {"x\\", {}},
+      {"a b 'c d' e", {"a", "b", "c d", "e"}}, {"\t  a  ", {"a"}}, {"", {}}, {"x\\", {}},
   };
   for (const auto& c : kCases) {
     PathnameVector got{"kept"};
@@ -86,7 +75,6 @@ TEST(SplitShellQuotedInto, StopsSilentlyAtTheFirstBrokenWord) {
 
 TEST(SplitShellQuotedInto, ExistsVariantKeepsExistingPathsOnly) {
   TestTempDir dir;
-  ASSERT_FALSE(dir.path().empty());
   const Pathname there = dir / "has space";
   ASSERT_TRUE(there.mkdir(Pathname::MKDIR_PRIVATE));
   PathnameVector in{there, dir / "missing", dir.path()};

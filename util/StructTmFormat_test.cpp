@@ -1,6 +1,4 @@
 #include <cstdio>
-#include <cstdlib>
-#include <ctime>
 #include <random>
 #include <string>
 
@@ -8,16 +6,16 @@
 
 #include "util/DateTime.h"
 #include "util/TimeFormat.h"
+#include "util/testing/ScopedTz.h"
 
 namespace {
 
-// The formats that the C library's strftime writes the same way.
-const char* const SHARED[] = {"%Y-%m-%d %H:%M:%S %z", "%a %b %e %T %Z %Y", "%c", "%G-W%V-%u %j",
-                              "%I:%M %p"};
-
+// Every view renders a compiled format as the C library's strftime renders
+// the same text over the same fields.
 TEST(StructTmFormat, EachViewAgreesWithItsStrftime) {
-  setenv("TZ", "America/Chicago", 1);
-  tzset();
+  ScopedTz tz("America/Chicago");
+  const char* const kShared[] = {"%Y-%m-%d %H:%M:%S %z", "%a %b %e %T %Z %Y", "%c",
+                                 "%G-W%V-%u %j", "%I:%M %p"};
   std::mt19937_64 rng(5);
   for (int i = 0; i < 500; ++i) {
     const long t = std::uniform_int_distribution<long>(0, 32503679999L)(rng);
@@ -26,30 +24,26 @@ TEST(StructTmFormat, EachViewAgreesWithItsStrftime) {
     LocalStructTmHires hires;
     StructTmInTimezone zoned(nullptr);  // no zone: the local view
     StructTmInTimezoneHires zonedHires(nullptr);
-    ASSERT_TRUE(gmt.fromUnixTime(t));
-    ASSERT_TRUE(local.fromUnixTime(t));
-    ASSERT_TRUE(hires.fromUnixTime(t));
-    ASSERT_TRUE(zoned.fromUnixTime(t));
-    ASSERT_TRUE(zonedHires.fromUnixTime(t));
-    for (const char* text : SHARED) {
+    ASSERT_TRUE(gmt.fromUnixTime(t) && local.fromUnixTime(t) && hires.fromUnixTime(t) &&
+                zoned.fromUnixTime(t) && zonedHires.fromUnixTime(t));
+    for (const char* text : kShared) {
+      SCOPED_TRACE(testing::Message() << text << " " << t);
       const TimeFormat f(text);
-      Str a, b, c, d, e, expectGmt, expectLocal;
-      gmt.appendFtime(a, f);
-      local.appendFtime(b, f);
-      hires.appendFtime(c, f);
-      zoned.appendFtime(d, f);
-      zonedHires.appendFtime(e, f);
+      const auto render = [&f](const auto& view) {
+        Str out;
+        view.appendFtime(out, f);
+        return out;
+      };
+      Str expectGmt, expectLocal;
       gmt.appendFtime(expectGmt, text);  // the C library's strftime
       local.appendFtime(expectLocal, text);
-      EXPECT_EQ(expectGmt, a) << text << " " << t;
-      EXPECT_EQ(expectLocal, b) << text << " " << t;
-      EXPECT_EQ(expectLocal, c) << text << " " << t;
-      EXPECT_EQ(expectLocal, d) << text << " " << t;
-      EXPECT_EQ(expectLocal, e) << text << " " << t;
+      EXPECT_EQ(expectGmt, render(gmt));
+      EXPECT_EQ(expectLocal, render(local));
+      EXPECT_EQ(expectLocal, render(hires));
+      EXPECT_EQ(expectLocal, render(zoned));
+      EXPECT_EQ(expectLocal, render(zonedHires));
     }
   }
-  unsetenv("TZ");
-  tzset();
 }
 
 TEST(StructTmFormat, HiresViewsRenderTheirMicroseconds) {

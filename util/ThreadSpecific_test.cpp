@@ -9,6 +9,7 @@
 
 #include "util/Mutex.h"
 #include "util/ThreadException.h"
+#include "util/testing/ThrownText.h"
 
 namespace {
 
@@ -60,15 +61,6 @@ TEST(TSP_Implementor, TheDestructorRunsWithEachExitingThreadsValue) {
   tsp.release();
 }
 
-std::string thrownText(void (*fn)()) {
-  try {
-    fn();
-  } catch (const ThreadException& e) {
-    return e.what();
-  }
-  return "";
-}
-
 TEST(TSP_Implementor, PlatformRefusalsBecomeThreadExceptions) {
   const struct { const char* name; void (*provoke)(); const char* fragment; } kCases[] = {
       {"release twice",
@@ -102,7 +94,7 @@ TEST(TSP_Implementor, PlatformRefusalsBecomeThreadExceptions) {
        ": pthread_key_create: Resource temporarily unavailable;"},
   };
   for (const auto& c : kCases) {
-    const std::string text = thrownText(c.provoke);
+    const std::string text = thrownText<ThreadException>(c.provoke);
     EXPECT_NE(std::string::npos, text.find(c.fragment)) << c.name << ": " << text;
   }
   // The keys came back: a new one can be made.

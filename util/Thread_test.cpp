@@ -10,6 +10,7 @@
 
 #include "util/testing/LogCapture.h"
 #include "util/ThreadException.h"
+#include "util/testing/ThrownText.h"
 
 namespace {
 
@@ -69,13 +70,6 @@ TEST(Thread, DestroyedWithoutGoNeverRunsMain) {
   EXPECT_FALSE(t.ran);
 }
 
-TEST(Thread, JoinEvenIfUnstartedAlsoJoinsAStartedThread) {
-  ProbeThread t(3);
-  t.go();
-  t.joinEvenIfUnstarted();
-  EXPECT_TRUE(t.ran);
-}
-
 TEST(Thread, CountsLiveThreadObjects) {
   const unsigned before = Thread::approximateThreadCount();
   EXPECT_GE(before, 1u);
@@ -86,14 +80,10 @@ TEST(Thread, CountsLiveThreadObjects) {
     threads[0]->go();
     threads[0]->join();
     EXPECT_EQ(before + 3, Thread::approximateThreadCount());  // joined, not yet gone
+    EXPECT_TRUE(*threads[0] == *threads[0]);  // equality follows the pthread
+    EXPECT_FALSE(*threads[0] == *threads[1]);
   }
   EXPECT_EQ(before, Thread::approximateThreadCount());
-}
-
-TEST(Thread, EqualityFollowsThePthread) {
-  ProbeThread a(30), b(31);
-  EXPECT_TRUE(a == a);
-  EXPECT_FALSE(a == b);
 }
 
 TEST(Thread, ForeignThreadsHaveNoThreadObject) {
@@ -114,13 +104,7 @@ TEST(Thread, ForeignThreadsHaveNoThreadObject) {
 class SelfJoiningThread : public Thread {
  public:
   SelfJoiningThread() : Thread("self joiner") {}
-  void main() override {
-    try {
-      join();
-    } catch (const ThreadException& e) {
-      text = e.what();
-    }
-  }
+  void main() override { text = thrownText<ThreadException>([this] { join(); }); }
   std::string text;
 };
 
@@ -137,12 +121,8 @@ TEST(Thread, JoiningItselfIsAThreadException) {
 }
 
 TEST(Thread, AStackThePlatformCannotGiveFailsTheCreate) {
-  std::string text;
-  try {
-    ProbeThread t(1UL << 50, 40);  // past the whole address space
-  } catch (const ThreadException& e) {
-    text = e.what();
-  }
+  // A stack past the whole address space.
+  const std::string text = thrownText<ThreadException>([] { ProbeThread t(1UL << 50, 40); });
   EXPECT_NE(std::string::npos, text.find(": pthread_create: ")) << text;
 }
 
@@ -158,12 +138,14 @@ TEST(Thread, AStackSizeThePlatformRefusesIsAWarningAndTheDefaultStands) {
             lines[0]);
 }
 
+// Half are started, and joined either way; the other half never start.
 TEST(Thread, ManyThreadsEachRunMainOnce) {
   std::atomic<int> count{0};
   std::vector<std::unique_ptr<CountingThread>> threads;
   for (int i = 0; i < 16; ++i) threads.push_back(std::make_unique<CountingThread>(&count, i));
   for (int i = 0; i < 16; i += 2) threads[i]->go();
-  for (int i = 0; i < 16; i += 2) threads[i]->join();
+  for (int i = 0; i < 16; i += 4) threads[i]->join();
+  for (int i = 2; i < 16; i += 4) threads[i]->joinEvenIfUnstarted();
   EXPECT_EQ(8, count.load());
   threads.clear();  // the other half never started
   EXPECT_EQ(8, count.load());
@@ -194,7 +176,8 @@ class ThreadDeathTest : public ::testing::Test {
   void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 };
 
-TEST_F(ThreadDeathTest, GoTwiceEndsTheProcess) {
+// Go twice, join twice, and destroying a started thread that was not joined.
+TEST_F(ThreadDeathTest, MisuseOfOneThreadEndsTheProcess) {
   EXPECT_DEATH(
       {
         ProbeThread t(60);
@@ -202,9 +185,6 @@ TEST_F(ThreadDeathTest, GoTwiceEndsTheProcess) {
         t.go();
       },
       "Assertion failed: !_ready_to_run");
-}
-
-TEST_F(ThreadDeathTest, JoinTwiceEndsTheProcess) {
   EXPECT_DEATH(
       {
         ProbeThread t(61);
@@ -213,9 +193,6 @@ TEST_F(ThreadDeathTest, JoinTwiceEndsTheProcess) {
         t.join();
       },
       "Assertion failed: _did_join == DID_NOT_JOIN");
-}
-
-TEST_F(ThreadDeathTest, DestroyingAStartedThreadThatWasNotJoinedEndsTheProcess) {
   EXPECT_DEATH(
       {
         ProbeThread t(62);

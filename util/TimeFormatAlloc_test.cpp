@@ -28,18 +28,13 @@ void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
 namespace {
 
 TEST(TimeFormatAlloc, RawParseAllocatesNothing) {
-  const struct {
-    const char* format;
-    const char* text;
-  } kCases[] = {
+  const struct { const char* format; const char* text; } kCases[] = {
       {"%Y-%m-%d %H:%M:%S.%3N %z", "2023-11-14 22:13:20.123 -0800"},
       {"%b %d %H:%M:%S", "Nov 14 22:13:20 host sshd[1]: message"},
       {"%a %b %e %H:%M:%S %Z %Y", "Tue Nov 14 22:13:20 Pacific Standard Time 2023"},
-      {"%d/%b/%Y:%H:%M:%S %:z", "14/Nov/2023:22:13:20 -08:00"},
-      {"%s.%l", "1700000000.123"},
+      {"%d/%b/%Y:%H:%M:%S %:z", "14/Nov/2023:22:13:20 -08:00"}, {"%s.%l", "1700000000.123"},
       {"%A, %B %d, %Y %l:%M %p", "Tuesday, November 14, 2023 10:13 p.m."},
-      {"%H:%M:%S,%3N", "22:13:20.5"},
-      {"%G-W%V-%u %Ez", "2023-W46-2 -480"},
+      {"%H:%M:%S,%3N", "22:13:20.5"}, {"%G-W%V-%u %Ez", "2023-W46-2 -480"},
       {"%Y-%m-%d", "not a date at all"},
   };
   std::vector<TimeFormat> formats;

@@ -3,12 +3,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <random>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "util/DateTime.h"
+#include "util/testing/ScopedTz.h"
 
 namespace {
 
@@ -79,14 +81,12 @@ void runCases(const ParseCase* begin, const ParseCase* end) {
 
 TEST(TimeFormatParse, CutsRunsAtTheWidthWhenDigitsFollow) {
   const ParseCase kCases[] = {
-      {"%H%M", "1234", 4, "hour=12 min=34"},
+      {"%H%M", "1234", 4, "hour=12 min=34"}, {"%H%M", "123", 3, "hour=12 min=3"},
+      {"%H%M", " 1234", 5, "hour=12 min=34"},
       {"%H:%M", "7:05", 4, "hour=7 min=5"},  // a run may be shorter than the width
       {"%Y%m%d%H%M%S", "20231115034320", 14, "year=2023 mon=10 mday=15 hour=3 min=43 sec=20"},
       {"%s%3N", "1700000000123", 13, "epoch=1700000000 usec=123000 digits=3"},
-      {"%Y%j", "2023032", 7, "year=2023 yday=31"},
-      {"%C%y", "2023", 4, "century=20 yy=23"},
-      {"%H%M", "123", 3, "hour=12 min=3"},
-      {"%H%M", " 1234", 5, "hour=12 min=34"},
+      {"%Y%j", "2023032", 7, "year=2023 yday=31"}, {"%C%y", "2023", 4, "century=20 yy=23"},
       {"%e%H", " 512", 4, "mday=5 hour=12"},  // a space-padded width counts the blank
       {"%H%M%S.%3N", "235959.999", 10, "hour=23 min=59 sec=59 usec=999000 digits=3"},
       {"%m%d1", "12311", 5, "mon=11 mday=31"},  // a literal digit needs digits too
@@ -100,46 +100,30 @@ TEST(TimeFormatParse, CutsRunsAtTheWidthWhenDigitsFollow) {
 TEST(TimeFormatParse, BacksOffLargeValues) {
   const ParseCase kCases[] = {
       {"%-d", "32", 1, "mday=3"},
-      {"%d", "32", -1, ""},   // the width holds it at two digits
-      {"%e", "32", -1, ""},
-      {"%-m", "13", 1, "mon=0"},
-      {"%H", "123", 2, "hour=12"},
-      {"%M", "60", -1, ""},
-      {"%-M", "61", 1, "min=6"},
+      {"%d", "32", -1, ""},  // the width holds it at two digits
+      {"%e", "32", -1, ""},      {"%-m", "13", 1, "mon=0"},    {"%H", "123", 2, "hour=12"},
+      {"%M", "60", -1, ""},      {"%-M", "61", 1, "min=6"},
       {"%S", "60", 2, "sec=60"},  // a leap second is a second
-      {"%j", "366", 3, "yday=365"},
-      {"%j", "367", -1, ""},
-      {"%-j", "367", 2, "yday=35"},
+      {"%j", "366", 3, "yday=365"}, {"%j", "367", -1, ""}, {"%-j", "367", 2, "yday=35"},
       {"%w", "7", -1, ""},
-      {"%u", "7", 1, "wday=6"},   // %u keeps its value less one
-      {"%u", "1", 1, "wday=0"},
-      {"%-I", "13", 1, "hour12=1"},
-      {"%I", "12", 2, "hour12=0"},
+      {"%u", "7", 1, "wday=6"},  // %u keeps its value less one
+      {"%u", "1", 1, "wday=0"},  {"%-I", "13", 1, "hour12=1"}, {"%I", "12", 2, "hour12=0"},
       {"%U %W %V", "53 0 53", 7, "uweek=53 wweek=0 vweek=53"},
-      {"%V", "0", -1, ""},
-      {"%y", "999", 2, "yy=99"},
+      {"%V", "0", -1, ""},       {"%y", "999", 2, "yy=99"},
   };
   runCases(std::begin(kCases), std::end(kCases));
 }
 
 TEST(TimeFormatParse, ChecksRanges) {
   const ParseCase kCases[] = {
-      {"%Y", "1970", -1, ""},
-      {"%Y", "3000", -1, ""},
-      {"%Y", "1971", 4, "year=1971"},
+      {"%Y", "1970", -1, ""},       {"%Y", "3000", -1, ""},     {"%Y", "1971", 4, "year=1971"},
       {"%Y", "2999", 4, "year=2999"},
       {"%Y", "20231", -1, ""},  // a year has no limit to back off to
-      {"%G", "1970", -1, ""},
-      {"%C", "18", -1, ""},
-      {"%C", "29", 2, "century=29"},
-      {"%m", "00", -1, ""},
-      {"%d", "00", -1, ""},
-      {"%H", "24", -1, ""},
+      {"%G", "1970", -1, ""},       {"%C", "18", -1, ""},       {"%C", "29", 2, "century=29"},
+      {"%m", "00", -1, ""},         {"%d", "00", -1, ""},       {"%H", "24", -1, ""},
       {"%s", "4294967299", 10, "epoch=4294967299"},
       {"%s", "4294967300", -1, ""},  // more than 32 bits before the last digit
-      {"%s", "-86400", 6, "epoch=-86400"},
-      {"%s", "+5", 2, "epoch=5"},
-      {"%s", "-", -1, ""},
+      {"%s", "-86400", 6, "epoch=-86400"}, {"%s", "+5", 2, "epoch=5"}, {"%s", "-", -1, ""},
       {"%d", "-5", -1, ""},  // only offsets and epochs take a sign
       {"%H", "x", -1, ""},
   };
@@ -148,32 +132,20 @@ TEST(TimeFormatParse, ChecksRanges) {
 
 TEST(TimeFormatParse, ReadsZoneOffsets) {
   const ParseCase kCases[] = {
-      {"%z", "+0530", 5, "off=19800"},
-      {"%z", "-0800", 5, "off=-28800"},
-      {"%z", "+05", 3, "off=18000"},
-      {"%z", "-5", 2, "off=-18000"},
-      {"%z", "+530", 4, "off=19800"},
-      {"%z", "0100", 4, "off=3600"},
-      {"%z", "+2359", 5, "off=86340"},
-      {"%z", "+2400", -1, ""},
-      {"%z", "+0560", -1, ""},
-      {"%z", "+05300", -1, ""},
-      {"%z", "+", -1, ""},
+      {"%z", "+0530", 5, "off=19800"}, {"%z", "-0800", 5, "off=-28800"},
+      {"%z", "+05", 3, "off=18000"},   {"%z", "-5", 2, "off=-18000"},
+      {"%z", "+530", 4, "off=19800"},  {"%z", "0100", 4, "off=3600"},
+      {"%z", "+2359", 5, "off=86340"}, {"%z", "+2400", -1, ""},
+      {"%z", "+0560", -1, ""},         {"%z", "+05300", -1, ""},        {"%z", "+", -1, ""},
       {"%z", "+05:30", 3, "off=18000"},  // %z takes no colon
       {"%:z", "+05:30", 6, "off=19800"},
       {"%:z", "+0530", -1, ""},          // the colon is required
-      {"%:z", "+05:3", -1, ""},
-      {"%:z", "+05:60", -1, ""},
-      {"%:z", "-05:30:15", 6, "off=-19800"},
-      {"%::z", "+05:30:15", 9, "off=19815"},
-      {"%::z", "+05:30", -1, ""},
-      {"%:::z", "+05", 3, "off=18000"},
-      {"%:::z", "-05:30", 6, "off=-19800"},
-      {"%:::z", "+05:30:15", 9, "off=19815"},
-      {"%Ez", "-420", 4, "off=-25200"},
-      {"%Ez", "+1439", 5, "off=86340"},
-      {"%Ez", "1440", -1, ""},
-      {"%Ez", "0", 1, "off=0"},
+      {"%:z", "+05:3", -1, ""},        {"%:z", "+05:60", -1, ""},
+      {"%:z", "-05:30:15", 6, "off=-19800"}, {"%::z", "+05:30:15", 9, "off=19815"},
+      {"%::z", "+05:30", -1, ""},      {"%:::z", "+05", 3, "off=18000"},
+      {"%:::z", "-05:30", 6, "off=-19800"}, {"%:::z", "+05:30:15", 9, "off=19815"},
+      {"%Ez", "-420", 4, "off=-25200"}, {"%Ez", "+1439", 5, "off=86340"},
+      {"%Ez", "1440", -1, ""},         {"%Ez", "0", 1, "off=0"},
       {"%z %z", "+0100 -0100", 11, "off=3600 conflicts=1"},
       {"%z %:z", "+0100 +01:00", 12, "off=3600"},
   };
@@ -185,11 +157,9 @@ TEST(TimeFormatParse, ReadsSubseconds) {
       {"%S.%3N", "12", 2, "sec=12"},               // no fraction: absent
       {"%S.%3N", "12,345", 6, "sec=12 usec=345000 digits=3"},
       {"%S,%3N", "12.345", 6, "sec=12 usec=345000 digits=3"},
-      {"%S.%3N", "12.345", 6, "sec=12 usec=345000 digits=3"},
       {"%S.%3N", "12 rest", 2, "sec=12"},         // the fraction is absent, the parse ends
       {"%S.%3N %H", "12 07", 5, "hour=7 sec=12"},  // and goes on with what follows it
-      {"%S.%3N", "12.", -1, ""},
-      {"%S.%3N", "12.5", 4, "sec=12 usec=500000 digits=1"},
+      {"%S.%3N", "12.", -1, ""}, {"%S.%3N", "12.5", 4, "sec=12 usec=500000 digits=1"},
       {"%S.%3N", "12.1234567", 10, "sec=12 usec=123456 digits=6"},
       {"%S.%N", "12.000000001", 12, "sec=12 usec=0 digits=6"},
       // At the end of the text only a "." literal may be absent: the second
@@ -200,50 +170,31 @@ TEST(TimeFormatParse, ReadsSubseconds) {
       {"%l:%M", "3:45", 4, "hour12=3 min=45"},
       {"%s.%l", "1700000000.5", 12, "epoch=1700000000 usec=500000 digits=1"},
       {"%S%3N", "12", -1, ""},                     // no literal in front: required
-      {"%Q", "", -1, ""},
-      {"%S.%3N%n", "12", 2, "sec=12"},
+      {"%Q", "", -1, ""}, {"%S.%3N%n", "12", 2, "sec=12"},
   };
   runCases(std::begin(kCases), std::end(kCases));
 }
 
+// The renderer's own names ("Tuesday", "Nov", "PM") are covered by the
+// round trip below; these are the other spellings a reader meets.
 TEST(TimeFormatParse, ReadsNames) {
   const ParseCase kCases[] = {
       {"%b", "JanFoo", 3, "mon=0"},
       {"%b", "JANFOO", 6, "mon=0"},  // all capitals: one word
-      {"%b%a", "JanMon", 6, "mon=0 wday=1"},
-      {"%b", "january", 7, "mon=0"},
+      {"%b%a", "JanMon", 6, "mon=0 wday=1"}, {"%b", "january", 7, "mon=0"},
       {"%b", "Sept", 4, "mon=8"},
       {"%b", "Ja", 2, ""},          // too short: passes without a month
-      {"%b", "Jab", -1, ""},
-      {"%b", "3", 0, ""},
-      {"%B", "September", 9, "mon=8"},
-      {"%B", "sep", 3, "mon=8"},
-      {"%B", "Sept", -1, ""},
-      {"%B", "Septembre", -1, ""},
-      {"%a", "Mon", 3, "wday=1"},
-      {"%a", "Monday", 6, "wday=1"},
-      {"%a", "THURSDAY", 8, "wday=4"},
-      {"%a", "Mo", 2, "wday=1"},
-      {"%a", "Sa", 2, "wday=6"},
-      {"%a", "Xy", -1, ""},
-      {"%a", "M", 1, ""},
-      {"%A", "Tues", 4, "wday=2"},
-      {"%A", "Thur", 4, "wday=4"},
-      {"%A", "wednesday", 9, "wday=3"},
-      {"%A", "Wed", 3, "wday=3"},
-      {"%A", "Wedn", -1, ""},
-      {"%A", "Wednesdays", -1, ""},
+      {"%b", "Jab", -1, ""},     {"%b", "3", 0, ""},
+      {"%B", "sep", 3, "mon=8"}, {"%B", "Sept", -1, ""},    {"%B", "Septembre", -1, ""},
+      {"%a", "Monday", 6, "wday=1"}, {"%a", "THURSDAY", 8, "wday=4"},
+      {"%a", "Mo", 2, "wday=1"}, {"%a", "Sa", 2, "wday=6"},  {"%a", "Xy", -1, ""},
+      {"%a", "M", 1, ""},        {"%A", "Tues", 4, "wday=2"}, {"%A", "Thur", 4, "wday=4"},
+      {"%A", "wednesday", 9, "wday=3"}, {"%A", "Wed", 3, "wday=3"},
+      {"%A", "Wedn", -1, ""},    {"%A", "Wednesdays", -1, ""},
       {"%3b%a", "JANMON", 6, "mon=0 wday=1"},  // cut at the width before a name
-      {"%a %b %d", "Tue Nov 14", 10, "mon=10 mday=14 wday=2"},
-      {"%p", "AM", 2, "pm=0"},
-      {"%p", "pm", 2, "pm=1"},
-      {"%p", "a.m.", 4, "pm=0"},
-      {"%p", "P.M. x", 4, "pm=1"},
-      {"%p", "p.x.", -1, ""},
-      {"%p", "pz", -1, ""},
-      {"%p", "a", -1, ""},
-      {"%p", "\xE4\xB8\x8A\xE5\x8D\x88", 6, "pm=0"},
-      {"%p", "\xE4\xB8\x8B\xE5\x8D\x88", 6, "pm=1"},
+      {"%p", "pm", 2, "pm=1"},   {"%p", "a.m.", 4, "pm=0"},   {"%p", "P.M. x", 4, "pm=1"},
+      {"%p", "p.x.", -1, ""},    {"%p", "pz", -1, ""},        {"%p", "a", -1, ""},
+      {"%p", "\xE4\xB8\x8A\xE5\x8D\x88", 6, "pm=0"}, {"%p", "\xE4\xB8\x8B\xE5\x8D\x88", 6, "pm=1"},
       {"%p", "\xE4\xB8\x8C\xE5\x8D\x88", -1, ""},
       {"%I:%M %p", "12:30 am", 8, "hour12=0 pm=0 min=30"},
   };
@@ -252,7 +203,6 @@ TEST(TimeFormatParse, ReadsNames) {
 
 TEST(TimeFormatParse, ReadsZoneNames) {
   const ParseCase kCases[] = {
-      {"%Z", "PST", 3, "tz='PST'"},
       {"%Z", "America/Port-au-Prince x", 22, "tz='America/Port-au-Prince'"},
       {"%Z", "Etc/GMT+5", 9, "tz='Etc/GMT+5'"},
       {"%Z", "PST. x", 4, "tz='PST'"},         // the dot is read but is no part of the name
@@ -267,11 +217,8 @@ TEST(TimeFormatParse, ReadsZoneNames) {
       {"%Z", "Eastern Standard", 7, "tz='Eastern'"},
       {"%Z", "Eastern Summer Time", 7, "tz='Eastern'"},
       {"%Z %Y", "UTC 2023", 8, "tz='UTC' year=2023"},
-      {"%Z", "+05:30", 6, "off=19800"},
-      {"%Z", "-0800", 5, "off=-28800"},
-      {"%Z", "+2500", -1, ""},
-      {"%Z", "(UTC)", -1, ""},
-      {"%Z", "", -1, ""},
+      {"%Z", "+05:30", 6, "off=19800"}, {"%Z", "-0800", 5, "off=-28800"},
+      {"%Z", "+2500", -1, ""},          {"%Z", "(UTC)", -1, ""},          {"%Z", "", -1, ""},
       {"%Z|%Z", "EST|Eastern Standard Time", 25, "tz='Eastern Standard Time'"},
       {"%Z|%Z", "Eastern Standard Time|EST", 25, "tz='Eastern Standard Time'"},
       // The look-ahead runs word by word from the first name.
@@ -282,101 +229,55 @@ TEST(TimeFormatParse, ReadsZoneNames) {
 
 TEST(TimeFormatParse, HandlesWhiteSpaceAndLiterals) {
   const ParseCase kCases[] = {
-      {"%H", " \t\r\n7", 5, "hour=7"},
-      {"%H%n%M", "12 \t 34", 7, "hour=12 min=34"},
+      {"%H", " \t\r\n7", 5, "hour=7"}, {"%H%n%M", "12 \t 34", 7, "hour=12 min=34"},
       {"%H%n%M", "1234", 4, "hour=12 min=34"},   // none is fine
       {"%H%n %M", "12\n 34", 6, "hour=12 min=34"},  // compared as a literal
-      {"%H%n %M", "12  34", -1, ""},
-      {"%H:%M%n", "12:34", 5, "hour=12 min=34"},
-      {"%H:%M%t%n", "12:34", 5, "hour=12 min=34"},
-      {"%H:%M %Y", "12:34", -1, ""},
+      {"%H%n %M", "12  34", -1, ""},   {"%H:%M%n", "12:34", 5, "hour=12 min=34"},
+      {"%H:%M%t%n", "12:34", 5, "hour=12 min=34"}, {"%H:%M %Y", "12:34", -1, ""},
       {"%H:%M", "12 :34", -1, ""},                 // literals skip nothing
-      {"%d %b", "1  Jan", 6, "mon=0 mday=1"},
-      {"at %H%%", "at 5%", 5, "hour=5"},
-      {"at %H", "At 5", -1, ""},
-      {"%H %H", "12 13", 5, "hour=12 conflicts=1"},
-      {"", "anything", 0, ""},
-      {"%T", "1:2:3", 5, "hour=1 min=2 sec=3"},
+      {"%d %b", "1  Jan", 6, "mon=0 mday=1"}, {"at %H%%", "at 5%", 5, "hour=5"},
+      {"at %H", "At 5", -1, ""},      {"%H %H", "12 13", 5, "hour=12 conflicts=1"},
+      {"", "anything", 0, ""},        {"%T", "1:2:3", 5, "hour=1 min=2 sec=3"},
   };
   runCases(std::begin(kCases), std::end(kCases));
 }
 
-// Expected values of each flagged field, from the C library's breakdown.
-void expectFieldsOf(const RPR& r, long t, const tm& g, unsigned long usec, int digits,
-                    bool weekdayFromU, const std::string& what) {
-  char buf[16];
-  auto cField = [&](const char* directive) {
+// The fields of `t` as the C library breaks it down into `g`, flagged as
+// `r` flags them: the expectation for describe().
+RPR fieldsFromTheCLibrary(const RPR& r, long t, const tm& g, unsigned long usec, int digits,
+                          bool weekdayFromU) {
+  const auto cField = [&g](const char* directive) {
+    char buf[16];
     std::strftime(buf, sizeof buf, directive, &g);
     return std::atoi(buf);
   };
-  const int year = g.tm_year + 1900;
-  EXPECT_EQ(0u, r.conflicts) << what;
-  if (r.have & RPR::HAVE_EPOCH) {
-    EXPECT_EQ(t, r.epoch) << what;
-  }
-  if (r.have & RPR::HAVE_TZOFFSET) {
-    EXPECT_EQ(g.tm_gmtoff, r.tzOffset) << what;
-  }
-  if (r.have & RPR::HAVE_TZNAM) {
-    EXPECT_EQ(g.tm_zone, std::string(r.tzName.view())) << what;
-  }
-  if (r.have & RPR::HAVE_YEAR) {
-    EXPECT_EQ(year, r.year) << what;
-  }
-  if (r.have & RPR::HAVE_CENTURY) {
-    EXPECT_EQ(year / 100, r.century) << what;
-  }
-  if (r.have & RPR::HAVE_SHORTYEAR) {
-    EXPECT_EQ(year % 100, r.shortYear) << what;
-  }
-  if (r.have & RPR::HAVE_MONTH) {
-    EXPECT_EQ(g.tm_mon, r.month) << what;
-  }
-  if (r.have & RPR::HAVE_MDAY) {
-    EXPECT_EQ(g.tm_mday, r.mday) << what;
-  }
-  if (r.have & RPR::HAVE_HOUR24) {
-    EXPECT_EQ(g.tm_hour, r.hour24) << what;
-  }
-  if (r.have & RPR::HAVE_HOUR12) {
-    EXPECT_EQ(g.tm_hour % 12, r.hour12) << what;
-  }
-  if (r.have & RPR::HAVE_AMPM) {
-    EXPECT_EQ(g.tm_hour >= 12, r.pm) << what;
-  }
-  if (r.have & RPR::HAVE_MINUTE) {
-    EXPECT_EQ(g.tm_min, r.minute) << what;
-  }
-  if (r.have & RPR::HAVE_SECOND) {
-    EXPECT_EQ(g.tm_sec, r.second) << what;
-  }
-  if (r.have & RPR::HAVE_SUBSEC) {
-    long scale = 1;
-    for (int i = digits; i < 6; ++i) scale *= 10;
-    EXPECT_EQ(static_cast<long>(usec) / scale * scale, r.subsecUsec) << what;
-    EXPECT_EQ(digits, r.subsecDigits) << what;
-  }
-  if (r.have & RPR::HAVE_ISOYEAR) {
-    EXPECT_EQ(cField("%G"), r.isoYear) << what;
-  }
-  if (r.have & RPR::HAVE_ISOSHORTYEAR) {
-    EXPECT_EQ(cField("%g"), r.isoShortYear) << what;
-  }
-  if (r.have & RPR::HAVE_SUNDAYWEEK) {
-    EXPECT_EQ(cField("%U"), r.sundayWeek) << what;
-  }
-  if (r.have & RPR::HAVE_MONDAYWEEK) {
-    EXPECT_EQ(cField("%W"), r.mondayWeek) << what;
-  }
-  if (r.have & RPR::HAVE_ISOWEEK) {
-    EXPECT_EQ(cField("%V"), r.isoWeek) << what;
-  }
-  if (r.have & RPR::HAVE_YDAY) {
-    EXPECT_EQ(g.tm_yday, r.yday) << what;
-  }
-  if (r.have & RPR::HAVE_WDAY) {
-    EXPECT_EQ(weekdayFromU ? (g.tm_wday + 6) % 7 : g.tm_wday, r.wday) << what;
-  }
+  long scale = 1;
+  for (int i = digits; i < 6; ++i) scale *= 10;
+  RPR e;
+  e.have = r.have;
+  e.epoch = t;
+  e.tzOffset = g.tm_gmtoff;
+  e.tzName = StrSegment(g.tm_zone);
+  e.year = g.tm_year + 1900;
+  e.century = e.year / 100;
+  e.shortYear = e.year % 100;
+  e.month = g.tm_mon;
+  e.mday = g.tm_mday;
+  e.hour24 = g.tm_hour;
+  e.hour12 = g.tm_hour % 12;
+  e.pm = g.tm_hour >= 12;
+  e.minute = g.tm_min;
+  e.second = g.tm_sec;
+  e.subsecUsec = static_cast<long>(usec) / scale * scale;
+  e.subsecDigits = digits;
+  e.isoYear = cField("%G");
+  e.isoShortYear = cField("%g");
+  e.sundayWeek = cField("%U");
+  e.mondayWeek = cField("%W");
+  e.isoWeek = cField("%V");
+  e.yday = g.tm_yday;
+  e.wday = weekdayFromU ? (g.tm_wday + 6) % 7 : g.tm_wday;
+  return e;
 }
 
 TEST(TimeFormatParse, RenderThenParseGivesTheFieldsBack) {
@@ -398,8 +299,7 @@ TEST(TimeFormatParse, RenderThenParseGivesTheFieldsBack) {
       {"%c", kDate | kTime | R::HAVE_WDAY},
       {"%m/%d/%y %I:%M:%S %p", R::HAVE_MONTH | R::HAVE_MDAY | R::HAVE_SHORTYEAR | kTime12},
       {"%s.%3N", R::HAVE_EPOCH | R::HAVE_SUBSEC, 3, false, true},
-      {"%s", R::HAVE_EPOCH, 0, false, true},
-      {"%Y%m%d%H%M%S", kDate | kTime},
+      {"%s", R::HAVE_EPOCH, 0, false, true}, {"%Y%m%d%H%M%S", kDate | kTime},
       {"%A, %B %d, %Y %l:%M %p",
        kDate | R::HAVE_WDAY | R::HAVE_HOUR12 | R::HAVE_AMPM | R::HAVE_MINUTE},
       {"%d %b %Y %H:%M:%S,%l", kDate | kTime | R::HAVE_SUBSEC, 3},
@@ -411,22 +311,17 @@ TEST(TimeFormatParse, RenderThenParseGivesTheFieldsBack) {
       {"%y%m%d %k:%M:%S", R::HAVE_SHORTYEAR | R::HAVE_MONTH | R::HAVE_MDAY | kTime},
       {"%e-%b-%Y %T", kDate | kTime},
       {"%C%y-%m-%d", R::HAVE_CENTURY | R::HAVE_SHORTYEAR | R::HAVE_MONTH | R::HAVE_MDAY},
-      {"%H:%M:%S %Ez", kTime | R::HAVE_TZOFFSET},
-      {"%F %T %::z", kDate | kTime | R::HAVE_TZOFFSET},
+      {"%H:%M:%S %Ez", kTime | R::HAVE_TZOFFSET}, {"%F %T %::z", kDate | kTime | R::HAVE_TZOFFSET},
       {"%F %T %:::z", kDate | kTime | R::HAVE_TZOFFSET},
       {"%Y%j%H%M%S%3N", R::HAVE_YEAR | R::HAVE_YDAY | kTime | R::HAVE_SUBSEC, 3},
-      {"%x %X", R::HAVE_SHORTYEAR | R::HAVE_MONTH | R::HAVE_MDAY | kTime},
-      {"%B %e, %Y", kDate},
-      {"%F %T.%N", kDate | kTime | R::HAVE_SUBSEC, 6},
-      {"%I%M%S%p", kTime12},
+      {"%x %X", R::HAVE_SHORTYEAR | R::HAVE_MONTH | R::HAVE_MDAY | kTime}, {"%B %e, %Y", kDate},
+      {"%F %T.%N", kDate | kTime | R::HAVE_SUBSEC, 6}, {"%I%M%S%p", kTime12},
       {"[%d/%b/%Y %H:%M:%S.%q]", kDate | kTime | R::HAVE_SUBSEC, 6},
-      {"%a, %d %b %Y %T %z", kDate | kTime | R::HAVE_WDAY | R::HAVE_TZOFFSET},
-      {"%r", kTime12},
+      {"%a, %d %b %Y %T %z", kDate | kTime | R::HAVE_WDAY | R::HAVE_TZOFFSET}, {"%r", kTime12},
   };
   std::mt19937_64 rng(31337);
   for (const char* zone : {"UTC", "America/New_York", "Asia/Kolkata", "Australia/Lord_Howe"}) {
-    setenv("TZ", zone, 1);
-    tzset();
+    ScopedTz tz(zone);
     for (const auto& row : kFormats) {
       TimeFormat f;
       ASSERT_TRUE(f.setFtime(row.format)) << row.format;
@@ -447,12 +342,12 @@ TEST(TimeFormatParse, RenderThenParseGivesTheFieldsBack) {
           have = (have & ~R::HAVE_TZNAM) | R::HAVE_TZOFFSET;
         }
         ASSERT_EQ(have, r.have) << what;
-        expectFieldsOf(r, t, lt, usec, row.digits, row.weekdayFromU, what);
+        EXPECT_EQ(describe(fieldsFromTheCLibrary(r, t, lt, usec, row.digits, row.weekdayFromU)),
+                  describe(r))
+            << what;
       }
     }
   }
-  unsetenv("TZ");
-  tzset();
 }
 
 TEST(TimeFormatParse, UnsetFormatFails) {
@@ -466,14 +361,10 @@ TEST(TimeFormatParse, UnsetFormatFails) {
 TEST(TimeFormatParse, NeverReadsPastTheEnd) {
   // Each prefix of a text is parsed from a copy of its own size, so that
   // the address sanitizer sees any read beyond it.
-  const struct {
-    const char* format;
-    const char* text;
-  } kCases[] = {
+  const struct { const char* format; const char* text; } kCases[] = {
       {"%a %b %e %H:%M:%S %Z %Y", "Tue Nov 14 22:13:20 Pacific Standard Time (Mexico) 2023"},
       {"%p %Z", "a.m. Mexico Standard Time 2"},
-      {"%F %T,%3N %:::z", "2023-11-14 22:13:20,123 +05:30:15"},
-      {"%p", "\xE4\xB8\x8B\xE5\x8D\x88"},
+      {"%F %T,%3N %:::z", "2023-11-14 22:13:20,123 +05:30:15"}, {"%p", "\xE4\xB8\x8B\xE5\x8D\x88"},
   };
   for (const auto& c : kCases) {
     TimeFormat f;

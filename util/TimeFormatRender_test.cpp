@@ -163,34 +163,17 @@ FixedOps fixedOps(long offset, const char* zone = "ZN") {
 }
 
 TEST(TimeFormatRender, WritesEveryOffsetForm) {
-  const struct {
-    const char* format;
-    long offset;
-    const char* text;
-  } kCases[] = {
-      {"%z", 19800, "+0530"},
-      {"%z", -28800, "-0800"},
-      {"%z", 0, "+0000"},
-      {"%-z", 19800, "+530"},
-      {"%-z", -3600, "-100"},
+  const struct { const char* format; long offset; const char* text; } kCases[] = {
+      {"%z", 19800, "+0530"},      {"%z", -28800, "-0800"},     {"%z", 0, "+0000"},
+      {"%-z", 19800, "+530"},      {"%-z", -3600, "-100"},
       {"%-z", 0, "+000"},  // one zero dropped; the C library drops all but one
       {"%_z", 19800, "+0530"},  // the C library writes "+ 530"
-      {"%8z", 19800, "+0000530"},
-      {"%_8z", 19800, "   +0530"},
-      {"%:z", 19800, "+05:30"},
-      {"%:z", -34200, "-09:30"},
-      {"%-:z", 19800, "+5:30"},
-      {"%::z", 19815, "+05:30:15"},
-      {"%::z", -3600, "-01:00:00"},
-      {"%:::z", 18000, "+05"},
-      {"%:::z", 19800, "+05:30"},
-      {"%:::z", 19815, "+05:30:15"},
-      {"%:::z", -45, "-00:00:45"},
-      {"%Ez", -25200, "-420"},
-      {"%Ez", 0, "+0"},
-      {"%Ez", 3600, "+60"},
-      {"%Ez", 19800, "+330"},
-      {"%0Ez", 3600, "+060"},
+      {"%8z", 19800, "+0000530"},  {"%_8z", 19800, "   +0530"},
+      {"%:z", 19800, "+05:30"},    {"%:z", -34200, "-09:30"},   {"%-:z", 19800, "+5:30"},
+      {"%::z", 19815, "+05:30:15"}, {"%::z", -3600, "-01:00:00"}, {"%:::z", 18000, "+05"},
+      {"%:::z", 19800, "+05:30"},  {"%:::z", 19815, "+05:30:15"}, {"%:::z", -45, "-00:00:45"},
+      {"%Ez", -25200, "-420"},     {"%Ez", 0, "+0"},            {"%Ez", 3600, "+60"},
+      {"%Ez", 19800, "+330"},      {"%0Ez", 3600, "+060"},
       {"%6Ez", -300, "-5"},      // no padding: the width does nothing
       {"%_6Ez", -300, "  -005"},  // only "no padding" drops the zeros
       {"%z%:z", TimeFormat::UNKNOWN_TZ_OFFSET, ""},
@@ -205,23 +188,11 @@ TEST(TimeFormatRender, WritesEveryOffsetForm) {
 }
 
 TEST(TimeFormatRender, CutsSubsecondsWithoutRounding) {
-  const struct {
-    const char* format;
-    unsigned long usec;
-    const char* text;
-  } kCases[] = {
-      {"%3N", 123456, "123"},
-      {"%3N", 999999, "999"},
-      {"%1N", 999999, "9"},
-      {"%N", 123456, "123456000"},
-      {"%6N", 7, "000007"},
-      {"%Q", 5000, "005"},
-      {"%f", 5, "000005"},
-      {"%q", 120000, "120000"},
-      {"%12N", 1, "000001000000"},
-      {"%S.%l", 250000, "07.250"},
-      {"%S,%3N", 0, "07,000"},
-      {"%s.%l", 987654, "1234567890.987"},
+  const struct { const char* format; unsigned long usec; const char* text; } kCases[] = {
+      {"%3N", 123456, "123"},      {"%3N", 999999, "999"},       {"%1N", 999999, "9"},
+      {"%N", 123456, "123456000"}, {"%6N", 7, "000007"},         {"%Q", 5000, "005"},
+      {"%f", 5, "000005"},         {"%q", 120000, "120000"},     {"%12N", 1, "000001000000"},
+      {"%S.%l", 250000, "07.250"}, {"%S,%3N", 0, "07,000"}, {"%s.%l", 987654, "1234567890.987"},
       {"%3N", 1500000, "999"},  // past a second: the largest fraction
   };
   GmtStructTm t;
@@ -233,20 +204,13 @@ TEST(TimeFormatRender, CutsSubsecondsWithoutRounding) {
 }
 
 TEST(TimeFormatRender, WritesItsOwnDirectivesAndCases) {
-  const struct {
-    const char* format;
-    const char* text;
-  } kCases[] = {
+  const struct { const char* format; const char* text; } kCases[] = {
       {"%l", "11"},  // at the start %l is the hour
       {"%H:%M:%S %l", "23:31:07 11"},
       {"%-5d|%-10a|%-9B", "13|Fri|February"},  // no padding means none at any width
-      {"%#a %#b %#A %#B", "fRI fEB fRIDAY fEBRUARY"},
-      {"%^P %#P %P %^p %#p", "PM PM pm PM pm"},
-      {"%+", "Fri Feb 13 23:31:07 ZN 2009"},
-      {"%v", "13-Feb-2009"},
-      {"%#c", "Friday, February 13, 2009, 23:31:07"},
-      {"%#x", "Friday, February 13, 2009"},
-      {"%o", "2009"},
+      {"%#a %#b %#A %#B", "fRI fEB fRIDAY fEBRUARY"}, {"%^P %#P %P %^p %#p", "PM PM pm PM pm"},
+      {"%+", "Fri Feb 13 23:31:07 ZN 2009"}, {"%v", "13-Feb-2009"}, {"%o", "2009"},
+      {"%#c", "Friday, February 13, 2009, 23:31:07"}, {"%#x", "Friday, February 13, 2009"},
       {"%Z|%5Z|%-5Z|%#Z", "ZN|   ZN|ZN|zn"},
   };
   GmtStructTm t;
@@ -258,20 +222,12 @@ TEST(TimeFormatRender, WritesItsOwnDirectivesAndCases) {
 }
 
 TEST(TimeFormatRender, MarksNamesOutOfRange) {
-  const struct {
-    int wday, mon, hour;
-    const char* format;
-    const char* text;
-  } kCases[] = {
-      {7, 0, 0, "%a", "???"},
-      {-1, 0, 0, "%A", "???"},
-      {7, 0, 0, "%2a", "??"},
-      {7, 0, 0, "%5a", "  ???"},
-      {0, 12, 0, "%b|%B|%^h", "???|???|???"},
+  const struct { int wday, mon, hour; const char* format; const char* text; } kCases[] = {
+      {7, 0, 0, "%a", "???"},      {-1, 0, 0, "%A", "???"},     {7, 0, 0, "%2a", "??"},
+      {7, 0, 0, "%5a", "  ???"},   {0, 12, 0, "%b|%B|%^h", "???|???|???"},
       {0, -1, 0, "%10B", "       ???"},
       {0, 0, 24, "%p", "??"},  // %p is two wide
-      {0, 0, -1, "%3P", "???"},
-      {6, 11, 23, "%a %b %p", "Sat Dec PM"},
+      {0, 0, -1, "%3P", "???"}, {6, 11, 23, "%a %b %p", "Sat Dec PM"},
   };
   for (const auto& c : kCases) {
     GmtStructTm t;
@@ -297,7 +253,7 @@ TEST(TimeFormatRender, ZoneNameFromTheView) {
 TEST(TimeFormatRender, AppendsToWhatIsThere) {
   GmtStructTm t;
   ASSERT_TRUE(t.fromUnixTime(86400 * 365));
-  TimeFormat f("%Y");
+  const TimeFormat f("%Y");
   Str out("year ");
   f.render(out, t, 0, t.getRenderOps());
   f.render(out, t, 0, t.getRenderOps());

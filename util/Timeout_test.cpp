@@ -7,12 +7,12 @@
 #include <map>
 #include <memory>
 #include <random>
+#include <set>
 #include <vector>
 
-namespace {
+#include "util/testing/FixedClock.h"
 
-Timeval gNow;
-void fixedClock(Timeval* now) { *now = gNow; }
+namespace {
 
 // Milliseconds from a fixed origin.
 Timeval at(int64_t ms) {
@@ -20,24 +20,18 @@ Timeval at(int64_t ms) {
   return Timeval(1000000 + sec, (ms - sec * 1000) * 1000);
 }
 
-// Fixes the clock for each test.
+// Fixes the clock for each test. Each test declares its heap after its
+// timers, so that the heap, going first, unschedules what is left.
 class TimeoutHeapTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    gNow = at(0);
-    _previous = setTimevalClock(&fixedClock);
-  }
-  void TearDown() override { setTimevalClock(_previous); }
-
   // One pass at the clock's time `ms`.
-  static void runAt(TimeoutHeap& heap, int64_t ms) {
-    gNow = at(ms);
-    Timeval now = gNow;
+  void runAt(TimeoutHeap& heap, int64_t ms) {
+    _clock.set(at(ms));
+    Timeval now = at(ms);
     heap.runExpiredTimeouts(now);
   }
 
- private:
-  TimevalClock _previous;
+  ScopedFixedClock _clock{at(0)};
 };
 
 // Records each firing in a shared log and then leaves its interval as
@@ -67,14 +61,14 @@ class PollingHeap : public TimeoutHeap {
 };
 
 TEST_F(TimeoutHeapTest, WaitTimesForEmptyPastAndFutureTimers) {
+  std::vector<int> log;
+  RecordingTimeout t(1, &log);
   TimeoutHeap heap;
   timespec ts{77, 77};
   EXPECT_EQ(TimeoutHeap::POLL_MS_INFINITE, heap.msecUntilNextTimeout(at(0)));
   EXPECT_FALSE(heap.nsecUntilNextTimeout(at(0), &ts));
   EXPECT_EQ(77, ts.tv_sec);
 
-  std::vector<int> log;
-  RecordingTimeout t(1, &log);
   const struct { int64_t dueMs; int64_t nowMs; int msec; time_t sec; long nsec; } kCases[] = {
       {1500, 0, 1500, 1, 500000000},
       {1500, 1500, 0, 0, 0},
@@ -97,69 +91,22 @@ TEST_F(TimeoutHeapTest, WaitTimesForEmptyPastAndFutureTimers) {
   EXPECT_EQ(TimeoutHeap::POLL_MS_INFINITE, heap.msecUntilNextTimeout(at(0)));
 }
 
-TEST_F(TimeoutHeapTest, FiresTimersInDueOrderIncludingEqualDeadlines) {
-  TimeoutHeap heap;
-  std::vector<int> log;
-  std::vector<std::unique_ptr<RecordingTimeout>> timers;
-  std::mt19937 rng(7);
-  std::map<int, int64_t> due;
-  for (int i = 0; i < 200; ++i) {
-    timers.push_back(std::make_unique<RecordingTimeout>(i, &log));
-    const int64_t ms = (rng() % 40) * 1000;  // many equal deadlines
-    due[i] = ms;
-    heap.add(timers.back().get(), at(0), static_cast<unsigned long long>(ms));
-    ASSERT_TRUE(heap.verifyHeap());
-  }
-  for (int64_t ms = 0; ms <= 40000; ms += 500) {
-    runAt(heap, ms);
-    ASSERT_TRUE(heap.verifyHeap());
-    for (int id : log) EXPECT_LE(due[id], ms + 170) << id;  // never before its time
-  }
-  ASSERT_EQ(200u, log.size());
-  EXPECT_TRUE(heap.empty());
-  for (size_t i = 1; i < log.size(); ++i) EXPECT_LE(due[log[i - 1]], due[log[i]]) << i;
-  std::vector<int> sorted = log;
-  std::sort(sorted.begin(), sorted.end());
-  for (int i = 0; i < 200; ++i) EXPECT_EQ(i, sorted[i]);  // each exactly once
-}
-
 TEST_F(TimeoutHeapTest, FiresUpTo170MillisecondsEarlyButNoEarlier) {
-  TimeoutHeap heap;
   std::vector<int> log;
   RecordingTimeout in(1, &log), out(2, &log);
+  TimeoutHeap heap;
   heap.add(&in, at(0), 170);
   heap.add(&out, at(0), 171);
   runAt(heap, 0);
   EXPECT_EQ(std::vector<int>({1}), log);
   EXPECT_TRUE(out.isScheduled());
   EXPECT_FALSE(in.isScheduled());
-  heap.remove(&out);
-}
-
-TEST_F(TimeoutHeapTest, RemovedTimersNeverFire) {
-  TimeoutHeap heap;
-  std::vector<int> log;
-  std::vector<std::unique_ptr<RecordingTimeout>> timers;
-  for (int i = 0; i < 50; ++i) {
-    timers.push_back(std::make_unique<RecordingTimeout>(i, &log));
-    heap.add(timers.back().get(), at(0), static_cast<unsigned long long>(1000 + 37 * i % 500));
-  }
-  for (int i = 0; i < 50; i += 3) {
-    heap.remove(timers[i].get());
-    heap.remove(timers[i].get());  // a second removal changes nothing
-    ASSERT_TRUE(heap.verifyHeap());
-    EXPECT_FALSE(timers[i]->isScheduled());
-  }
-  EXPECT_EQ(33u, heap.timeoutCount());
-  runAt(heap, 5000);
-  EXPECT_EQ(33u, log.size());
-  for (int id : log) EXPECT_NE(0, id % 3) << id;
 }
 
 TEST_F(TimeoutHeapTest, AOneShotAboutToRunStillRunsWhenRemoved) {
-  TimeoutHeap heap;
   std::vector<int> log;
   RecordingTimeout first(1, &log), oneShot(2, &log), repeating(3, &log);
+  TimeoutHeap heap;
   heap.add(&first, at(0), 0);
   heap.add(&oneShot, at(5), 0);
   heap.add(&repeating, at(0), 10);
@@ -178,11 +125,11 @@ TEST_F(TimeoutHeapTest, AOneShotAboutToRunStillRunsWhenRemoved) {
 }
 
 TEST_F(TimeoutHeapTest, ARepeatCountsFromTheEndOfThePass) {
-  TimeoutHeap heap;
   std::vector<int> log;
   RecordingTimeout slow(1, &log), periodic(2, &log);
+  TimeoutHeap heap;
   heap.add(&slow, at(0), 0);
-  slow.action = [](unsigned long long&) { gNow = at(4000); };  // a slow handler
+  slow.action = [this](unsigned long long&) { _clock.set(at(4000)); };  // a slow handler
   periodic.repeat = -1;
   heap.add(&periodic, at(-1000), 1000);  // due at 0
   runAt(heap, 0);
@@ -201,9 +148,9 @@ TEST_F(TimeoutHeapTest, ARepeatCountsFromTheEndOfThePass) {
 }
 
 TEST_F(TimeoutHeapTest, AddDuringAPassActsByTheTimersState) {
-  TimeoutHeap heap;
   std::vector<int> log;
   RecordingTimeout early(1, &log), driver(2, &log), zeroOnList(3, &log), movedOff(4, &log);
+  TimeoutHeap heap;
   early.repeat = 100;  // goes to the put-back list when it runs
   heap.add(&early, at(-100), 100);
   heap.add(&driver, at(10), 0);
@@ -220,8 +167,6 @@ TEST_F(TimeoutHeapTest, AddDuringAPassActsByTheTimersState) {
   EXPECT_EQ(at(3000), movedOff.when());
   EXPECT_TRUE(heap.verifyHeap());
   EXPECT_EQ(2u, heap.timeoutCount());
-  heap.remove(&early);
-  heap.remove(&movedOff);
 }
 
 TEST_F(TimeoutHeapTest, ModifyIntervalCountsWhatWasServed) {
@@ -241,27 +186,25 @@ TEST_F(TimeoutHeapTest, ModifyIntervalCountsWhatWasServed) {
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
-    TimeoutHeap heap;
     RecordingTimeout t(1, &log);
+    TimeoutHeap heap;
     heap.add(&t, at(0), c.oldMsec);
     heap.modifyTimeoutInterval(&t, at(c.nowMs), c.newMsec);
     EXPECT_EQ(at(c.dueMs), t.when());
     EXPECT_EQ(c.newMsec, t.initialMsec());
     EXPECT_TRUE(heap.verifyHeap());
-    heap.remove(&t);
   }
-  TimeoutHeap heap;
   RecordingTimeout idle(2, &log);
+  TimeoutHeap heap;
   heap.modifyTimeoutInterval(&idle, at(50), 700);  // not scheduled: from now
   EXPECT_EQ(at(750), idle.when());
-  heap.remove(&idle);
   EXPECT_TRUE(log.empty());
 }
 
 TEST_F(TimeoutHeapTest, ModifyIntervalDuringAPass) {
-  TimeoutHeap heap;
   std::vector<int> log;
   RecordingTimeout driver(1, &log), keeps(2, &log), waits(3, &log), putBack(4, &log);
+  TimeoutHeap heap;
   putBack.repeat = 50;
   heap.add(&putBack, at(-50), 50);
   heap.add(&driver, at(5), 0);
@@ -279,9 +222,6 @@ TEST_F(TimeoutHeapTest, ModifyIntervalDuringAPass) {
   EXPECT_EQ(at(150 + 200), keeps.when());
   EXPECT_EQ(at(50 + 300), waits.when());
   EXPECT_EQ(at(150 + 900), putBack.when());
-  heap.remove(&keeps);
-  heap.remove(&waits);
-  heap.remove(&putBack);
 }
 
 TEST_F(TimeoutHeapTest, ClockJumpsMoveOrClampTheTimers) {
@@ -298,8 +238,8 @@ TEST_F(TimeoutHeapTest, ClockJumpsMoveOrClampTheTimers) {
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
-    TimeoutHeap heap;
     RecordingTimeout a(1, &log), b(2, &log), d(3, &log);
+    TimeoutHeap heap;
     heap.add(&a, at(0), 2000);
     heap.add(&b, at(0), 2500);
     heap.add(&d, at(0), 90000);
@@ -308,33 +248,28 @@ TEST_F(TimeoutHeapTest, ClockJumpsMoveOrClampTheTimers) {
     EXPECT_EQ(at(2500 + c.shiftMs), b.when());
     EXPECT_EQ(at(90000 + c.shiftMs), d.when());
     EXPECT_TRUE(heap.verifyHeap());
-    heap.remove(&a);
-    heap.remove(&b);
-    heap.remove(&d);
   }
   // Backwards: nothing waits longer than one interval from the new time.
-  TimeoutHeap heap;
   RecordingTimeout near(1, &log), far(2, &log);
+  TimeoutHeap heap;
   heap.add(&near, at(0), 100);
   heap.add(&far, at(0), 60000);
   heap.checkClockSkew(at(0), at(-3600000), 0);
   EXPECT_EQ(at(-3600000 + 60000), far.when());
   EXPECT_EQ(at(-3600000 + 100), near.when());
   EXPECT_TRUE(heap.verifyHeap());
-  heap.remove(&near);
-  heap.remove(&far);
   EXPECT_TRUE(log.empty());
 }
 
 TEST_F(TimeoutHeapTest, ClearAndRunZeroTimeoutsRunsOnlyZeroLengthOnes) {
   std::vector<int> log;
   std::vector<std::unique_ptr<RecordingTimeout>> timers;
-  TimeoutHeap heap;  // destroyed first: it unschedules what is left
+  RecordingTimeout late(100, &log), chained(101, &log);
+  TimeoutHeap heap;
   for (int i = 0; i < 20; ++i) {
     timers.push_back(std::make_unique<RecordingTimeout>(i, &log));
     heap.add(timers.back().get(), at(1000 * i), i % 2 == 0 ? 0 : 5000);
   }
-  RecordingTimeout late(100, &log), chained(101, &log);
   timers[4]->action = [&](unsigned long long&) { heap.add(&late, at(0), 0); };
   timers[6]->repeat = 800;  // asks to repeat: back in the heap, no longer zero
   late.action = [&](unsigned long long&) { heap.add(&chained, at(0), 0); };
@@ -348,42 +283,52 @@ TEST_F(TimeoutHeapTest, ClearAndRunZeroTimeoutsRunsOnlyZeroLengthOnes) {
   EXPECT_EQ(800u, timers[6]->initialMsec());
 }
 
+// A model of what should be scheduled, checked against the heap after every
+// step and against what fires. Added timers fall due on whole seconds, so
+// that many deadlines are equal.
 TEST_F(TimeoutHeapTest, RandomOperationsKeepTheHeapSound) {
-  // A model of what should be scheduled, checked against what fires.
-  TimeoutHeap heap;
   std::vector<int> log;
   std::vector<std::unique_ptr<RecordingTimeout>> timers;
-  for (int i = 0; i < 64; ++i) timers.push_back(std::make_unique<RecordingTimeout>(i, &log));
+  TimeoutHeap heap;
+  for (int i = 0; i < 200; ++i) timers.push_back(std::make_unique<RecordingTimeout>(i, &log));
   std::map<int, Timeval> model;
   std::mt19937 rng(42);
   for (int step = 0; step < 20000; ++step) {
-    const int id = static_cast<int>(rng() % 64);
+    const int id = static_cast<int>(rng() % timers.size());
     RecordingTimeout* t = timers[id].get();
     switch (rng() % 3) {
       case 0: {
-        const unsigned long long ms = rng() % 100000;
+        const unsigned long long ms = (rng() % 100) * 1000;
         heap.add(t, at(0), ms);
         model[id] = at(static_cast<int64_t>(ms));
         break;
       }
       case 1:
-        heap.remove(t);
+        heap.remove(t);  // often one that is not scheduled: nothing happens
         model.erase(id);
         break;
-      default: {
-        const unsigned long long ms = rng() % 100000;
-        heap.modifyTimeoutInterval(t, at(0), ms);
+      default:
+        heap.modifyTimeoutInterval(t, at(0), rng() % 100000);
         model[id] = t->when();
-        break;
-      }
     }
     ASSERT_TRUE(heap.verifyHeap()) << step;
     ASSERT_EQ(model.size(), heap.timeoutCount()) << step;
+    ASSERT_EQ(model.count(id) != 0, t->isScheduled()) << step;
   }
-  for (int64_t ms = 0; ms <= 100000; ms += 1000) runAt(heap, ms);
-  ASSERT_EQ(model.size(), log.size());
-  for (size_t i = 1; i < log.size(); ++i) EXPECT_LE(model[log[i - 1]], model[log[i]]) << i;
+  for (int64_t ms = 0; ms <= 100000; ms += 500) {
+    const size_t before = log.size();
+    runAt(heap, ms);
+    ASSERT_TRUE(heap.verifyHeap());
+    for (size_t i = before; i < log.size(); ++i) {
+      EXPECT_LE(model[log[i]], at(ms + 170)) << log[i];  // never before its time
+    }
+  }
   EXPECT_TRUE(heap.empty());
+  std::set<int> scheduled, fired(log.begin(), log.end());
+  for (const auto& [id, when] : model) scheduled.insert(id);
+  EXPECT_EQ(scheduled, fired);  // the removed ones never fire...
+  EXPECT_EQ(log.size(), fired.size());  // ...and the others exactly once
+  for (size_t i = 1; i < log.size(); ++i) EXPECT_LE(model[log[i - 1]], model[log[i]]) << i;
 }
 
 TEST(TimeoutHeapDeathTest, AHandlerMayNotAddOrRemoveItsOwnTimer) {

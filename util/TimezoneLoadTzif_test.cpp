@@ -17,6 +17,9 @@ bool load(const std::string& bytes, bool useFooter = true, Timezone* out = nullp
   return zone->fromZoneinfoData(bytes.data(), bytes.size(), useFooter);
 }
 
+// The footer the tests use when they want a working one.
+const char* const RULE_FOOTER = "\nEST5EDT,M3.2.0,M11.1.0\n";
+
 TzifParts withTransitions(size_t n) {
   TzifParts s;
   s.types = {{3600, 0, 0}, {7200, 1, 4}};
@@ -28,7 +31,7 @@ TzifParts withTransitions(size_t n) {
   return s;
 }
 
-TEST(TimezoneLoadTzif, AcceptsEachVersion) {
+TEST(TimezoneLoadTzif, AcceptsEachVersionAndRefusesBytesOneToFortyNine) {
   for (char version : {'\0', '2', '3', '4', 'z'}) {
     TzifParts s = simpleTzif({1000, 2000});
     s.version = version;
@@ -37,9 +40,6 @@ TEST(TimezoneLoadTzif, AcceptsEachVersion) {
     EXPECT_EQ(4u, zone.timecnt()) << int(version);
     EXPECT_EQ(-14400, zone.typeAt(zone.searchAt(1500))->gmtoff) << int(version);
   }
-}
-
-TEST(TimezoneLoadTzif, RefusesVersionBytesOneToFortyNine) {
   for (int version : {1, 2, 10, 48, 49}) {
     TzifParts s = simpleTzif({1000});
     s.version = static_cast<char>(version);
@@ -50,45 +50,26 @@ TEST(TimezoneLoadTzif, RefusesVersionBytesOneToFortyNine) {
 TEST(TimezoneLoadTzif, EnforcesEachLimitExactly) {
   const struct {
     const char* what;
-    std::function<void(TzifParts&)> atLimit;
-    std::function<void(TzifParts&)> pastLimit;
+    long limit;
+    std::function<void(TzifParts&, long)> set;
   } kCases[] = {
-      {"transitions", [](TzifParts& s) { s = withTransitions(1200); },
-       [](TzifParts& s) { s = withTransitions(1201); }},
-      {"types",
-       [](TzifParts& s) { s.types.resize(256, {0, 0, 0}); },
-       [](TzifParts& s) { s.types.resize(257, {0, 0, 0}); }},
-      {"chars", [](TzifParts& s) { s.chars.resize(270, 'X'); },
-       [](TzifParts& s) { s.chars.resize(271, 'X'); }},
-      {"leap records", [](TzifParts& s) { s.leapcnt = 500; },
-       [](TzifParts& s) { s.leapcnt = 501; }},
-      {"offset", [](TzifParts& s) { s.types[0].gmtoff = 1073741823; },
-       [](TzifParts& s) { s.types[0].gmtoff = 1073741824; }},
+      {"transitions", 1200, [](TzifParts& s, long n) { s = withTransitions(n); }},
+      {"types", 256, [](TzifParts& s, long n) { s.types.resize(n, {0, 0, 0}); }},
+      {"chars", 270, [](TzifParts& s, long n) { s.chars.resize(n, 'X'); }},
+      {"leap records", 500, [](TzifParts& s, long n) { s.leapcnt = n; }},
+      {"offset", 1073741823, [](TzifParts& s, long n) { s.types[0].gmtoff = n; }},
   };
   for (const auto& c : kCases) {
-    TzifParts good = withTransitions(3);
-    c.atLimit(good);
-    EXPECT_TRUE(load(buildTzif(good))) << c.what;
-    TzifParts bad = withTransitions(3);
-    c.pastLimit(bad);
-    EXPECT_FALSE(load(buildTzif(bad))) << c.what;
+    for (long n : {c.limit, c.limit + 1}) {
+      TzifParts s = withTransitions(3);
+      c.set(s, n);
+      EXPECT_EQ(n == c.limit, load(buildTzif(s))) << c.what << " " << n;
+    }
   }
 }
 
-TEST(TimezoneLoadTzif, LoadsTwelveHundredTransitionsAndNoMore) {
-  Timezone zone;
-  ASSERT_TRUE(load(buildTzif(withTransitions(1200)), true, &zone));
-  EXPECT_EQ(1200u, zone.timecnt());
-  EXPECT_EQ(1199000, zone.transitionTime(1199));
-  EXPECT_FALSE(load(buildTzif(withTransitions(1201)), true, &zone));
-  EXPECT_EQ(0u, zone.timecnt());
-}
-
 TEST(TimezoneLoadTzif, RefusesDamagedFields) {
-  const struct {
-    const char* what;
-    std::function<void(TzifParts&)> damage;
-  } kCases[] = {
+  const struct { const char* what; std::function<void(TzifParts&)> damage; } kCases[] = {
       {"isdst 2", [](TzifParts& s) { s.types[1].isdst = 2; }},
       {"isdst 255", [](TzifParts& s) { s.types[0].isdst = 255; }},
       {"type index past typecnt", [](TzifParts& s) { s.indices[1] = 3; }},
@@ -119,18 +100,16 @@ TEST(TimezoneLoadTzif, RefusesDamagedFields) {
   }
 }
 
-// A version 2 file's first block is checked too, not only skipped.
-TEST(TimezoneLoadTzif, RefusesADamagedFirstBlockOfAVersionTwoFile) {
-  std::string bytes = buildTzif(simpleTzif({1000}));
+// A version 2 file's first block is checked too, not only skipped, and its
+// second header needs the magic as well.
+TEST(TimezoneLoadTzif, RefusesADamagedFirstBlockOrSecondHeader) {
+  const std::string good = buildTzif(simpleTzif({1000}));
+  std::string bytes = good;
   // The isdst byte of the first type of the 32-bit block: header, 2 times,
   // 2 indices, then offset.
   bytes[44 + 2 * 4 + 2 + 4] = 7;
   EXPECT_FALSE(load(bytes));
-}
-
-TEST(TimezoneLoadTzif, RefusesASecondHeaderWithoutTheMagic) {
-  const TzifParts s = simpleTzif({1000});
-  std::string bytes = buildTzif(s);
+  bytes = good;
   const size_t second = bytes.find("TZif", 4);
   ASSERT_NE(std::string::npos, second);
   bytes[second + 3] = 'F';
@@ -141,7 +120,7 @@ TEST(TimezoneLoadTzif, RefusesASecondHeaderWithoutTheMagic) {
 // footer still loads, without it.
 TEST(TimezoneLoadTzif, TruncatedAtEveryLength) {
   TzifParts s = simpleTzif({1000, 2000});
-  s.footer = "\nEST5EDT,M3.2.0,M11.1.0\n";
+  s.footer = RULE_FOOTER;
   const std::string bytes = buildTzif(s);
   const size_t dataEnd = bytes.size() - s.footer.size();
   for (size_t len = 0; len < bytes.size(); ++len) {
@@ -164,19 +143,15 @@ TEST(TimezoneLoadTzif, NullDataIsRefused) {
   EXPECT_FALSE(zone.fromAncientZoneinfoData(nullptr, 100));
 }
 
-TEST(TimezoneLoadTzif, TimesThatGoBackCutTheTable) {
+TEST(TimezoneLoadTzif, TimesThatGoBackCutTheTableAndEqualTimesAreKept) {
   TzifParts s = withTransitions(6);
   s.times[4] = 2500;  // below its predecessor, 3000
   Timezone zone;
   ASSERT_TRUE(load(buildTzif(s), false, &zone));
   ASSERT_EQ(4u, zone.timecnt());
   EXPECT_EQ(3000, zone.transitionTime(3));
-}
-
-TEST(TimezoneLoadTzif, EqualTimesAreKept) {
-  TzifParts s = withTransitions(4);
+  s = withTransitions(4);
   s.times[2] = s.times[1];
-  Timezone zone;
   ASSERT_TRUE(load(buildTzif(s), false, &zone));
   EXPECT_EQ(4u, zone.timecnt());
 }
@@ -223,7 +198,7 @@ TEST(TimezoneLoadTzif, TheFirstTypeRulesBeforeTheFirstTransition) {
 
 TEST(TimezoneLoadTzif, FooterExtendsTheTableToTwelveHundred) {
   TzifParts s = simpleTzif({1000});
-  s.footer = "\nEST5EDT,M3.2.0,M11.1.0\n";
+  s.footer = RULE_FOOTER;
   Timezone zone;
   ASSERT_TRUE(load(buildTzif(s), true, &zone));
   EXPECT_EQ(1200u, zone.timecnt());
@@ -237,44 +212,41 @@ TEST(TimezoneLoadTzif, FooterExtendsTheTableToTwelveHundred) {
   EXPECT_EQ(3u, zone.typecnt());
 }
 
-TEST(TimezoneLoadTzif, UnusableFootersAreIgnored) {
-  const struct { const char* what; std::function<void(TzifParts&)> change; } kCases[] = {
-      {"no final newline", [](TzifParts& s) { s.footer = "\nEST5EDT,M3.2.0,M11.1.0"; }},
-      {"no leading newline", [](TzifParts& s) { s.footer = "EST5EDT,M3.2.0,M11.1.0\n"; }},
-      {"too short", [](TzifParts& s) { s.footer = "\n\n"; }},
-      {"empty rule", [](TzifParts& s) { s.footer = "\n\n\n"; }},
-      {"not a rule", [](TzifParts& s) { s.footer = "\nAmerica/New_York\n"; }},
-      {"two lines", [](TzifParts& s) { s.footer = "\nEST5EDT,M3.2.0,M11.1.0\nX\n"; }},
-      {"a NUL inside", [](TzifParts& s) { s.footer = std::string("\nEST5EDT\0,M3.2.0\n", 17); }},
-      {"one type only", [](TzifParts& s) { s.footer = "\nJST-9\n"; }},
-      {"no room for two types",
-       [](TzifParts& s) {
-         s.types.resize(255, {0, 0, 0});
-         s.footer = "\nEST5EDT,M3.2.0,M11.1.0\n";
-       }},
-      {"abbreviations past 256 bytes",
-       [](TzifParts& s) {
-         s.chars.resize(249, 'X');
-         s.footer = "\nEST5EDT,M3.2.0,M11.1.0\n";
-       }},
+// A footer that cannot be used is ignored and the table keeps its three
+// entries; one that can extends it to 1200.
+TEST(TimezoneLoadTzif, FootersAreUsedOnlyWhenTheyFit) {
+  const struct {
+    const char* what;
+    uint32_t timecnt;
+    std::function<void(TzifParts&)> change;
+  } kCases[] = {
+      {"no final newline", 3, [](TzifParts& s) { s.footer = "\nEST5EDT,M3.2.0,M11.1.0"; }},
+      {"no leading newline", 3, [](TzifParts& s) { s.footer = "EST5EDT,M3.2.0,M11.1.0\n"; }},
+      {"too short", 3, [](TzifParts& s) { s.footer = "\n\n"; }},
+      {"empty rule", 3, [](TzifParts& s) { s.footer = "\n\n\n"; }},
+      {"not a rule", 3, [](TzifParts& s) { s.footer = "\nAmerica/New_York\n"; }},
+      {"two lines", 3, [](TzifParts& s) { s.footer = "\nEST5EDT,M3.2.0,M11.1.0\nX\n"; }},
+      {"a NUL inside", 3,
+       [](TzifParts& s) { s.footer = std::string("\nEST5EDT\0,M3.2.0\n", 17); }},
+      {"one type only", 3, [](TzifParts& s) { s.footer = "\nJST-9\n"; }},
+      {"no room for two types", 3,
+       [](TzifParts& s) { s.types.resize(255, {0, 0, 0}); s.footer = RULE_FOOTER; }},
+      // With "EST\0EDT\0" added the abbreviations come to 257 bytes, then 256.
+      {"abbreviations past 256 bytes", 3,
+       [](TzifParts& s) { s.chars.resize(249, 'X'); s.footer = RULE_FOOTER; }},
+      {"abbreviations of 256 bytes", 1200,
+       [](TzifParts& s) { s.chars.resize(248, 'X'); s.footer = RULE_FOOTER; }},
   };
   for (const auto& c : kCases) {
     TzifParts s = simpleTzif({1000});
     c.change(s);
     Timezone zone;
     ASSERT_TRUE(load(buildTzif(s), true, &zone)) << c.what;
-    EXPECT_EQ(3u, zone.timecnt()) << c.what;
+    ASSERT_EQ(c.timecnt, zone.timecnt()) << c.what;
+    if (c.timecnt == 1200) {
+      EXPECT_STREQ("EDT", zone.abbreviation(zone.typeAt(3))) << c.what;
+    }
   }
-}
-
-TEST(TimezoneLoadTzif, FooterAbbreviationsUpToTwoHundredFiftySixBytes) {
-  TzifParts s = simpleTzif({1000});
-  s.chars.resize(248, 'X');  // plus "EST\0EDT\0" makes 256
-  s.footer = "\nEST5EDT,M3.2.0,M11.1.0\n";
-  Timezone zone;
-  ASSERT_TRUE(load(buildTzif(s), true, &zone));
-  EXPECT_EQ(1200u, zone.timecnt());
-  EXPECT_STREQ("EDT", zone.abbreviation(zone.typeAt(3)));
 }
 
 TEST(TimezoneLoadTzif, BadMagicGoesToTheAncientReader) {

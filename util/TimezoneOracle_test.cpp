@@ -2,13 +2,17 @@
 // file, against the C library's reading of the same file (TZ=":<path>").
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <cstring>
+#include <algorithm>
+#include <cstdio>
 #include <ctime>
+#include <functional>
 #include <string>
+#include <vector>
 
 #include "util/DateTime.h"
 #include "util/Timezone.h"
+#include "util/testing/CivilTime.h"
+#include "util/testing/ScopedTz.h"
 #include "util/testing/TimezoneTestSupport.h"
 
 namespace {
@@ -17,20 +21,6 @@ constexpr long YEAR_1971 = 31536000;
 constexpr long YEAR_2100 = 4102444800;
 constexpr int SAMPLES_PER_ZONE = 600;
 constexpr int REPORTED_MISMATCHES = 20;
-
-// Points the C library at one zone file.
-void useZoneFile(const std::string& path) {
-  ::setenv("TZ", (":" + path).c_str(), 1);
-  ::tzset();
-}
-
-std::string describe(const tm& t) {
-  char buffer[96];
-  std::snprintf(buffer, sizeof buffer, "%04d-%02d-%02d %02d:%02d:%02d wday %d yday %d dst %d %ld %s",
-                t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec,
-                t.tm_wday, t.tm_yday, t.tm_isdst, t.tm_gmtoff, t.tm_zone ? t.tm_zone : "(null)");
-  return buffer;
-}
 
 struct Tally {
   long compared = 0;
@@ -48,17 +38,12 @@ void compareAt(const std::string& zoneName, const Timezone& zone, long t, Tally*
   if (localtime_r(&tt, &expect) == nullptr) return;
   StructTmInTimezone got(&zone);
   ++tally->compared;
+  const std::string theirs = civilFieldsAndZone(expect);
   if (!got.fromUnixTime(t)) {
-    tally->mismatch(zoneName, t, "refused; C library: " + describe(expect));
-    return;
+    tally->mismatch(zoneName, t, "refused; C library: " + theirs);
+  } else if (civilFieldsAndZone(got) != theirs) {
+    tally->mismatch(zoneName, t, civilFieldsAndZone(got) + " vs C library " + theirs);
   }
-  const bool same = got.tm_sec == expect.tm_sec && got.tm_min == expect.tm_min &&
-                    got.tm_hour == expect.tm_hour && got.tm_mday == expect.tm_mday &&
-                    got.tm_mon == expect.tm_mon && got.tm_year == expect.tm_year &&
-                    got.tm_wday == expect.tm_wday && got.tm_yday == expect.tm_yday &&
-                    got.tm_isdst == expect.tm_isdst && got.tm_gmtoff == expect.tm_gmtoff &&
-                    std::strcmp(got.tm_zone, expect.tm_zone) == 0;
-  if (!same) tally->mismatch(zoneName, t, describe(got) + " vs C library " + describe(expect));
 }
 
 // Each transition and the seconds around it, then instants spread over
@@ -84,55 +69,39 @@ class TimezoneOracle : public ::testing::Test {
     ASSERT_FALSE(_dir.empty()) << "no staged zoneinfo: build the stage_zoneinfo target";
     _names = zoneNamesUnder(_dir);
     ASSERT_GT(_names.size(), 300u);
-    const char* tz = std::getenv("TZ");
-    _savedTz = tz != nullptr ? tz : "";
-    _hadTz = tz != nullptr;
   }
-  void TearDown() override {
-    if (_hadTz) {
-      ::setenv("TZ", _savedTz.c_str(), 1);
-    } else {
-      ::unsetenv("TZ");
+
+  // Every staged zone loaded by `load`, against the C library's reading of
+  // its file.
+  void compareEveryZone(const std::function<bool(Timezone*, const std::string&)>& load) {
+    Tally tally;
+    for (const std::string& name : _names) {
+      Timezone zone;
+      if (!load(&zone, name)) {
+        ADD_FAILURE() << name << " did not load";
+        continue;
+      }
+      ScopedTz tz(stagedZoneTz(name.c_str()).c_str());
+      compareZone(name, zone, &tally);
     }
-    ::tzset();
+    EXPECT_EQ(0, tally.mismatched) << "of " << tally.compared;
+    std::printf("[ zones %zu, instants compared %ld ]\n", _names.size(), tally.compared);
   }
 
   Pathname _dir;
   std::vector<std::string> _names;
-  std::string _savedTz;
-  bool _hadTz = false;
 };
 
 TEST_F(TimezoneOracle, EveryStagedZoneFileReadsAsTheCLibraryReadsIt) {
-  Tally tally;
-  for (const std::string& name : _names) {
-    const Pathname path = _dir / name.c_str();
-    Timezone zone;
-    if (!zone.fromExactZoneinfoPath(path, true)) {
-      ADD_FAILURE() << name << " did not load";
-      continue;
-    }
-    useZoneFile(path);
-    compareZone(name, zone, &tally);
-  }
-  EXPECT_EQ(0, tally.mismatched) << "of " << tally.compared;
-  std::printf("[ zones %zu, instants compared %ld ]\n", _names.size(), tally.compared);
+  compareEveryZone([this](Timezone* zone, const std::string& name) {
+    return zone->fromExactZoneinfoPath(_dir / name.c_str(), true);
+  });
 }
 
 TEST_F(TimezoneOracle, EveryPackedZoneReadsAsTheCLibraryReadsItsFile) {
-  const Pathname pack = _dir + ".tzpack";
-  Tally tally;
-  for (const std::string& name : _names) {
-    Timezone zone;
-    if (!zone.fromPackedZoneinfoPath(pack, name.c_str(), true)) {
-      ADD_FAILURE() << name << " is not in " << pack;
-      continue;
-    }
-    useZoneFile(_dir / name.c_str());
-    compareZone(name, zone, &tally);
-  }
-  EXPECT_EQ(0, tally.mismatched) << "of " << tally.compared;
-  std::printf("[ zones %zu, instants compared %ld ]\n", _names.size(), tally.compared);
+  compareEveryZone([this](Timezone* zone, const std::string& name) {
+    return zone->fromPackedZoneinfoPath(_dir + ".tzpack", name.c_str(), true);
+  });
 }
 
 // Local times around each transition since 1900, classified by our reverse
@@ -142,10 +111,9 @@ TEST_F(TimezoneOracle, ReverseSearchFindsTheReadingsTheCLibraryShows) {
   long checked = 0, gaps = 0, overlaps = 0;
   Tally tally;
   for (const std::string& name : _names) {
-    const Pathname path = _dir / name.c_str();
     Timezone zone;
-    ASSERT_TRUE(zone.fromExactZoneinfoPath(path, true)) << name;
-    useZoneFile(path);
+    ASSERT_TRUE(zone.fromExactZoneinfoPath(_dir / name.c_str(), true)) << name;
+    ScopedTz tz(stagedZoneTz(name.c_str()).c_str());
     for (uint32_t i = 1; i < zone.timecnt(); ++i) {
       const int64_t t = zone.transitionTime(i);
       if (t < -2208988800 || t > YEAR_2100) continue;

@@ -2,33 +2,20 @@
 // and agreement with the C library reading the same rule.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <string>
+#include <vector>
 
 #include "util/DateTime.h"
 #include "util/Timezone.h"
+#include "util/testing/CivilTime.h"
+#include "util/testing/ScopedTz.h"
 #include "util/testing/TimezoneTestSupport.h"
 
 namespace {
 
-long civil(int year, int month, int day, int hour, int minute) {
-  tm t{};
-  t.tm_year = year - 1900;
-  t.tm_mon = month - 1;
-  t.tm_mday = day;
-  t.tm_hour = hour;
-  t.tm_min = minute;
-  return timegm(&t);
-}
-
 TEST(DstEndpoint, ParsesEachAcceptedShape) {
-  const struct {
-    const char* text;
-    int used, type, month, week, day;
-    long time;
-  } kCases[] = {
+  const struct { const char* text; int used, type, month, week, day; long time; } kCases[] = {
       {"M3.2.0", 6, DstEndpoint::MONTH_WEEK_DAY, 2, 7, -11, 7200},
       {"M11.1.0", 7, DstEndpoint::MONTH_WEEK_DAY, 10, 0, -11, 7200},
       {"M10.5.6/24", 10, DstEndpoint::MONTH_WEEK_DAY, 9, 28, -5, 86400},
@@ -38,8 +25,7 @@ TEST(DstEndpoint, ParsesEachAcceptedShape) {
       {"J1", 2, DstEndpoint::JULIAN_SKIPPING_LEAP_DAY, 0, 0, 0, 7200},
       {"J365/25", 7, DstEndpoint::JULIAN_SKIPPING_LEAP_DAY, 0, 0, 364, 90000},
       {"J60/1:30", 8, DstEndpoint::JULIAN_SKIPPING_LEAP_DAY, 0, 0, 59, 5400},
-      {"0", 1, DstEndpoint::DOY, 0, 0, 0, 7200},
-      {"0/0", 3, DstEndpoint::DOY, 0, 0, 0, 0},
+      {"0", 1, DstEndpoint::DOY, 0, 0, 0, 7200}, {"0/0", 3, DstEndpoint::DOY, 0, 0, 0, 0},
       {"365/+167:59:59", 14, DstEndpoint::DOY, 0, 0, 365, 604799},
       {"M3.2.0,M11.1.0", 6, DstEndpoint::MONTH_WEEK_DAY, 2, 7, -11, 7200},  // stops at ","
       {"M03.02.00", 9, DstEndpoint::MONTH_WEEK_DAY, 2, 7, -11, 7200},
@@ -79,8 +65,7 @@ TEST(DstEndpoint, SecondsFromJanuary) {
       {"J59", 2024, 58, 7200},      // February 28 either way
       {"59", 2024, 59, 7200},       // day of year: February 29 in a leap year
       {"365", 2023, 364, 7200},     // day 365 is the last day of a short year
-      {"365", 2024, 365, 7200},
-      {"M3.5.0/-1", 2024, 90, -3600},
+      {"365", 2024, 365, 7200}, {"M3.5.0/-1", 2024, 90, -3600},
   };
   for (const auto& c : kCases) {
     DstEndpoint e;
@@ -97,12 +82,9 @@ TEST(Timezone, PosixStringAcceptedShapes) {
     const char* stdName;
     const char* dstName;
   } kCases[] = {
-      {"JST-9", 1, 32400, 0, "JST", nullptr},
-      {"IST-5:30", 1, 19800, 0, "IST", nullptr},
-      {"<+0545>-5:45", 1, 20700, 0, "+0545", nullptr},
-      {"<-03>3", 1, -10800, 0, "-03", nullptr},
-      {"UTC0", 1, 0, 0, "UTC", nullptr},
-      {"ABC+1:02:03", 1, -3723, 0, "ABC", nullptr},
+      {"JST-9", 1, 32400, 0, "JST", nullptr}, {"IST-5:30", 1, 19800, 0, "IST", nullptr},
+      {"<+0545>-5:45", 1, 20700, 0, "+0545", nullptr}, {"<-03>3", 1, -10800, 0, "-03", nullptr},
+      {"UTC0", 1, 0, 0, "UTC", nullptr}, {"ABC+1:02:03", 1, -3723, 0, "ABC", nullptr},
       {"A5", 1, -18000, 0, "A", nullptr},
       {"EST5EDT,M3.2.0,M11.1.0", 2, -18000, -14400, "EST", "EDT"},
       {"EST5EDT;M3.2.0,M11.1.0", 2, -18000, -14400, "EST", "EDT"},
@@ -150,8 +132,8 @@ TEST(Timezone, StaticDstFillsSixHundredYears) {
   Timezone zone;
   ASSERT_TRUE(zone.fromPosixString("EST5EDT,M3.2.0,M11.1.0"));
   ASSERT_EQ(1200u, zone.timecnt());
-  EXPECT_EQ(civil(1970, 3, 8, 7, 0), zone.transitionTime(0));
-  EXPECT_EQ(civil(2569, 11, 5, 6, 0), zone.transitionTime(1199));
+  EXPECT_EQ(civilUtc(1970, 3, 8, 7, 0), zone.transitionTime(0));
+  EXPECT_EQ(civilUtc(2569, 11, 5, 6, 0), zone.transitionTime(1199));
   EXPECT_TRUE(zone.typeAt(0)->isdst);
   EXPECT_FALSE(zone.typeAt(1199)->isdst);
 }
@@ -205,7 +187,7 @@ TEST(Timezone, PosixrulesAreShiftedToTheRulesOwnClock) {
   EXPECT_STREQ("ABC", shifted.abbreviation(&shifted.type(0)));
   EXPECT_STREQ("DEF", shifted.abbreviation(&shifted.type(1)));
   int compared = 0;
-  for (long t = civil(2007, 1, 1, 0, 0); t < civil(2038, 1, 1, 0, 0); t += 3 * 3600) {
+  for (long t = civilUtc(2007, 1, 1); t < civilUtc(2038, 1, 1); t += 3 * 3600) {
     const TimezoneOffset* a = shifted.typeAt(shifted.searchAt(t));
     const TimezoneOffset* b = explicitRule.typeAt(explicitRule.searchAt(t));
     ASSERT_EQ(b->gmtoff, a->gmtoff) << t;
@@ -213,8 +195,8 @@ TEST(Timezone, PosixrulesAreShiftedToTheRulesOwnClock) {
     ++compared;
   }
   EXPECT_GT(compared, 90000);
-  EXPECT_EQ(civil(2024, 3, 10, 6, 0),
-            shifted.transitionTime(shifted.searchAt(civil(2024, 3, 11, 0, 0))));
+  EXPECT_EQ(civilUtc(2024, 3, 10, 6, 0),
+            shifted.transitionTime(shifted.searchAt(civilUtc(2024, 3, 11))));
 }
 
 // A footer never consults posixrules: without dates it takes the default
@@ -227,35 +209,16 @@ TEST(Timezone, FooterWithoutDatesTakesTheDefaultRule) {
   ASSERT_TRUE(zone.fromZoneinfoData(bytes.data(), bytes.size(), true));
   ASSERT_TRUE(expected.fromPosixString("ABC4DEF,M3.2.0,M11.1.0"));
   for (long year = 1971; year < 2100; year += 7) {
-    const long t = civil(static_cast<int>(year), 3, 15, 0, 0);
+    const long t = civilUtc(year, 3, 15);
     EXPECT_EQ(expected.transitionTime(expected.searchAt(t)), zone.transitionTime(zone.searchAt(t)))
         << year;
   }
 }
 
-class TimezonePosixOracle : public ::testing::Test {
- protected:
-  void SetUp() override {
-    const char* tz = std::getenv("TZ");
-    _hadTz = tz != nullptr;
-    if (_hadTz) _savedTz = tz;
-  }
-  void TearDown() override {
-    if (_hadTz) {
-      ::setenv("TZ", _savedTz.c_str(), 1);
-    } else {
-      ::unsetenv("TZ");
-    }
-    ::tzset();
-  }
-  std::string _savedTz;
-  bool _hadTz = false;
-};
-
 // Rules of every shape against the C library given the same TZ text, at
 // each transition from 1971 to 2100 and the seconds around it, and at
 // every 97 minutes of 2024.
-TEST_F(TimezonePosixOracle, RulesReadAsTheCLibraryReadsThem) {
+TEST(TimezonePosixOracle, RulesReadAsTheCLibraryReadsThem) {
   const char* kRules[] = {
       "EST5EDT,M3.2.0,M11.1.0",
       "CET-1CEST,M3.5.0,M10.5.0/3",
@@ -279,15 +242,14 @@ TEST_F(TimezonePosixOracle, RulesReadAsTheCLibraryReadsThem) {
   for (const char* rule : kRules) {
     Timezone zone;
     ASSERT_TRUE(zone.fromPosixString(rule)) << rule;
-    ::setenv("TZ", rule, 1);
-    ::tzset();
+    ScopedTz tz(rule);
     std::vector<long> instants;
     for (uint32_t i = 0; i < zone.timecnt(); ++i) {
       const long t = zone.transitionTime(i);
-      if (t < civil(1971, 1, 1, 0, 0) || t > civil(2100, 1, 1, 0, 0)) continue;
+      if (t < civilUtc(1971, 1, 1) || t > civilUtc(2100, 1, 1)) continue;
       instants.insert(instants.end(), {t - 1, t, t + 1});
     }
-    for (long t = civil(2024, 1, 1, 0, 0); t < civil(2025, 1, 1, 0, 0); t += 97 * 60) {
+    for (long t = civilUtc(2024, 1, 1); t < civilUtc(2025, 1, 1); t += 97 * 60) {
       instants.push_back(t);
     }
     for (long t : instants) {

@@ -3,23 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <cstring>
-#include <ctime>
+#include <string>
 
+#include "util/testing/CivilTime.h"
 #include "util/testing/TimezoneTestSupport.h"
 
 namespace {
-
-// A civil time read as UTC, by the C library.
-long civil(int year, int month, int day, int hour, int minute) {
-  tm t{};
-  t.tm_year = year - 1900;
-  t.tm_mon = month - 1;
-  t.tm_mday = day;
-  t.tm_hour = hour;
-  t.tm_min = minute;
-  return timegm(&t);
-}
 
 Timezone staged(const char* name) {
   Timezone zone;
@@ -58,9 +47,7 @@ TEST(Timezone, GmtIsNamedGmtOfKindGmt) {
 
 TEST(Timezone, ConstantOffsetIsWestOfUtc) {
   const struct { const char* name; long west; long east; } kCases[] = {
-      {"IST", -19800, 19800},
-      {"EST", 18000, -18000},
-      {"", 0, 0},
+      {"IST", -19800, 19800}, {"EST", 18000, -18000}, {"", 0, 0},
       {"X", LONG_MIN, Timezone::MAX_OFFSET},  // clamped short of the sentinel
       {"Y", Timezone::NO_CONSTANT_OFFSET, -Timezone::MAX_OFFSET},
   };
@@ -70,7 +57,10 @@ TEST(Timezone, ConstantOffsetIsWestOfUtc) {
     EXPECT_EQ(c.east, zone.constantOffset()) << c.name;
     EXPECT_EQ(c.east, zone.constantOffset(0, 1000)) << c.name;
     EXPECT_EQ(c.east, zone.offsetSeconds(false)) << c.name;
-    EXPECT_STREQ(c.name, zone.abbreviation(zone.typeAt(zone.searchAt(123)))) << c.name;
+    // With no transitions every instant reads as the first type.
+    const TimezoneOffset* type = zone.typeAt(zone.searchAt(123));
+    EXPECT_STREQ(c.name, zone.abbreviation(type)) << c.name;
+    EXPECT_EQ(c.east, type->gmtoff) << c.name;
   }
 }
 
@@ -100,23 +90,24 @@ TEST(Timezone, ReverseSearchClassifiesGapsAndOverlaps) {
     const char* first;   // abbreviation of the entry returned
     const char* second;  // of the next one, for an overlap
   } kCases[] = {
-      {"America/New_York", civil(2024, 3, 10, 2, 30), NO_SUCH_LOCAL_TIME, "EST", nullptr},
-      {"America/New_York", civil(2024, 11, 3, 1, 30), MIGHT_ALSO_BE_NEXT_INDEX, "EDT", "EST"},
-      {"America/New_York", civil(2024, 7, 1, 12, 0), UNIQUE_READING, "EDT", nullptr},
-      {"America/New_York", civil(2024, 3, 10, 1, 59), UNIQUE_READING, "EST", nullptr},
-      {"America/New_York", civil(2024, 3, 10, 3, 0), UNIQUE_READING, "EDT", nullptr},
-      {"Australia/Sydney", civil(2024, 10, 6, 2, 30), NO_SUCH_LOCAL_TIME, "AEST", nullptr},
-      {"Australia/Sydney", civil(2024, 4, 7, 2, 30), MIGHT_ALSO_BE_NEXT_INDEX, "AEDT", "AEST"},
-      {"Europe/London", civil(2024, 3, 31, 1, 30), NO_SUCH_LOCAL_TIME, "GMT", nullptr},
-      {"Europe/London", civil(2024, 10, 27, 1, 30), MIGHT_ALSO_BE_NEXT_INDEX, "BST", "GMT"},
-      {"America/Santiago", civil(2024, 9, 8, 0, 30), NO_SUCH_LOCAL_TIME, "-04", nullptr},
-      {"America/Santiago", civil(2024, 4, 6, 23, 30), MIGHT_ALSO_BE_NEXT_INDEX, "-03", "-04"},
-      {"Australia/Lord_Howe", civil(2024, 10, 6, 2, 15), NO_SUCH_LOCAL_TIME, "+1030", nullptr},
-      {"Australia/Lord_Howe", civil(2024, 4, 7, 1, 45), MIGHT_ALSO_BE_NEXT_INDEX, "+11", "+1030"},
-      {"Europe/Dublin", civil(2024, 3, 31, 1, 30), NO_SUCH_LOCAL_TIME, "GMT", nullptr},
-      {"Europe/Dublin", civil(2024, 10, 27, 1, 30), MIGHT_ALSO_BE_NEXT_INDEX, "IST", "GMT"},
+      {"America/New_York", civilUtc(2024, 3, 10, 2, 30), NO_SUCH_LOCAL_TIME, "EST", nullptr},
+      {"America/New_York", civilUtc(2024, 11, 3, 1, 30), MIGHT_ALSO_BE_NEXT_INDEX, "EDT", "EST"},
+      {"America/New_York", civilUtc(2024, 7, 1, 12, 0), UNIQUE_READING, "EDT", nullptr},
+      {"America/New_York", civilUtc(2024, 3, 10, 1, 59), UNIQUE_READING, "EST", nullptr},
+      {"America/New_York", civilUtc(2024, 3, 10, 3, 0), UNIQUE_READING, "EDT", nullptr},
+      {"Australia/Sydney", civilUtc(2024, 10, 6, 2, 30), NO_SUCH_LOCAL_TIME, "AEST", nullptr},
+      {"Australia/Sydney", civilUtc(2024, 4, 7, 2, 30), MIGHT_ALSO_BE_NEXT_INDEX, "AEDT", "AEST"},
+      {"Europe/London", civilUtc(2024, 3, 31, 1, 30), NO_SUCH_LOCAL_TIME, "GMT", nullptr},
+      {"Europe/London", civilUtc(2024, 10, 27, 1, 30), MIGHT_ALSO_BE_NEXT_INDEX, "BST", "GMT"},
+      {"America/Santiago", civilUtc(2024, 9, 8, 0, 30), NO_SUCH_LOCAL_TIME, "-04", nullptr},
+      {"America/Santiago", civilUtc(2024, 4, 6, 23, 30), MIGHT_ALSO_BE_NEXT_INDEX, "-03", "-04"},
+      {"Australia/Lord_Howe", civilUtc(2024, 10, 6, 2, 15), NO_SUCH_LOCAL_TIME, "+1030", nullptr},
+      {"Australia/Lord_Howe", civilUtc(2024, 4, 7, 1, 45), MIGHT_ALSO_BE_NEXT_INDEX, "+11",
+       "+1030"},
+      {"Europe/Dublin", civilUtc(2024, 3, 31, 1, 30), NO_SUCH_LOCAL_TIME, "GMT", nullptr},
+      {"Europe/Dublin", civilUtc(2024, 10, 27, 1, 30), MIGHT_ALSO_BE_NEXT_INDEX, "IST", "GMT"},
       // Far beyond the stored years the footer's transitions still answer.
-      {"America/New_York", civil(2300, 3, 11, 2, 30), NO_SUCH_LOCAL_TIME, "EST", nullptr},
+      {"America/New_York", civilUtc(2300, 3, 11, 2, 30), NO_SUCH_LOCAL_TIME, "EST", nullptr},
   };
   for (const auto& c : kCases) {
     const Timezone zone = staged(c.zone);
@@ -132,20 +123,29 @@ TEST(Timezone, ReverseSearchClassifiesGapsAndOverlaps) {
 
 TEST(Timezone, OffsetFromReverseSearchPicksTheReadingByIsdst) {
   const Timezone zone = staged("America/New_York");
-  const long overlap = civil(2024, 11, 3, 1, 30);
+  const long overlap = civilUtc(2024, 11, 3, 1, 30);
   EXPECT_EQ(nullptr, zone.offsetFromReverseSearch(overlap, -1));
   ASSERT_NE(nullptr, zone.offsetFromReverseSearch(overlap, 1));
   EXPECT_EQ(-14400, zone.offsetFromReverseSearch(overlap, 1)->gmtoff);
   EXPECT_EQ(-18000, zone.offsetFromReverseSearch(overlap, 0)->gmtoff);
-  EXPECT_EQ(nullptr, zone.offsetFromReverseSearch(civil(2024, 3, 10, 2, 30), 0));
+  EXPECT_EQ(nullptr, zone.offsetFromReverseSearch(civilUtc(2024, 3, 10, 2, 30), 0));
   // A unique reading ignores isdst.
-  EXPECT_EQ(-14400, zone.offsetFromReverseSearch(civil(2024, 7, 1, 0, 0), 0)->gmtoff);
+  const TimezoneOffset* edt = zone.offsetFromReverseSearch(civilUtc(2024, 7, 1), 0);
+  ASSERT_NE(nullptr, edt);
+  EXPECT_EQ(-14400, edt->gmtoff);
+  // setStructTmMetadata copies the type's fields.
+  tm t{};
+  t.tm_isdst = -1;
+  zone.setStructTmMetadata(&t, edt);
+  EXPECT_EQ(1, t.tm_isdst);
+  EXPECT_EQ(-14400, t.tm_gmtoff);
+  EXPECT_STREQ("EDT", t.tm_zone);
 }
 
 TEST(Timezone, OverlapOfTwoStandardTimesIsAmbiguousForEveryIsdst) {
   // Moscow went from +04 to +03 in 2014, both standard time.
   const Timezone zone = staged("Europe/Moscow");
-  const long local = civil(2014, 10, 26, 1, 30);
+  const long local = civilUtc(2014, 10, 26, 1, 30);
   reverse_search_result_type_t how;
   zone.reverseSearchAt(local, &how);
   EXPECT_EQ(MIGHT_ALSO_BE_NEXT_INDEX, how);
@@ -165,10 +165,10 @@ TEST(Timezone, ReverseSearchOfUnrepresentableLocalTimesGivesAnEnd) {
 TEST(Timezone, ConstantOffsetOverARange) {
   const Timezone ny = staged("America/New_York");
   EXPECT_FALSE(ny.hasConstantOffset());
-  EXPECT_EQ(-18000, ny.constantOffset(civil(2024, 1, 1, 0, 0), civil(2024, 2, 1, 0, 0)));
-  EXPECT_EQ(-14400, ny.constantOffset(civil(2024, 8, 1, 0, 0), civil(2024, 6, 1, 0, 0)));
+  EXPECT_EQ(-18000, ny.constantOffset(civilUtc(2024, 1, 1), civilUtc(2024, 2, 1)));
+  EXPECT_EQ(-14400, ny.constantOffset(civilUtc(2024, 8, 1), civilUtc(2024, 6, 1)));
   EXPECT_EQ(Timezone::NO_CONSTANT_OFFSET,
-            ny.constantOffset(civil(2024, 1, 1, 0, 0), civil(2024, 7, 1, 0, 0)));
+            ny.constantOffset(civilUtc(2024, 1, 1), civilUtc(2024, 7, 1)));
   // Changes before 1970 do not count against a constant offset.
   const Timezone tokyo = staged("Asia/Tokyo");
   EXPECT_TRUE(tokyo.hasConstantOffset());
@@ -188,24 +188,12 @@ TEST(Timezone, OffsetSecondsOfTheLatestTransitionOfThatKind) {
   EXPECT_EQ(0, utc.offsetSeconds(true));
 }
 
-TEST(Timezone, SetStructTmMetadataCopiesTheType) {
-  const Timezone ny = staged("America/New_York");
-  tm t{};
-  t.tm_isdst = -1;
-  const TimezoneOffset* edt = ny.offsetFromReverseSearch(civil(2024, 7, 1, 0, 0), -1);
-  ny.setStructTmMetadata(&t, edt);
-  EXPECT_EQ(1, t.tm_isdst);
-  EXPECT_EQ(-14400, t.tm_gmtoff);
-  EXPECT_STREQ("EDT", t.tm_zone);
-}
-
 TEST(Timezone, SimilarZonesReadTheSameAroundAnInstant) {
-  const long t = civil(2024, 6, 1, 0, 0);
+  const long t = civilUtc(2024, 6, 1);
   const struct { const char* a; const char* b; bool similar; } kCases[] = {
       {"America/New_York", "US/Eastern", true},   // an alias
       {"America/New_York", "EST5EDT", true},      // same rules since 2007, same names
-      {"America/New_York", "America/Toronto", true},
-      {"America/New_York", "America/Chicago", false},
+      {"America/New_York", "America/Toronto", true}, {"America/New_York", "America/Chicago", false},
       {"Asia/Tokyo", "Japan", true},
       {"Asia/Tokyo", "Asia/Seoul", false},        // same offset, other name
       {"Etc/UTC", "Etc/GMT", false},              // same offset, other name
@@ -222,18 +210,14 @@ TEST(Timezone, SimilarZonesReadTheSameAroundAnInstant) {
 }
 
 TEST(Timezone, EstimatedTzVariableReadsTheYearAhead) {
-  const long t = civil(2024, 1, 15, 0, 0);
+  const long t = civilUtc(2024, 1, 15);
   const struct { const char* zone; const char* tz; } kCases[] = {
       {"America/New_York", "EST5EDT,M3.2.0,M11.1.0"},
       {"Australia/Sydney", "AEST-10AEDT,M10.1.0,M4.1.0/3"},
-      {"Europe/London", "GMT0BST,M3.5.0/1,M10.5.0"},
-      {"Europe/Paris", "CET-1CEST,M3.5.0,M10.5.0/3"},
-      {"Australia/Lord_Howe", "<+1030>-10:30<+11>-11,M10.1.0,M4.1.0"},
-      {"Asia/Tokyo", "JST-9"},
-      {"Asia/Kolkata", "IST-5:30"},
-      {"Asia/Kathmandu", "<+0545>-5:45"},
-      {"America/Sao_Paulo", "<-03>3"},
-      {"Etc/UTC", "UTC0"},
+      {"Europe/London", "GMT0BST,M3.5.0/1,M10.5.0"}, {"Europe/Paris", "CET-1CEST,M3.5.0,M10.5.0/3"},
+      {"Australia/Lord_Howe", "<+1030>-10:30<+11>-11,M10.1.0,M4.1.0"}, {"Asia/Tokyo", "JST-9"},
+      {"Asia/Kolkata", "IST-5:30"}, {"Asia/Kathmandu", "<+0545>-5:45"},
+      {"America/Sao_Paulo", "<-03>3"}, {"Etc/UTC", "UTC0"},
   };
   for (const auto& c : kCases) EXPECT_EQ(c.tz, staged(c.zone).estimatedTzVariable(t)) << c.zone;
 }
@@ -244,7 +228,7 @@ TEST(Timezone, EstimatedTzVariableReproducesTheNextTransitions) {
   const Pathname dir = stagedZoneinfoDir();
   ASSERT_FALSE(dir.empty());
   int withRules = 0;
-  for (const long t : {civil(2300, 1, 1, 0, 0), civil(2300, 7, 1, 0, 0)}) {
+  for (const long t : {civilUtc(2300, 1, 1), civilUtc(2300, 7, 1)}) {
     for (const std::string& name : zoneNamesUnder(dir)) {
       Timezone zone;
       ASSERT_TRUE(zone.fromExactZoneinfoPath(dir / name.c_str(), true)) << name;
@@ -283,13 +267,6 @@ TEST(Timezone, CycleFlagsMarkFourHundredYearRepeats) {
   const Timezone tokyo = staged("Asia/Tokyo");
   EXPECT_FALSE(tokyo.firstCycle());
   EXPECT_FALSE(tokyo.lastCycle());
-}
-
-TEST(Timezone, TypeAtOfAnEmptyTableIsTheFirstType) {
-  Timezone zone;
-  ASSERT_TRUE(zone.setToConstantOffset("ABC", -3600));
-  EXPECT_EQ(3600, zone.typeAt(0)->gmtoff);
-  EXPECT_STREQ("ABC", zone.abbreviation(zone.typeAt(0)));
 }
 
 TEST(TimezoneDeathTest, TypeAtPastTheTableIsAContractViolation) {

@@ -1,5 +1,6 @@
 // Test doubles for the dateprobe front: a back that answers from a script,
-// and a stream that collects what the front prints. For tests only.
+// a stream that collects what the front prints, and the texts the front
+// prints, written out by hand. For tests only.
 #pragma once
 
 #include <cstdio>
@@ -79,3 +80,30 @@ class CapturedOutput {
   size_t _size = 0;
   FILE* _file;
 };
+
+// What dateprobe prints when its arguments ask for no mode.
+inline constexpr char kDateprobeUsage[] =
+    "Usage: \n"
+    "\tdateprobe \"<string>\" [\"<sourcetype>|source::<filename>|host::<hostname>\"]\n"
+    "\tdateprobe file <filename> [\"<sourcetype>|host::<hostname>\"]\n"
+    "For example:\n"
+    "\tdateprobe \"10/11/2009 12:11:13\" \"syslog\"\n"
+    "\tdateprobe file \"foo.log\" \"syslog\"\n";
+
+// The line a self-test run prints for each row that passed.
+inline constexpr char kSelfTestPassed[] =
+    "********************************************************\n";
+
+// The block a self-test run prints for failed row `index`: its line, the
+// name of the pattern that matched, the expected fields as "m/d/y h:m:s" and
+// the asctime text of the time found.
+inline std::string selfTestFailure(size_t index, const std::string& line,
+                                   const std::string& patterns, const std::string& expected,
+                                   const std::string& result) {
+  return "--------------------BEGIN-------------------\n"
+         "**   FAILED: test " + std::to_string(index) + "\n"
+         "**     LINE: " + line + "\n"
+         "** PATTERNS: " + patterns + "\n"
+         "** EXPECTED: " + expected + "\n"
+         "**   RESULT: " + result + "\n";
+}

@@ -1,6 +1,8 @@
 // End to end: the built dateprobe binary run with its arguments, its
 // standard output and exit status checked byte for byte. The back behind it
 // finds no timestamp yet, so every row that expects one fails at time 0.
+// Each shape of argument list is classified and run in the unit tests of
+// the front; here one or two of each show that the binary wires them up.
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,17 +15,12 @@
 
 #include <gtest/gtest.h>
 
+#include "tools/dateprobe/DateprobeTestDoubles.h"
 #include "tools/dateprobe/SelfTestCase.h"
+#include "util/testing/ScopedTz.h"
+#include "util/testing/TestTempDir.h"
 
 namespace {
-
-const char kUsage[] =
-    "Usage: \n"
-    "\tdateprobe \"<string>\" [\"<sourcetype>|source::<filename>|host::<hostname>\"]\n"
-    "\tdateprobe file <filename> [\"<sourcetype>|host::<hostname>\"]\n"
-    "For example:\n"
-    "\tdateprobe \"10/11/2009 12:11:13\" \"syslog\"\n"
-    "\tdateprobe file \"foo.log\" \"syslog\"\n";
 
 struct Outcome {
   int status = -1;
@@ -35,8 +32,7 @@ Outcome runDateprobe(const std::vector<std::string>& words) {
   const char* bin = getenv("DATEPROBE_BIN");
   EXPECT_NE(nullptr, bin) << "DATEPROBE_BIN is not set";
   if (bin == nullptr) return {};
-  setenv("TZ", "XST3", 1);
-  tzset();
+  ScopedTz zone("XST3");
   std::vector<char*> argv = {const_cast<char*>(bin)};
   for (const std::string& w : words) argv.push_back(const_cast<char*>(w.c_str()));
   argv.push_back(nullptr);
@@ -64,73 +60,53 @@ Outcome runDateprobe(const std::vector<std::string>& words) {
   return outcome;
 }
 
-std::string joined(const std::vector<std::string>& words) {
-  std::string out;
-  for (const std::string& w : words) out += "[" + w + "]";
-  return out;
-}
-
-// The C library's reading of time 0 in the row's view, as the RESULT line
-// shows it.
-std::string timeZeroFor(const SelfTestCase& row) {
-  tm broken = {};
-  if (row.zone_offset == -1) {
-    const time_t zero = 0;
-    localtime_r(&zero, &broken);
-  } else {
-    const time_t shifted = static_cast<time_t>(row.zone_offset);
-    gmtime_r(&shifted, &broken);
+// Runs each word list and checks the status and output it must give.
+void expectEach(const std::vector<std::vector<std::string>>& wordLists, int status,
+                const std::string& output) {
+  for (const auto& words : wordLists) {
+    std::string joined;
+    for (const std::string& w : words) joined += "[" + w + "]";
+    SCOPED_TRACE(joined);
+    const Outcome o = runDateprobe(words);
+    EXPECT_EQ(status, o.status);
+    EXPECT_EQ(output, o.output);
   }
-  char text[32];
-  asctime_r(&broken, text);
-  return std::string(text, 24);
 }
 
+// The failure block of table row `index`, judged at time 0 in the row's
+// view (the C library's reading of it).
 std::string failureBlock(size_t index) {
   const SelfTestCase& row = selfTestCases[index];
+  ScopedTz zone("XST3");
+  tm broken = {};
+  const time_t zero = 0, shifted = static_cast<time_t>(row.zone_offset);
+  if (row.zone_offset == -1) {
+    localtime_r(&zero, &broken);
+  } else {
+    gmtime_r(&shifted, &broken);
+  }
+  char result[32];
+  asctime_r(&broken, result);
   char expected[128];
   snprintf(expected, sizeof expected, "%d/%d/%d %d:%d:%d", row.month, row.day, row.year,
            row.hour, row.minute, row.second);
-  return "--------------------BEGIN-------------------\n"
-         "**   FAILED: test " + std::to_string(index) + "\n"
-         "**     LINE: " + row.line + "\n"
-         "** PATTERNS: \n"
-         "** EXPECTED: " + expected + "\n"
-         "**   RESULT: " + timeZeroFor(row) + "\n";
-}
-
-std::string fullRun() {
-  std::string out;
-  for (size_t i = 0; i < SELF_TEST_CASE_COUNT; ++i) {
-    if (selfTestCases[i].year != 0) out += failureBlock(i);
-  }
-  return out + "\nPASSED 11 / 92\n";
+  return selfTestFailure(index, row.line, "", expected, std::string(result, 24));
 }
 
 TEST(Dateprobe, ArgumentsThatAskForNoModeGetTheUsage) {
-  const std::vector<std::string> kCases[] = {
-      {},
-      {"file", "a", "b", "c"},
-      {"a", "b", "c"},
-      {"syslog", "10/11/2009 12:11:13", "x"},
-      {"files", "a", "b"},
-      {"FILE", "a", "b"},
-      {"a", "b", "c", "d", "e"},
-  };
-  for (const auto& words : kCases) {
-    SCOPED_TRACE(joined(words));
-    const Outcome o = runDateprobe(words);
-    EXPECT_EQ(1, o.status);
-    EXPECT_EQ(kUsage, o.output);
-  }
+  expectEach({{}, {"file", "a", "b", "c"}, {"a", "b", "c"}}, 1, kDateprobeUsage);
 }
 
 TEST(Dateprobe, FullTestRunFailsEveryRowThatExpectsATime) {
   size_t nothingRows = 0;
   for (const SelfTestCase& row : selfTestCases) nothingRows += row.year == 0;
   ASSERT_EQ(11u, nothingRows);
+  std::string want;
+  for (size_t i = 0; i < SELF_TEST_CASE_COUNT; ++i) {
+    if (selfTestCases[i].year != 0) want += failureBlock(i);
+  }
+  want += "\nPASSED 11 / 92\n";
   // Spot checks of the expected text itself, independent of the table.
-  const std::string want = fullRun();
   ASSERT_NE(std::string::npos, want.find("**   FAILED: test 11\n"
                                          "**     LINE: Mar 14 09:26:53 host-a authd[2231]: "
                                          "session opened for user-b\n"
@@ -145,94 +121,31 @@ TEST(Dateprobe, FullTestRunFailsEveryRowThatExpectsATime) {
                                          "\nPASSED 11 / 92\n"));
   ASSERT_NE(std::string::npos, want.find("**   RESULT: Wed Dec 31 16:00:00 1969\n"));
   ASSERT_EQ(std::string::npos, want.find("FAILED: test 10\n"));
-  for (const auto& words : std::vector<std::vector<std::string>>{
-           {"test"}, {"test", "-3"}, {"test", "5", "x"}, {"test", "a", "b", "c"}}) {
-    SCOPED_TRACE(joined(words));
-    const Outcome o = runDateprobe(words);
-    EXPECT_EQ(0, o.status);
-    EXPECT_EQ(want, o.output);
-  }
+  expectEach({{"test"}, {"test", "a", "b", "c"}}, 0, want);
 }
 
+// Rows that expect nothing pass silently, so a run from any of them ends
+// at row 11, the first that is compared; past the table nothing runs.
 TEST(Dateprobe, SingleRowRunPrintsOneBlock) {
-  const struct {
-    const char* n;
-    size_t row;
-  } kCases[] = {
-      {"abc", 11},  // no number is row 0; rows expecting nothing pass silently
-      {"0", 11},
-      {"5", 11},
-      {"10", 11},
-      {"11", 11},
-      {"12", 12},
-      {"47", 47},
-      {"91", 91},
-  };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.n);
-    const Outcome o = runDateprobe({"test", c.n});
-    EXPECT_EQ(0, o.status);
-    EXPECT_EQ(failureBlock(c.row), o.output);
-  }
+  expectEach({{"test", "abc"}, {"test", "10"}}, 0, failureBlock(11));
+  expectEach({{"test", "12"}}, 0, failureBlock(12));
+  expectEach({{"test", "91"}}, 0, failureBlock(91));
+  expectEach({{"test", "92"}, {"test", "99999999999999999999"}}, 0, "");
 }
 
-TEST(Dateprobe, StartRowPastTheTableRunsNothing) {
-  for (const char* n : {"92", "93", "1000", "99999999999999999999"}) {
-    const Outcome o = runDateprobe({"test", n});
-    EXPECT_EQ(0, o.status) << n;
-    EXPECT_EQ("", o.output) << n;
-  }
-}
-
-TEST(Dateprobe, StringModeReportsWhatItFound) {
-  const struct {
-    std::vector<std::string> words;
-    const char* output;
-  } kCases[] = {
-      {{"10/11/2009 12:11:13"}, "Unable to parse '10/11/2009 12:11:13'\n"},
-      {{"10/11/2009 12:11:13", "syslog"}, "Unable to parse '10/11/2009 12:11:13'\n"},
-      {{"file"}, "Unable to parse 'file'\n"},
-      {{"test line", "host::host-a"}, "Unable to parse 'test line'\n"},
-  };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(joined(c.words));
-    const Outcome o = runDateprobe(c.words);
-    EXPECT_EQ(0, o.status);
-    EXPECT_EQ(c.output, o.output);
-  }
-}
-
-TEST(Dateprobe, FileModeReadsEachLine) {
-  char path[] = "/tmp/dateprobe_test.XXXXXX";
-  const int fd = mkstemp(path);
-  ASSERT_GE(fd, 0);
-  const std::string content = "first 12:00\r\nsecond\n\nlast";
-  ASSERT_EQ(static_cast<ssize_t>(content.size()), write(fd, content.data(), content.size()));
-  close(fd);
-  for (const auto& words : std::vector<std::vector<std::string>>{{"file", path},
-                                                                 {"file", path, "syslog"}}) {
-    SCOPED_TRACE(joined(words));
-    const Outcome o = runDateprobe(words);
-    EXPECT_EQ(0, o.status);
-    EXPECT_EQ(
-        "Unable to parse 'first 12:00'\n"
-        "Unable to parse 'second'\n"
-        "Unable to parse ''\n"
-        "Unable to parse 'last'\n"
-        "count=4\n",
-        o.output);
-  }
-  unlink(path);
-}
-
-TEST(Dateprobe, UnreadableFileExitsFour) {
-  for (const auto& words : std::vector<std::vector<std::string>>{
-           {"file", "/nonexistent"}, {"file", "/nonexistent", "syslog"}}) {
-    SCOPED_TRACE(joined(words));
-    const Outcome o = runDateprobe(words);
-    EXPECT_EQ(4, o.status);
-    EXPECT_EQ("Cannot open file \"/nonexistent\"!", o.output);
-  }
+TEST(Dateprobe, StringAndFileModesReportWhatTheyFound) {
+  expectEach({{"10/11/2009 12:11:13"}, {"10/11/2009 12:11:13", "syslog"}}, 0,
+             "Unable to parse '10/11/2009 12:11:13'\n");
+  TestTempDir dir;
+  const std::string path = std::string(dir / "in.log");
+  writeTestFile(dir / "in.log", "first 12:00\r\nsecond\n\nlast");
+  expectEach({{"file", path}, {"file", path, "syslog"}}, 0,
+             "Unable to parse 'first 12:00'\n"
+             "Unable to parse 'second'\n"
+             "Unable to parse ''\n"
+             "Unable to parse 'last'\n"
+             "count=4\n");
+  expectEach({{"file", "/nonexistent", "syslog"}}, 4, "Cannot open file \"/nonexistent\"!");
 }
 
 }  // namespace

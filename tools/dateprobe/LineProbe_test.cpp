@@ -11,43 +11,17 @@
 #include <gtest/gtest.h>
 
 #include "tools/dateprobe/DateprobeTestDoubles.h"
+#include "util/testing/FixedClock.h"
+#include "util/testing/ScopedTz.h"
+#include "util/testing/TestTempDir.h"
 
 namespace {
 
-void useZoneBehindUtc() {
-  setenv("TZ", "XST3", 1);
-  tzset();
+// A file of `content` in `dir`, by its path.
+std::string fileOf(const TestTempDir& dir, const std::string& content) {
+  writeTestFile(dir / "in.log", content);
+  return std::string(dir / "in.log");
 }
-
-const Timeval kClock(1234567890, 250000);
-
-void fixedClock(Timeval* now) { *now = kClock; }
-
-// A fresh directory, removed with its files at the end of the test.
-class TempDir {
- public:
-  TempDir() {
-    char templ[] = "/tmp/lineprobe_test.XXXXXX";
-    _path = mkdtemp(templ);
-  }
-  ~TempDir() {
-    for (const std::string& f : _files) unlink(f.c_str());
-    rmdir(_path.c_str());
-  }
-  std::string write(const std::string& name, const std::string& content) {
-    const std::string path = _path + "/" + name;
-    FILE* f = fopen(path.c_str(), "w");
-    fwrite(content.data(), 1, content.size(), f);
-    fclose(f);
-    _files.push_back(path);
-    return path;
-  }
-  const std::string& path() const { return _path; }
-
- private:
-  std::string _path;
-  std::vector<std::string> _files;
-};
 
 DateprobeParse detail(Timeval time, int subsecDigits) {
   DateprobeParse p;
@@ -61,7 +35,7 @@ DateprobeParse detail(Timeval time, int subsecDigits) {
 }
 
 TEST(LineProbe, PrintsWhatTheParserFound) {
-  useZoneBehindUtc();
+  ScopedTz zone("XST3");
   // 2008-02-15 10:42:03.456 UTC, 07:42:03 in XST3.
   const Timeval t(1203072123, 456000);
   const std::string kHead =
@@ -70,18 +44,10 @@ TEST(LineProbe, PrintsWhatTheParserFound) {
       "UTC Time:\t1203072123\n"
       "Time Region:\t11-23\n"
       "Date Region:\t0-10\n";
-  const struct {
-    int subsecDigits;
-    const char* tail;
-  } kCases[] = {
-      {-3, ""},
-      {-2, ""},
-      {-1, ""},
-      {0, ""},
-      {1, "Subseconds:\t0.4\n"},
-      {3, "Subseconds:\t0.456\n"},
-      {6, "Subseconds:\t0.456000\n"},
+  const struct { int subsecDigits; const char* tail; } kCases[] = {
       {9, "Subseconds:\t0.456000000\n"},  // padded past the sixth digit
+      {-3, ""}, {-2, ""}, {-1, ""}, {0, ""}, {1, "Subseconds:\t0.4\n"},
+      {3, "Subseconds:\t0.456\n"}, {6, "Subseconds:\t0.456000\n"},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.subsecDigits);
@@ -94,7 +60,7 @@ TEST(LineProbe, PrintsWhatTheParserFound) {
 }
 
 TEST(LineProbe, RegionsNotFoundPrintAsMinusOne) {
-  useZoneBehindUtc();
+  ScopedTz zone("XST3");
   FakeDateprobeBack back;
   back.answer("x 12:00", Timeval(1203072123, 0));
   CapturedOutput out;
@@ -116,31 +82,25 @@ TEST(LineProbe, SaysSoWhenNothingIsFound) {
 }
 
 TEST(LineProbe, ParsesAgainstTheClock) {
-  const TimevalClock old = setTimevalClock(fixedClock);
+  ScopedFixedClock clock(Timeval(1234567890, 250000));
   FakeDateprobeBack back;
   CapturedOutput out;
   probeLine(back, "a", out.file());
-  setTimevalClock(old);
   ASSERT_EQ(1u, back.parsedNows.size());
-  EXPECT_EQ(kClock, back.parsedNows[0]);
+  EXPECT_EQ(Timeval(1234567890, 250000), back.parsedNows[0]);
 }
 
 TEST(LineProbe, FileModeProbesEveryLine) {
-  const struct {
-    const char* content;
-    std::vector<std::string> lines;
-  } kCases[] = {
-      {"", {}},
-      {"one\n", {"one"}},
+  const struct { const char* content; std::vector<std::string> lines; } kCases[] = {
       {"one", {"one"}},  // the last line needs no line end
-      {"one\r\ntwo\n\nthree", {"one", "two", "", "three"}},
-      {"\n\n", {"", ""}},
       {"a\rb\r\r\n", {"a\rb\r"}},  // only the carriage return before the line feed goes
+      {"", {}}, {"one\n", {"one"}}, {"one\r\ntwo\n\nthree", {"one", "two", "", "three"}},
+      {"\n\n", {"", ""}},
   };
+  TestTempDir dir;
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.content);
-    TempDir dir;
-    const std::string path = dir.write("in.log", c.content);
+    const std::string path = fileOf(dir, c.content);
     FakeDateprobeBack back;
     CapturedOutput out;
     EXPECT_EQ(0, probeFile(back, path, "syslog", out.file()));
@@ -154,10 +114,10 @@ TEST(LineProbe, FileModeProbesEveryLine) {
 }
 
 TEST(LineProbe, FileModeCountsEachThousandLines) {
-  TempDir dir;
+  TestTempDir dir;
   std::string content;
   for (int i = 0; i < 2500; ++i) content += "l\n";
-  const std::string path = dir.write("big.log", content);
+  const std::string path = fileOf(dir, content);
   FakeDateprobeBack back;
   CapturedOutput out;
   EXPECT_EQ(0, probeFile(back, path, "*", out.file()));
@@ -171,8 +131,8 @@ TEST(LineProbe, FileModeCountsEachThousandLines) {
 }
 
 TEST(LineProbe, UnreadableFileGivesFourAndNoLineEnd) {
-  TempDir dir;
-  const std::string path = dir.path() + "/missing.log";
+  TestTempDir dir;
+  const std::string path = std::string(dir / "missing.log");
   FakeDateprobeBack back;
   CapturedOutput out;
   EXPECT_EQ(4, probeFile(back, path, "*", out.file()));

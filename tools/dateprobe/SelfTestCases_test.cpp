@@ -5,12 +5,18 @@
 #include <regex>
 #include <set>
 #include <string>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
 namespace {
 
 bool isLeap(int year) { return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0; }
+
+std::tuple<int32_t, int32_t, int32_t, int32_t, int32_t, int32_t, int64_t> fieldsOf(
+    const SelfTestCase& c) {
+  return {c.year, c.month, c.day, c.hour, c.minute, c.second, c.zone_offset};
+}
 
 TEST(SelfTestCases, HoldTheRequiredCounts) {
   std::map<int32_t, int> years;
@@ -48,13 +54,7 @@ TEST(SelfTestCases, KeepTheFixedRowsByteForByte) {
     for (const SelfTestCase& c : selfTestCases) {
       if (c.line != want.line) continue;
       ++found;
-      EXPECT_EQ(want.year, c.year);
-      EXPECT_EQ(want.month, c.month);
-      EXPECT_EQ(want.day, c.day);
-      EXPECT_EQ(want.hour, c.hour);
-      EXPECT_EQ(want.minute, c.minute);
-      EXPECT_EQ(want.second, c.second);
-      EXPECT_EQ(want.zone_offset, c.zone_offset);
+      EXPECT_EQ(fieldsOf(want), fieldsOf(c));
     }
     EXPECT_EQ(1, found);
   }
@@ -91,14 +91,10 @@ TEST(SelfTestCases, FieldsLieInRange) {
     ASSERT_LE(c.month, 12);
     static const int kDays[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
     const int days = c.month == 2 && (c.year == -1 || isLeap(c.year)) ? 29 : kDays[c.month - 1];
-    EXPECT_GE(c.day, 1);
-    EXPECT_LE(c.day, days);
-    EXPECT_GE(c.hour, 0);
-    EXPECT_LE(c.hour, 23);
-    EXPECT_GE(c.minute, 0);
-    EXPECT_LE(c.minute, 59);
-    EXPECT_GE(c.second, 0);
-    EXPECT_LE(c.second, 59);
+    EXPECT_TRUE(c.day >= 1 && c.day <= days) << c.day;
+    EXPECT_TRUE(c.hour >= 0 && c.hour <= 23) << c.hour;
+    EXPECT_TRUE(c.minute >= 0 && c.minute <= 59) << c.minute;
+    EXPECT_TRUE(c.second >= 0 && c.second <= 59) << c.second;
     // The 150-character lookahead has to reach the timestamp.
     EXPECT_LE(c.line.size(), 150u);
   }

@@ -1,5 +1,6 @@
 #include "tools/dateprobe/SelfTestRun.h"
 
+#include <array>
 #include <cstdlib>
 #include <ctime>
 #include <string>
@@ -8,15 +9,13 @@
 #include <gtest/gtest.h>
 
 #include "tools/dateprobe/DateprobeTestDoubles.h"
+#include "util/testing/ScopedTz.h"
 
 namespace {
 
-// Local time three hours behind UTC, with no daylight saving, so that a mix
-// of the local and the GMT view shows.
-void useZoneBehindUtc() {
-  setenv("TZ", "XST3", 1);
-  tzset();
-}
+// Tests run in local time three hours behind UTC, with no daylight saving,
+// so that a mix of the local and the GMT view shows.
+constexpr char kZoneBehindUtc[] = "XST3";
 
 Timeval utc(int y, int mo, int d, int h, int mi, int s) {
   tm t = {};
@@ -44,63 +43,59 @@ const SelfTestCase kNoYearPacific = {-1, 12, 31, 22, 0, 0, -28800, "no year, pac
 const SelfTestCase kNothing = {0, 0, 0, 0, 0, 0, 0, "nothing"};
 
 TEST(SelfTestRun, JudgesARowByItsView) {
-  useZoneBehindUtc();
+  ScopedTz zone(kZoneBehindUtc);
+  const auto kPass = SelfTestVerdict::PASSED, kFail = SelfTestVerdict::FAILED;
   const struct {
     const SelfTestCase* row;
     Timeval t;
     SelfTestVerdict verdict;
-    int year, month, day, hour, minute, second;  // the breakdown it leaves
+    std::array<int, 6> fields;  // the breakdown it leaves, year first
   } kCases[] = {
-      {&kLocal, local(2008, 2, 4, 13, 27, 9), SelfTestVerdict::PASSED, 2008, 2, 4, 13, 27, 9},
+      {&kLocal, local(2008, 2, 4, 13, 27, 9), kPass, {2008, 2, 4, 13, 27, 9}},
       // A positive year is never compared.
-      {&kLocal, local(2031, 2, 4, 13, 27, 9), SelfTestVerdict::PASSED, 2031, 2, 4, 13, 27, 9},
-      {&kLocal, local(1999, 2, 4, 13, 27, 9), SelfTestVerdict::PASSED, 1999, 2, 4, 13, 27, 9},
+      {&kLocal, local(2031, 2, 4, 13, 27, 9), kPass, {2031, 2, 4, 13, 27, 9}},
+      {&kLocal, local(1999, 2, 4, 13, 27, 9), kPass, {1999, 2, 4, 13, 27, 9}},
       // The local view, not GMT.
-      {&kLocal, utc(2008, 2, 4, 13, 27, 9), SelfTestVerdict::FAILED, 2008, 2, 4, 10, 27, 9},
-      {&kLocal, local(2008, 3, 4, 13, 27, 9), SelfTestVerdict::FAILED, 2008, 3, 4, 13, 27, 9},
-      {&kLocal, local(2008, 2, 5, 13, 27, 9), SelfTestVerdict::FAILED, 2008, 2, 5, 13, 27, 9},
-      {&kLocal, local(2008, 2, 4, 14, 27, 9), SelfTestVerdict::FAILED, 2008, 2, 4, 14, 27, 9},
-      {&kLocal, local(2008, 2, 4, 13, 28, 9), SelfTestVerdict::FAILED, 2008, 2, 4, 13, 28, 9},
-      {&kLocal, local(2008, 2, 4, 13, 27, 10), SelfTestVerdict::FAILED, 2008, 2, 4, 13, 27, 10},
+      {&kLocal, utc(2008, 2, 4, 13, 27, 9), kFail, {2008, 2, 4, 10, 27, 9}},
+      {&kLocal, local(2008, 3, 4, 13, 27, 9), kFail, {2008, 3, 4, 13, 27, 9}},
+      {&kLocal, local(2008, 2, 5, 13, 27, 9), kFail, {2008, 2, 5, 13, 27, 9}},
+      {&kLocal, local(2008, 2, 4, 14, 27, 9), kFail, {2008, 2, 4, 14, 27, 9}},
+      {&kLocal, local(2008, 2, 4, 13, 28, 9), kFail, {2008, 2, 4, 13, 28, 9}},
+      {&kLocal, local(2008, 2, 4, 13, 27, 10), kFail, {2008, 2, 4, 13, 27, 10}},
       // Microseconds play no part.
-      {&kLocal, Timeval(local(2008, 2, 4, 13, 27, 9).tv_sec, 999999), SelfTestVerdict::PASSED,
-       2008, 2, 4, 13, 27, 9},
+      {&kLocal, Timeval(local(2008, 2, 4, 13, 27, 9).tv_sec, 999999), kPass,
+       {2008, 2, 4, 13, 27, 9}},
       // Offset 0: GMT, not the local view.
-      {&kUtc, utc(2008, 9, 29, 20, 15, 0), SelfTestVerdict::PASSED, 2008, 9, 29, 20, 15, 0},
-      {&kUtc, local(2008, 9, 29, 20, 15, 0), SelfTestVerdict::FAILED, 2008, 9, 29, 23, 15, 0},
+      {&kUtc, utc(2008, 9, 29, 20, 15, 0), kPass, {2008, 9, 29, 20, 15, 0}},
+      {&kUtc, local(2008, 9, 29, 20, 15, 0), kFail, {2008, 9, 29, 23, 15, 0}},
       // The offset is added before the GMT breakdown.
-      {&kPacific, utc(2008, 1, 17, 18, 21, 7), SelfTestVerdict::PASSED, 2008, 1, 17, 10, 21, 7},
-      {&kPacific, utc(2008, 1, 17, 10, 21, 7), SelfTestVerdict::FAILED, 2008, 1, 17, 2, 21, 7},
+      {&kPacific, utc(2008, 1, 17, 18, 21, 7), kPass, {2008, 1, 17, 10, 21, 7}},
+      {&kPacific, utc(2008, 1, 17, 10, 21, 7), kFail, {2008, 1, 17, 2, 21, 7}},
       // Year -1: this year or the one before, no other.
-      {&kNoYear, local(2031, 3, 14, 9, 26, 53), SelfTestVerdict::PASSED, 2031, 3, 14, 9, 26, 53},
-      {&kNoYear, local(2030, 3, 14, 9, 26, 53), SelfTestVerdict::PASSED, 2030, 3, 14, 9, 26, 53},
-      {&kNoYear, local(2029, 3, 14, 9, 26, 53), SelfTestVerdict::FAILED, 2029, 3, 14, 9, 26, 53},
-      {&kNoYear, local(2032, 3, 14, 9, 26, 53), SelfTestVerdict::FAILED, 2032, 3, 14, 9, 26, 53},
-      {&kNoYear, local(2031, 3, 14, 9, 26, 54), SelfTestVerdict::FAILED, 2031, 3, 14, 9, 26, 54},
+      {&kNoYear, local(2031, 3, 14, 9, 26, 53), kPass, {2031, 3, 14, 9, 26, 53}},
+      {&kNoYear, local(2030, 3, 14, 9, 26, 53), kPass, {2030, 3, 14, 9, 26, 53}},
+      {&kNoYear, local(2029, 3, 14, 9, 26, 53), kFail, {2029, 3, 14, 9, 26, 53}},
+      {&kNoYear, local(2032, 3, 14, 9, 26, 53), kFail, {2032, 3, 14, 9, 26, 53}},
+      {&kNoYear, local(2031, 3, 14, 9, 26, 54), kFail, {2031, 3, 14, 9, 26, 54}},
       // ... taken in the row's own view: 2032 in UTC and locally, 2031 at -0800.
-      {&kNoYearPacific, utc(2032, 1, 1, 6, 0, 0), SelfTestVerdict::PASSED, 2031, 12, 31, 22, 0,
-       0},
+      {&kNoYearPacific, utc(2032, 1, 1, 6, 0, 0), kPass, {2031, 12, 31, 22, 0, 0}},
       // A row that wants nothing and gets a time fails on its zero fields.
-      {&kNothing, utc(2008, 1, 1, 0, 0, 0), SelfTestVerdict::FAILED, 2008, 1, 1, 0, 0, 0},
+      {&kNothing, utc(2008, 1, 1, 0, 0, 0), kFail, {2008, 1, 1, 0, 0, 0}},
       // A row that wants a time and gets none is judged at time 0.
-      {&kLocal, Timeval(), SelfTestVerdict::FAILED, 1969, 12, 31, 21, 0, 0},
-      {&kPacific, Timeval(), SelfTestVerdict::FAILED, 1969, 12, 31, 16, 0, 0},
+      {&kLocal, Timeval(), kFail, {1969, 12, 31, 21, 0, 0}},
+      {&kPacific, Timeval(), kFail, {1969, 12, 31, 16, 0, 0}},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.row->line + " at " + std::to_string(c.t.tv_sec));
-    StructTm brokenDown;
-    EXPECT_EQ(c.verdict, judgeSelfTestRow(*c.row, c.t, 2031, &brokenDown));
-    EXPECT_EQ(c.year, brokenDown.tm_year + 1900);
-    EXPECT_EQ(c.month, brokenDown.tm_mon + 1);
-    EXPECT_EQ(c.day, brokenDown.tm_mday);
-    EXPECT_EQ(c.hour, brokenDown.tm_hour);
-    EXPECT_EQ(c.minute, brokenDown.tm_min);
-    EXPECT_EQ(c.second, brokenDown.tm_sec);
+    StructTm b;
+    EXPECT_EQ(c.verdict, judgeSelfTestRow(*c.row, c.t, 2031, &b));
+    EXPECT_EQ(c.fields, (std::array<int, 6>{b.tm_year + 1900, b.tm_mon + 1, b.tm_mday, b.tm_hour,
+                                            b.tm_min, b.tm_sec}));
   }
 }
 
 TEST(SelfTestRun, NothingFoundForNothingExpectedLeavesTheBreakdownAlone) {
-  useZoneBehindUtc();
+  ScopedTz zone(kZoneBehindUtc);
   for (const Timeval t : {Timeval(), Timeval(0, 500000)}) {
     StructTm brokenDown;
     brokenDown.tm_mday = 99;
@@ -117,23 +112,17 @@ const std::vector<SelfTestCase> kTable = {
     {2008, 9, 29, 20, 15, 0, 0, "row four"},
 };
 
-const char kStars[] = "********************************************************\n";
-const char kRowThreeFails[] =
-    "--------------------BEGIN-------------------\n"
-    "**   FAILED: test 3\n"
-    "**     LINE: row three\n"
-    "** PATTERNS: pattern-b\n"
-    "** EXPECTED: 3/14/-1 9:26:53\n"
-    "**   RESULT: Fri Mar 14 09:26:53 2008\n";
+const std::string kRowThreeFails =
+    selfTestFailure(3, "row three", "pattern-b", "3/14/-1 9:26:53", "Fri Mar 14 09:26:53 2008");
 
 // Rows two and four pass, row three gets a year too old.
 struct ScriptedRun {
+  ScopedTz zone{kZoneBehindUtc};
   FakeDateprobeBack back;
   CapturedOutput out;
   Timeval now = utc(2031, 6, 1, 12, 0, 0);
 
   ScriptedRun() {
-    useZoneBehindUtc();
     back.patternName = "pattern-b";
     back.answer("row two", local(2008, 2, 4, 13, 27, 9));
     back.answer("row three", local(2008, 3, 14, 9, 26, 53));
@@ -145,7 +134,8 @@ struct ScriptedRun {
 };
 
 TEST(SelfTestRun, FullRunPrintsEachComparedRowAndTheSummary) {
-  const std::string kWant = std::string(kStars) + kRowThreeFails + kStars + "\nPASSED 4 / 5\n";
+  const std::string kWant =
+      kSelfTestPassed + kRowThreeFails + kSelfTestPassed + "\nPASSED 4 / 5\n";
   for (const auto& [hasStartRow, startRow] : {std::pair{false, 0L}, {false, 7L}, {true, -3L},
                                               {true, -1L}}) {
     SCOPED_TRACE(std::to_string(hasStartRow) + " " + std::to_string(startRow));
@@ -160,18 +150,10 @@ TEST(SelfTestRun, FullRunPrintsEachComparedRowAndTheSummary) {
 }
 
 TEST(SelfTestRun, SingleRowRunEndsAtTheFirstComparedRow) {
-  const struct {
-    long startRow;
-    const char* want;
-    size_t parses;
-  } kCases[] = {
-      {0, kStars, 3},  // rows zero and one pass silently
-      {1, kStars, 2},
-      {2, kStars, 1},
-      {3, kRowThreeFails, 1},
-      {4, kStars, 1},
-      {5, "", 0},
-      {1000, "", 0},
+  const struct { long startRow; std::string want; size_t parses; } kCases[] = {
+      {0, kSelfTestPassed, 3},  // rows zero and one pass silently
+      {1, kSelfTestPassed, 2}, {2, kSelfTestPassed, 1}, {3, kRowThreeFails, 1},
+      {4, kSelfTestPassed, 1}, {5, "", 0}, {1000, "", 0},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.startRow);
@@ -187,41 +169,21 @@ TEST(SelfTestRun, RowThatFindsNothingIsJudgedAtTimeZero) {
   r.back.results.clear();
   r.back.patternName = "";
   EXPECT_EQ(2, r.run(false, 0));
-  EXPECT_EQ(
-      "--------------------BEGIN-------------------\n"
-      "**   FAILED: test 2\n"
-      "**     LINE: row two\n"
-      "** PATTERNS: \n"
-      "** EXPECTED: 2/4/2008 13:27:9\n"
-      "**   RESULT: Wed Dec 31 21:00:00 1969\n"
-      "--------------------BEGIN-------------------\n"
-      "**   FAILED: test 3\n"
-      "**     LINE: row three\n"
-      "** PATTERNS: \n"
-      "** EXPECTED: 3/14/-1 9:26:53\n"
-      "**   RESULT: Wed Dec 31 21:00:00 1969\n"
-      "--------------------BEGIN-------------------\n"
-      "**   FAILED: test 4\n"
-      "**     LINE: row four\n"
-      "** PATTERNS: \n"
-      "** EXPECTED: 9/29/2008 20:15:0\n"
-      "**   RESULT: Thu Jan  1 00:00:00 1970\n"
-      "\nPASSED 2 / 5\n",
-      r.out.text());
+  const char* const kZeroHere = "Wed Dec 31 21:00:00 1969";  // time 0 in XST3
+  EXPECT_EQ(selfTestFailure(2, "row two", "", "2/4/2008 13:27:9", kZeroHere) +
+                selfTestFailure(3, "row three", "", "3/14/-1 9:26:53", kZeroHere) +
+                selfTestFailure(4, "row four", "", "9/29/2008 20:15:0",
+                                "Thu Jan  1 00:00:00 1970") +  // GMT for an offset of 0
+                "\nPASSED 2 / 5\n",
+            r.out.text());
 }
 
 TEST(SelfTestRun, RowExpectingNothingFailsWhenHandedATime) {
   ScriptedRun r;
   r.back.answer("row one", utc(2008, 1, 2, 3, 4, 5));
   r.run(true, 0);
-  EXPECT_EQ(
-      "--------------------BEGIN-------------------\n"
-      "**   FAILED: test 1\n"
-      "**     LINE: row one\n"
-      "** PATTERNS: pattern-b\n"
-      "** EXPECTED: 0/0/0 0:0:0\n"
-      "**   RESULT: Wed Jan  2 03:04:05 2008\n",
-      r.out.text());
+  EXPECT_EQ(selfTestFailure(1, "row one", "pattern-b", "0/0/0 0:0:0", "Wed Jan  2 03:04:05 2008"),
+            r.out.text());
 }
 
 TEST(SelfTestRun, SingleRunWithNothingLeftToCompareIsSilent) {

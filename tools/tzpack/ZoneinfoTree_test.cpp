@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <fstream>
 #include <string>
 
 #include "util/testing/TestTempDir.h"
@@ -12,20 +11,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
-void put(const fs::path& path, const std::string& bytes) {
-  fs::create_directories(path.parent_path());
-  std::ofstream(path, std::ios::binary) << bytes;
-}
-
-std::string read(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
+void put(const fs::path& path, const std::string& bytes) { writeTestFile(path.string(), bytes); }
+std::string read(const fs::path& path) { return readTestFile(path.string()); }
 
 class ZoneinfoTree : public ::testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_FALSE(_tmp.path().empty());
     _source = fs::path(std::string(_tmp.path())) / "source";
     _dest = fs::path(std::string(_tmp.path())) / "staged";
     put(_source / "Europe/Paris", "TZif2 paris");
@@ -41,31 +32,27 @@ class ZoneinfoTree : public ::testing::Test {
 
   TestTempDir _tmp;
   fs::path _source, _dest;
+  ZoneinfoFiles _zones;
+  std::string _error;
 };
 
 TEST_F(ZoneinfoTree, CollectsZonesAndLinksToZonesOnly) {
-  ZoneinfoFiles zones;
-  std::string error;
-  ASSERT_TRUE(collectZoneinfo(_source, &zones, &error)) << error;
-  ASSERT_EQ(3u, zones.size());
-  EXPECT_EQ("TZif2 paris", zones["Europe/Paris"]);
-  EXPECT_EQ("TZif2 paris", zones["Paris"]);
-  EXPECT_EQ("TZif2 utc", zones["UTC"]);
+  ASSERT_TRUE(collectZoneinfo(_source, &_zones, &_error)) << _error;
+  ASSERT_EQ(3u, _zones.size());
+  EXPECT_EQ("TZif2 paris", _zones["Europe/Paris"]);
+  EXPECT_EQ("TZif2 paris", _zones["Paris"]);
+  EXPECT_EQ("TZif2 utc", _zones["UTC"]);
 }
 
 TEST_F(ZoneinfoTree, ReportsAMissingSource) {
-  ZoneinfoFiles zones;
-  std::string error;
-  EXPECT_FALSE(collectZoneinfo(_source / "missing", &zones, &error));
-  EXPECT_NE(std::string::npos, error.find("missing")) << error;
+  EXPECT_FALSE(collectZoneinfo(_source / "missing", &_zones, &_error));
+  EXPECT_NE(std::string::npos, _error.find("missing")) << _error;
 }
 
 TEST_F(ZoneinfoTree, StagingWritesOnlyWhatChanged) {
-  ZoneinfoFiles zones;
-  std::string error;
-  ASSERT_TRUE(collectZoneinfo(_source, &zones, &error)) << error;
+  ASSERT_TRUE(collectZoneinfo(_source, &_zones, &_error)) << _error;
   size_t written = 0;
-  ASSERT_TRUE(stageZoneinfo(zones, _dest, &written, &error)) << error;
+  ASSERT_TRUE(stageZoneinfo(_zones, _dest, &written, &_error)) << _error;
   EXPECT_EQ(3u, written);
   EXPECT_EQ("TZif2 paris", read(_dest / "Paris"));
   EXPECT_FALSE(fs::is_symlink(_dest / "Paris"));
@@ -74,15 +61,15 @@ TEST_F(ZoneinfoTree, StagingWritesOnlyWhatChanged) {
   const fs::file_time_type old = fs::last_write_time(_dest / "UTC") - std::chrono::hours(1);
   fs::last_write_time(_dest / "UTC", old);
   written = 0;
-  ASSERT_TRUE(stageZoneinfo(zones, _dest, &written, &error)) << error;
+  ASSERT_TRUE(stageZoneinfo(_zones, _dest, &written, &_error)) << _error;
   EXPECT_EQ(0u, written);
   EXPECT_EQ(old, fs::last_write_time(_dest / "UTC"));
 
-  zones["UTC"] = "TZif2 new utc";
-  zones.erase("Paris");
+  _zones["UTC"] = "TZif2 new utc";
+  _zones.erase("Paris");
   put(_dest / "Stale/Zone", "TZif2 stale");
   written = 0;
-  ASSERT_TRUE(stageZoneinfo(zones, _dest, &written, &error)) << error;
+  ASSERT_TRUE(stageZoneinfo(_zones, _dest, &written, &_error)) << _error;
   EXPECT_EQ(1u, written);
   EXPECT_EQ("TZif2 new utc", read(_dest / "UTC"));
   EXPECT_FALSE(fs::exists(_dest / "Paris"));
@@ -91,19 +78,18 @@ TEST_F(ZoneinfoTree, StagingWritesOnlyWhatChanged) {
 
 TEST_F(ZoneinfoTree, WriteFileIfChangedReportsWhatItDid) {
   bool changed = false;
-  std::string error;
   const fs::path path = _dest / "deep/file";
-  ASSERT_TRUE(writeFileIfChanged(path, "one", &changed, &error)) << error;
+  ASSERT_TRUE(writeFileIfChanged(path, "one", &changed, &_error)) << _error;
   EXPECT_TRUE(changed);
-  ASSERT_TRUE(writeFileIfChanged(path, "one", &changed, &error)) << error;
+  ASSERT_TRUE(writeFileIfChanged(path, "one", &changed, &_error)) << _error;
   EXPECT_FALSE(changed);
-  ASSERT_TRUE(writeFileIfChanged(path, "two", &changed, &error)) << error;
+  ASSERT_TRUE(writeFileIfChanged(path, "two", &changed, &_error)) << _error;
   EXPECT_TRUE(changed);
   EXPECT_EQ("two", read(path));
   // A file standing where a directory must go cannot be written past.
   put(_dest / "blocker", "x");
-  EXPECT_FALSE(writeFileIfChanged(_dest / "blocker/file", "x", &changed, &error));
-  EXPECT_FALSE(error.empty());
+  EXPECT_FALSE(writeFileIfChanged(_dest / "blocker/file", "x", &changed, &_error));
+  EXPECT_FALSE(_error.empty());
 }
 
 }  // namespace

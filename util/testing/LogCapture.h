@@ -3,7 +3,6 @@
 // Test code only.
 #pragma once
 
-#include <fstream>
 #include <map>
 #include <sstream>
 #include <string>
@@ -44,12 +43,7 @@ class ScopedLogCapture {
   ScopedLogCapture& operator=(const ScopedLogCapture&) = delete;
 
   // Everything written so far.
-  std::string text() const {
-    std::ifstream in(std::string(_path), std::ios::binary);
-    std::ostringstream all;
-    all << in.rdbuf();
-    return all.str();
-  }
+  std::string text() const { return readTestFile(_path); }
   // text() split at line feeds, without them.
   std::vector<std::string> lines() const {
     std::vector<std::string> out;

@@ -1,5 +1,6 @@
 // Test code only: where the build staged the zoneinfo tree, the zone names
-// in it, and a writer of TZif bytes for building good and damaged files.
+// in it, and writers of TZif and packed-file bytes for building good and
+// damaged files.
 #pragma once
 
 #include <unistd.h>
@@ -8,10 +9,12 @@
 #include <cstdint>
 #include <filesystem>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "util/Pathname.h"
 #include "util/Timezone.h"
+#include "util/TimezonePackFormat.h"
 
 // The staged share/kestro/zoneinfo of the build tree this test binary sits
 // in (found by walking up from /proc/self/exe), or "" when it is missing:
@@ -34,6 +37,11 @@ inline Pathname stagedZoneinfoDir() {
 inline bool loadStagedZone(const char* name, Timezone* zone) {
   const Pathname dir = stagedZoneinfoDir();
   return !dir.empty() && zone->fromExactZoneinfoPath(dir / name, true);
+}
+
+// The TZ value that points the C library at the staged zone file `name`.
+inline std::string stagedZoneTz(const char* name) {
+  return ":" + std::string(stagedZoneinfoDir() / name);
 }
 
 // Every zone file under `dir`, by name relative to it, sorted.
@@ -142,4 +150,37 @@ inline TzifParts simpleTzif(const std::vector<int64_t>& switches) {
     s.indices.push_back(i % 2 == 0 ? 1 : 2);
   }
   return s;
+}
+
+// A zone of one type and no transitions: `offset` seconds east, `abbrev`.
+inline std::string constantTzif(int32_t offset, const char* abbrev) {
+  TzifParts s;
+  s.types = {{offset, 0, 0}};
+  s.chars = std::string(abbrev) + '\0';
+  return buildTzif(s);
+}
+
+// A packed file laid out as the packer lays it out: header, index, names,
+// then each zone's data on a 16-byte boundary. `entries` are (name, TZif
+// bytes) pairs sorted by name.
+inline std::string buildTzpack(const std::vector<std::pair<std::string, std::string>>& entries) {
+  std::string out(TZPACK_HEADER_SIZE + TZPACK_RECORD_SIZE * entries.size(), '\0');
+  out.replace(0, TZPACK_MAGIC_SIZE, TZPACK_MAGIC);
+  tzpackWrite32(&out[TZPACK_COUNT_OFFSET], static_cast<uint32_t>(entries.size()));
+  for (size_t i = 0; i < entries.size(); ++i) {
+    tzpackWrite32(&out[tzpackRecordOffset(i + 1) + TZPACK_RECORD_NAME_OFFSET],
+                  static_cast<uint32_t>(out.size()));
+    out += entries[i].first;
+    out.push_back('\0');
+  }
+  for (size_t i = 0; i < entries.size(); ++i) {
+    out.append((16 - out.size() % 16) % 16, '\0');
+    const size_t record = tzpackRecordOffset(i + 1);
+    tzpackWrite32(&out[record + TZPACK_RECORD_DATA_PARAGRAPH],
+                  static_cast<uint32_t>(out.size() / 16));
+    tzpackWrite32(&out[record + TZPACK_RECORD_DATA_LENGTH],
+                  static_cast<uint32_t>(entries[i].second.size()));
+    out += entries[i].second;
+  }
+  return out;
 }
