@@ -1,10 +1,8 @@
 #include "util/CaselessCompare.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cwchar>
 #include <cwctype>
-#include <locale.h>
 #include <random>
 #include <string>
 #include <vector>
@@ -13,63 +11,41 @@
 
 #include "util/Str.h"
 #include "util/StrSegment.h"
+#include "util/testing/TestText.h"
 
 namespace {
-
-std::string hex(const std::string& s) {
-  std::string out;
-  char buf[4];
-  for (unsigned char c : s) {
-    snprintf(buf, sizeof buf, "%02X ", c);
-    out += buf;
-  }
-  return out;
-}
 
 int compare(const std::string& a, const std::string& b) {
   return mem_compare_caseless(a.data(), a.size(), b.data(), b.size());
 }
 
 TEST(CaselessCompare, OrdersWithoutRegardToCase) {
-  const struct {
-    const char* a;
-    const char* b;
-    int want;
-    const char* why;
-  } kCases[] = {
+  // Case pairs, lengths and orders are also covered by the random test below;
+  // these are the examples and the quirks it cannot reach.
+  const struct { const char* a; const char* b; int want; const char* why; } kCases[] = {
       {"\xC3\x84", "\xC3\xA4", 0, "A umlaut"},
-      {"\xC3\xA4", "\xC3\x84", 0, "and the other way"},
       {"a", "B", -1, "letters fold before they are ordered"},
-      {"B", "a", 1, ""},
-      {"abc", "ABC", 0, ""},
-      {"", "", 0, ""},
       {"", "a", -1, "left ends first"},
       {"a", "", 1, "right ends first"},
       {"abc", "ABCD", -1, "caseless prefix"},
-      {"ABCD", "abc", 1, ""},
-      {"\xD0\x9F\xD0\xA0\xD0\x98\xD0\x92\xD0\x95\xD0\xA2", "\xD0\xBF\xD1\x80\xD0\xB8\xD0\xB2\xD0\xB5\xD1\x82", 0,
-       "Cyrillic, with the lower case in another lead byte"},
-      {"\xCE\xA3\xCE\x9F\xCE\xA6\xCE\x99\xCE\x91", "\xCF\x83\xCE\xBF\xCF\x86\xCE\xB9\xCE\xB1", 0, "Greek"},
-      {"\xC4\x80", "\xC4\x81", 0, "pair run"},
-      {"\xC4\xB9", "\xC4\xBA", 0, "pair starting odd"},
-      {"\xC7\x85", "\xC7\x84", 0, "title case against upper case"},
+      {"\xD0\xA0\xD0\x98", "\xD1\x80\xD0\xB8", 0, "the lower case under another lead byte"},
       {"\xE2\x84\xAA", "k", 0, "Kelvin sign folds to k on the left"},
       {"k", "\xE2\x84\xAA", -1, "but an ASCII left byte meets the undecoded lead"},
       {"\xC3\xA9", "e", 1, "accent orders after the bare letter"},
-      {"e", "\xC3\xA9", -1, ""},
       {"stra\xC3\x9F" "e", "STRASSE", 1, "sharp s has no simple fold to ss"},
-      {"\xE2\x82\xAC", "\xE2\x82\xAC", 0, "no case: bytes"},
       {"\xF0\x9F\x98\x80", "\xF0\x9F\x98\x81", -1, "four-byte, no case"},
       {"a\xC3", "A\xC3", 0, "cut-off lead stands alone and matches"},
       {"x\xE2\x82", "X\xE2\x82", 0, ""},
       {"\x80", "\x80", 0, "a stray byte equal to its counterpart passes"},
   };
   for (const auto& c : kCases) {
-    SCOPED_TRACE(std::string(c.why) + ": " + hex(c.a) + "vs " + hex(c.b));
+    SCOPED_TRACE(std::string(c.why) + ": " + printable(c.a) + " vs " + printable(c.b));
     EXPECT_EQ(c.want, compare(c.a, c.b));
     EXPECT_EQ(c.want, StrSegment(c.a).compareIgnoreCase(StrSegment(c.b)));
     EXPECT_EQ(c.want, Str(c.a).compareIgnoreCase(Str(c.b)));
   }
+  // A lead cut off by the length, not by a NUL, is not packed with what follows.
+  EXPECT_EQ(0, mem_compare_caseless("\xC3x", 1, "\xC3y", 1));
 }
 
 // Characters grouped by case, chosen so that each folds to one lower-case
@@ -77,13 +53,11 @@ TEST(CaselessCompare, OrdersWithoutRegardToCase) {
 // boundary into ASCII, where the left-hand ASCII shortcut would differ from a
 // code point comparison.
 const std::vector<std::vector<std::string>> CASE_GROUPS = {
-    {"a", "A"}, {"s", "S"}, {"z", "Z"}, {"0"}, {" "}, {"-"},
-    {"\xC3\xA4", "\xC3\x84"}, {"\xC3\xB6", "\xC3\x96"}, {"\xC3\x9F"}, {"\xC3\xA9", "\xC3\x89"},
-    {"\xC4\x81", "\xC4\x80"}, {"\xC4\xBA", "\xC4\xB9"}, {"\xC5\xBF"},
-    {"\xD0\xB4", "\xD0\x94"}, {"\xD0\xB6", "\xD0\x96"},
-    {"\xCF\x83", "\xCE\xA3"}, {"\xCF\x82"},
+    {"a", "A"}, {"s", "S"}, {"z", "Z"}, {"0"}, {" "}, {"-"}, {"\xC3\xA4", "\xC3\x84"},
+    {"\xC3\xB6", "\xC3\x96"}, {"\xC3\x9F"}, {"\xC3\xA9", "\xC3\x89"}, {"\xC4\x81", "\xC4\x80"},
+    {"\xC4\xBA", "\xC4\xB9"}, {"\xC5\xBF"}, {"\xD0\xB4", "\xD0\x94"}, {"\xD0\xB6", "\xD0\x96"},
+    {"\xCF\x83", "\xCE\xA3"}, {"\xCF\x82"}, {"\xC7\x86", "\xC7\x85", "\xC7\x84"},
     {"\xCF\x89", "\xCE\xA9", "\xE2\x84\xA6"},  // omega, and the ohm sign that folds to it
-    {"\xC7\x86", "\xC7\x85", "\xC7\x84"},
     {"\xE2\x82\xAC"}, {"\xE4\xB8\xAD"}, {"\xF0\x9F\x98\x80"},
 };
 
@@ -95,28 +69,23 @@ int oracle(const std::string& a, const std::string& b) {
     mbstate_t st{};
     for (size_t i = 0; i < s.size();) {
       wchar_t wc;
-      const size_t n = mbrtowc(&wc, s.data() + i, s.size() - i, &st);
+      i += mbrtowc(&wc, s.data() + i, s.size() - i, &st);
       out.push_back(towlower(static_cast<wint_t>(wc)));
-      i += n;
     }
     return out;
   };
-  const std::vector<wint_t> la = lowered(a);
-  const std::vector<wint_t> lb = lowered(b);
-  if (la == lb) return 0;
-  return la < lb ? -1 : 1;
+  const std::vector<wint_t> la = lowered(a), lb = lowered(b);
+  return la == lb ? 0 : la < lb ? -1 : 1;
 }
 
 TEST(CaselessCompare, AgreesWithLoweredCodePointsOnRandomText) {
-  locale_t loc = newlocale(LC_ALL_MASK, "C.UTF-8", nullptr);
-  if (loc == nullptr) GTEST_SKIP() << "no C.UTF-8 locale";
-  const locale_t old = uselocale(loc);
+  ScopedUtf8Locale loc;
+  if (!loc.ok()) GTEST_SKIP() << "no C.UTF-8 locale";
   std::mt19937 rng(1234);
   auto pick = [&rng](const std::vector<std::string>& group) { return group[rng() % group.size()]; };
   int equal = 0;
   for (int round = 0; round < 20000; ++round) {
-    std::string a;
-    std::string b;
+    std::string a, b;
     const bool sameGroups = rng() % 2 == 0;
     const size_t alen = rng() % 6;
     const size_t blen = sameGroups ? alen : rng() % 6;
@@ -127,10 +96,8 @@ TEST(CaselessCompare, AgreesWithLoweredCodePointsOnRandomText) {
     }
     const int want = oracle(a, b);
     equal += want == 0;
-    ASSERT_EQ(want, compare(a, b)) << hex(a) << "vs " << hex(b);
+    ASSERT_EQ(want, compare(a, b)) << printable(a) << " vs " << printable(b);
   }
-  uselocale(old);
-  freelocale(loc);
   EXPECT_GT(equal, 5000);
 }
 

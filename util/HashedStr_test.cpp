@@ -3,13 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstring>
+#include <map>
 #include <random>
-#include <set>
 #include <string>
 #include <vector>
 
 #include "util/Str.h"
+#include "util/testing/TestText.h"
 
 namespace {
 
@@ -20,14 +20,6 @@ const HashedStr kHostKey("host");
 
 const HashedStrKeyBlock* blockOf(const HashedStrReference& key) {
   return reinterpret_cast<const HashedStrKeyBlock*>(key.data()) - 1;
-}
-
-std::string randomText(std::mt19937& rng, size_t maxLen, bool allowNul) {
-  std::uniform_int_distribution<int> len(0, static_cast<int>(maxLen));
-  std::uniform_int_distribution<int> byte(allowNul ? 0 : 1, 255);
-  std::string s(len(rng), '\0');
-  for (char& c : s) c = static_cast<char>(byte(rng));
-  return s;
 }
 
 // Walks a pool's list from its head, checking at each block that back_link
@@ -43,51 +35,33 @@ std::vector<std::string> poolTexts(HashedStrMap_KeyPool& pool) {
   return texts;
 }
 
-TEST(Djb2Hash, KnownValues) {
+TEST(Djb2Hash, KnownValuesAndAllFormsAgree) {
   // Computed outside this code base, with bytes from 0x80 taken as negative.
   const struct { std::string text; uint64_t hash; } kCases[] = {
-      {"", 5381},
-      {"a", 177670},
-      {"ab", 5863208},
-      {"\xff", 177572},  // 5381 * 33 - 1
-      {"\x80", 177445},  // 5381 * 33 - 128
+      {"", 5381}, {"a", 177670}, {"ab", 5863208}, {std::string("a\0b", 3), 193482728},
       {"\x7f", 177700},  // last byte that adds as itself
-      {std::string("a\0b", 3), 193482728},
-      {"host", 6385303139ULL},
-      {"caf\xc3\xa9", 210708550779ULL},
+      {"caf\xc3\xa9", 210708550779ULL}, {std::string(16, '\xff'), 5472370213401178101ULL},
       {"sourcetype", 8246925089354512376ULL},  // wraps past 2^64
-      {"The quick brown fox jumps over the lazy dog", 3950289020261251294ULL},
-      {std::string(16, '\xff'), 5472370213401178101ULL},
   };
   for (const auto& c : kCases) {
-    SCOPED_TRACE(c.text);
-    EXPECT_EQ(c.hash, djb2_hash(c.text.data(), c.text.size()));
-    if (c.text.find('\0') == std::string::npos) {
-      EXPECT_EQ(c.hash, djb2_hash(c.text.c_str()));
-      size_t len = 99;
-      EXPECT_EQ(c.hash, djb2_hash_and_strlen(c.text.c_str(), &len));
-      EXPECT_EQ(c.text.size(), len);
-    }
+    EXPECT_EQ(c.hash, djb2_hash(c.text.data(), c.text.size())) << printable(c.text);
   }
-}
-
-TEST(Djb2Hash, HighBytesAddAsSignedValues) {
-  for (int byte = 0x80; byte <= 0xFF; ++byte) {
+  for (int byte = 0x80; byte <= 0xFF; ++byte) {  // 0xFF gives 5381 * 33 - 1
     const char c = static_cast<char>(byte);
     EXPECT_EQ(5381u * 33 + byte - 256, djb2_hash(&c, 1)) << byte;
-    EXPECT_NE(5381u * 33 + byte, djb2_hash(&c, 1)) << byte;
   }
-}
-
-TEST(Djb2Hash, AllFormsAgreeOnRandomText) {
+  // The C string forms agree on random text, the known values included.
   std::mt19937 rng(20240611);
-  for (int i = 0; i < 2000; ++i) {
-    const std::string text = randomText(rng, 64, false);
+  std::string noNul;
+  for (int b = 1; b < 256; ++b) noNul.push_back(static_cast<char>(b));
+  std::vector<std::string> texts = {"", "a", "ab", "\x7f", "caf\xc3\xa9", "sourcetype"};
+  for (int i = 0; i < 2000; ++i) texts.push_back(randomText(rng, noNul, 64));
+  for (const std::string& text : texts) {
     size_t len = 12345;
     const uint64_t h = djb2_hash(text.data(), text.size());
-    EXPECT_EQ(h, djb2_hash(text.c_str())) << i;
-    EXPECT_EQ(h, djb2_hash_and_strlen(text.c_str(), &len)) << i;
-    EXPECT_EQ(text.size(), len) << i;
+    EXPECT_EQ(h, djb2_hash(text.c_str())) << printable(text);
+    EXPECT_EQ(h, djb2_hash_and_strlen(text.c_str(), &len)) << printable(text);
+    EXPECT_EQ(text.size(), len) << printable(text);
   }
 }
 
@@ -98,105 +72,64 @@ TEST(HashedStrReference, BlockLayout) {
     for (char& c : text) c = static_cast<char>(rng());
     const HashedStrReference key = HashedStrReference::_allocMem(text.data(), text.size());
     SCOPED_TRACE(len);
+    const HashedStrKeyBlock* block = blockOf(key);
     EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(key.data()) % 8);
     EXPECT_EQ(key.data(), key.c_str());
-    EXPECT_EQ(len, key.length());
-    EXPECT_EQ(len, key.size());
-    EXPECT_EQ(djb2_hash(text.data(), len), key.hash());
     EXPECT_EQ(text, std::string(key.c_str(), key.length()));
-    EXPECT_TRUE(key.isPermanent());
-    const HashedStrKeyBlock* block = blockOf(key);
-    EXPECT_EQ(nullptr, block->next);
-    EXPECT_EQ(nullptr, block->back_link);
+    EXPECT_EQ(len, key.size());
     EXPECT_EQ(len, block->length);
+    EXPECT_EQ(djb2_hash(text.data(), len), key.hash());
     EXPECT_EQ(key.hash(), block->hash);
-    // The whole rounded text area is ours (ASan would object otherwise):
+    EXPECT_TRUE(key.isPermanent() && block->next == nullptr && block->back_link == nullptr);
+    // The whole rounded text area is ours (the address sanitizer checks it):
     // the NUL, then zeroed padding.
     const size_t area = (len + 1 + 7) / 8 * 8;
     for (size_t i = len; i < area; ++i) EXPECT_EQ('\0', key.data()[i]) << i;
     key._freeMem();
   }
+  const HashedStrReference a = HashedStrReference::_allocMem("sourcetype");
+  const HashedStrReference c = HashedStrReference::_allocMem("sourcetype", 10, 42);
+  EXPECT_EQ(djb2_hash("sourcetype"), a.hash());
+  EXPECT_EQ(42u, c.hash());  // the given hash is stored as it is
+  EXPECT_NE(a.data(), c.data());
+  a._freeMem();
+  c._freeMem();
 }
 
-TEST(HashedStrReference, AllocShapesAgree) {
-  const char* text = "sourcetype";
-  const HashedStrReference a = HashedStrReference::_allocMem(text);
-  const HashedStrReference b = HashedStrReference::_allocMem(text, 10);
-  const HashedStrReference c = HashedStrReference::_allocMem(text, 10, djb2_hash(text, 10));
-  EXPECT_EQ(a.hash(), b.hash());
-  EXPECT_EQ(a.hash(), c.hash());
-  EXPECT_TRUE(a == b && b == c);
-  EXPECT_NE(a.data(), b.data());
-  for (const HashedStrReference& k : {a, b, c}) k._freeMem();
-}
-
-TEST(HashedStrReference, EqualityWithCString) {
+TEST(HashedStrReference, EqualityDecidesByHashThenLengthThenBytes) {
   HashedStrMap_KeyPool pool;
   const HashedStrReference key = pool.create("index");
-  const struct { const char* text; bool equal; } kCases[] = {
-      {"index", true},  {"Index", false}, {"inde", false},
-      {"indexx", false}, {"", false},     {"xedni", false},
-  };
-  for (const auto& c : kCases) EXPECT_EQ(c.equal, key == c.text) << c.text;
+  for (const char* text : {"Index", "inde", "indexx", "", "xedni"}) {
+    EXPECT_FALSE(key == text) << text;
+  }
+  EXPECT_TRUE(key == "index");
   EXPECT_TRUE(HashedStr::EMPTY_STR == "");
-  // The hash decides first: the same text under a wrong hash is not equal.
-  EXPECT_FALSE(pool.create("index", 5, 1) == "index");
-}
+  EXPECT_FALSE(pool.create("index", 5, 1) == "index");  // the same text under a wrong hash
 
-TEST(HashedStrReference, EqualityWithReference) {
-  HashedStrMap_KeyPool pool;
   const HashedStrReference abc = pool.create("abc");
-  const HashedStrReference abcAgain = pool.create("abc");
   const HashedStrReference collidingA = pool.create("abc", 3, 42);
   const HashedStrReference collidingX = pool.create("xyz", 3, 42);
-  const HashedStrReference longer = pool.create("abcd", 4, 42);
-  EXPECT_TRUE(abc == abcAgain);          // equal bytes in two blocks
-  EXPECT_TRUE(collidingA == collidingA);  // identity
-  EXPECT_FALSE(collidingA == collidingX);  // same hash and length, other bytes
-  EXPECT_FALSE(collidingA == longer);      // same hash, other length
-  EXPECT_FALSE(abc == collidingA);         // same bytes, other hash
-  EXPECT_FALSE(abc == HashedStr::EMPTY_STR);
+  EXPECT_TRUE(abc == pool.create("abc"));     // equal bytes in two blocks
+  EXPECT_TRUE(collidingA == collidingA);       // identity
+  EXPECT_FALSE(collidingA == collidingX);      // same hash and length, other bytes
+  EXPECT_FALSE(collidingA == pool.create("abcd", 4, 42));  // same hash, other length
+  EXPECT_FALSE(abc == collidingA);             // same bytes, other hash
 }
 
-TEST(HashedStr, EmptyKeyIsConstantInitialised) {
+TEST(HashedStr, PermanentKeysAndTheirVocabulary) {
   EXPECT_EQ(5381u, kEmptyHashSeenAtStartup);
-  EXPECT_EQ(5381u, HashedStr::EMPTY_STR.hash());
-  EXPECT_EQ(0u, HashedStr::EMPTY_STR.length());
   EXPECT_STREQ("", HashedStr::EMPTY_STR.c_str());
-  EXPECT_TRUE(HashedStr::EMPTY_STR.isPermanent());
+  EXPECT_TRUE(HashedStr::EMPTY_STR.isPermanent() && HashedStr::EMPTY_STR.length() == 0);
   EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(HashedStr::EMPTY_STR.data()) % 8);
-}
-
-TEST(HashedStr, StaticKeyIsPermanent) {
-  EXPECT_TRUE(kHostKey.isPermanent());
-  EXPECT_TRUE(kHostKey == "host");
+  EXPECT_TRUE(kHostKey.isPermanent() && kHostKey == "host");
   EXPECT_EQ(6385303139ULL, kHostKey.hash());
-}
-
-TEST(HashedStr, OffersTheSegmentVocabulary) {
+  // The segment vocabulary reads the key's own bytes.
   EXPECT_EQ(2u, kHostKey.find("st"));
-  EXPECT_TRUE(kHostKey.startswith("ho"));
   EXPECT_TRUE(kHostKey.endswith('t'));
   EXPECT_EQ(0, kHostKey.compare(StrSegment("host")));
 }
 
-TEST(HashedStrMap_KeyPool, CreateLinksNewestFirst) {
-  HashedStrMap_KeyPool pool;
-  EXPECT_TRUE(pool.empty());
-  const HashedStrReference a = pool.create("alpha");
-  const HashedStrReference b = pool.create("beta", 4);
-  const HashedStrReference c = pool.create("gamma", 5, djb2_hash("gamma"));
-  EXPECT_EQ((std::vector<std::string>{"gamma", "beta", "alpha"}), poolTexts(pool));
-  for (const HashedStrReference& k : {a, b, c}) {
-    EXPECT_FALSE(k.isPermanent());
-    EXPECT_EQ(djb2_hash(k.data(), k.length()), k.hash());
-  }
-  pool.freeAll();
-  EXPECT_TRUE(pool.empty());
-  EXPECT_TRUE(poolTexts(pool).empty());
-}
-
-TEST(HashedStrMap_KeyPool, UnlinkFromEveryPosition) {
+TEST(HashedStrMap_KeyPool, CreateLinksNewestFirstAndUnlinkFromEveryPosition) {
   for (size_t n = 1; n <= 4; ++n) {
     for (size_t victim = 0; victim < n; ++victim) {
       SCOPED_TRACE(testing::Message() << n << " keys, removing #" << victim);
@@ -205,9 +138,14 @@ TEST(HashedStrMap_KeyPool, UnlinkFromEveryPosition) {
       std::vector<std::string> expected;  // newest first, as the list runs
       for (size_t i = 0; i < n; ++i) {
         const std::string text = "k" + std::to_string(i);
-        keys.push_back(pool.create(text.c_str()));
+        const char* p = text.c_str();
+        keys.push_back(i == 0 ? pool.create(p) : i == 1 ? pool.create(p, 2)
+                                                        : pool.create(p, 2, 42));
+        EXPECT_FALSE(keys.back().isPermanent());
+        EXPECT_TRUE(i >= 2 ? keys.back().hash() == 42 : keys.back() == p);  // hashed as compared
         expected.insert(expected.begin(), text);
       }
+      EXPECT_EQ(expected, poolTexts(pool));
       keys[victim]._really_unlink_and_free();
       expected.erase(expected.begin() + (n - 1 - victim));
       EXPECT_EQ(expected, poolTexts(pool));
@@ -219,6 +157,8 @@ TEST(HashedStrMap_KeyPool, UnlinkFromEveryPosition) {
         if (i != victim) keys[i]._really_unlink_and_free();
       }
       EXPECT_EQ(std::vector<std::string>{"late"}, poolTexts(pool));
+      pool.freeAll();
+      EXPECT_TRUE(pool.empty());
     }
   }
 }
@@ -246,14 +186,11 @@ TEST(HashedStrVector, OwnsCopiesInOrder) {
   HashedStrVector vec;
   for (const std::string& t : texts) vec.push_back(t.data(), t.size());
   ASSERT_EQ(texts.size(), vec.size());
-  size_t i = 0;
-  for (const HashedStrReference& key : vec) {
-    SCOPED_TRACE(i);
-    EXPECT_EQ(texts[i], std::string(key.data(), key.length()));
-    EXPECT_NE(texts[i].data(), key.data());
-    EXPECT_EQ(djb2_hash(texts[i].data(), texts[i].size()), key.hash());
-    EXPECT_TRUE(key.isPermanent());
-    ++i;
+  for (size_t i = 0; i < texts.size(); ++i) {
+    const HashedStrReference& key = *(vec.begin() + i);
+    EXPECT_EQ(texts[i], std::string(key.data(), key.length())) << i;
+    EXPECT_EQ(djb2_hash(texts[i].data(), texts[i].size()), key.hash()) << i;
+    EXPECT_TRUE(key.isPermanent() && key.data() != texts[i].data()) << i;
   }
   vec._freeMem();
   EXPECT_TRUE(vec.empty());
@@ -264,45 +201,29 @@ TEST(HashedStrVector, OwnsCopiesInOrder) {
 TEST(HashedStrMapKeyGenerator, SameTextGivesSameKey) {
   HashedStrMapKeyGenerator gen;
   const HashedStr& a = gen.get("source");
-  const HashedStr& b = gen.get("source", 6);
-  const HashedStr& c = gen.get("source", 6, djb2_hash("source"));
-  const HashedStr& d = gen.get("sourcetype");
-  EXPECT_EQ(&a, &b);
-  EXPECT_EQ(&a, &c);
-  EXPECT_NE(&a, &d);
+  EXPECT_EQ(&a, &gen.get("source", 6));
+  EXPECT_EQ(&a, &gen.get("source", 6, djb2_hash("source")));
   EXPECT_TRUE(a.isPermanent());
   EXPECT_TRUE(a == "source");
-  EXPECT_EQ(2u, gen.size());
-}
-
-TEST(HashedStrMapKeyGenerator, CollidingTextsGetTheirOwnKeys) {
-  HashedStrMapKeyGenerator gen;
+  // Texts forced onto one hash get keys of their own.
   const HashedStr& abc = gen.get("abc", 3, 42);
   const HashedStr& xyz = gen.get("xyz", 3, 42);
-  const HashedStr& ab = gen.get("ab", 2, 42);
   EXPECT_NE(&abc, &xyz);
-  EXPECT_NE(&abc, &ab);
+  EXPECT_NE(&abc, &gen.get("ab", 2, 42));
   EXPECT_EQ(&xyz, &gen.get("xyz", 3, 42));
   EXPECT_EQ(&abc, &gen.get("abc", 3, 42));
-  EXPECT_EQ(3u, gen.size());
-}
-
-TEST(HashedStrMapKeyGenerator, RandomTextsMapOneToOne) {
+  EXPECT_EQ(4u, gen.size());
+  // Random short texts over few letters, so that many repeat.
   std::mt19937 rng(99);
-  HashedStrMapKeyGenerator gen;
-  std::map<std::string, const HashedStr*> seen;
+  std::map<std::string, const HashedStr*> seen = {{"source", &a}};
   for (int i = 0; i < 3000; ++i) {
-    // Short texts over few letters, so that many repeat.
-    std::string text(rng() % 4, 'a');
-    for (char& ch : text) ch = static_cast<char>('a' + rng() % 3);
+    const std::string text = randomText(rng, "abc", 3);
     const HashedStr& key = gen.get(text.data(), text.size());
     EXPECT_EQ(text, std::string(key.data(), key.length()));
     auto [it, fresh] = seen.emplace(text, &key);
-    if (!fresh) {
-      EXPECT_EQ(it->second, &key) << text;
-    }
+    EXPECT_TRUE(fresh || it->second == &key) << text;
   }
-  EXPECT_EQ(seen.size(), gen.size());
+  EXPECT_EQ(seen.size() + 3, gen.size());  // plus the three keys under hash 42
   gen.free_all();
   EXPECT_EQ(0u, gen.size());
   EXPECT_TRUE(gen.get("fresh") == "fresh");
@@ -315,8 +236,7 @@ TEST(StrFromHashedKey, BuildsAndEdits) {
   Str s("ab");
   s.append(key);
   EXPECT_EQ(std::string("abx\0y", 5), s);
-  s.prepend(key);
-  EXPECT_EQ(std::string("x\0yabx\0y", 8), s);
+  EXPECT_EQ(std::string("x\0yabx\0y", 8), s.prepend(key));
   s.assign(key);
   EXPECT_EQ(std::string("x\0y", 3), s);
   s.assign(HashedStr::EMPTY_STR);

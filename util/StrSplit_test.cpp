@@ -12,6 +12,7 @@
 #include "util/Str.h"
 #include "util/StrSegment.h"
 #include "util/StrVector.h"
+#include "util/testing/TestText.h"
 
 namespace {
 
@@ -25,21 +26,16 @@ class Recorder : public StrSegmentTokenAcceptor {
   Tokens tokens;
 };
 
-Tokens toTokens(const StrVector& v) { return Tokens(v.begin(), v.end()); }
-Tokens toTokens(const StrSegmentVector& v) {
+template <class Vec>
+Tokens toTokens(const Vec& v) {
   Tokens out;
-  for (const StrSegment& s : v) out.emplace_back(s.data(), s.size());
+  for (const auto& s : v) out.emplace_back(s.data(), s.size());
   return out;
 }
 
-std::string show(const Tokens& t) {
-  std::string out = "[";
-  for (const std::string& s : t) out += "\"" + s + "\" ";
-  return out + "]";
-}
-
 struct SplitCase {
-  const char* text;
+  std::string text;
+  const char* delim;  // also as a char and a class when it is one byte long
   size_t maxsplits;
   Tokens expected;
 };
@@ -63,7 +59,7 @@ void checkSplit(const SplitCase& c, const Delim& d, bool nonEmpty) {
     seg.splitInto(sv, d, c.maxsplits);
     Str(c.text).splitInto(viaStr, d, c.maxsplits);
   }
-  EXPECT_EQ(c.expected, r.tokens) << show(r.tokens);
+  EXPECT_EQ(c.expected, r.tokens);
   EXPECT_EQ(c.expected, toTokens(v));
   EXPECT_EQ(c.expected, toTokens(sv));
   EXPECT_EQ(c.expected, toTokens(viaStr));
@@ -73,158 +69,77 @@ void checkSplit(const SplitCase& c, const Delim& d, bool nonEmpty) {
   }
 }
 
-std::string trace(const SplitCase& c) {
-  return std::string("text=\"") + c.text + "\" maxsplits=" +
-         (c.maxsplits == npos ? std::string("npos") : std::to_string(c.maxsplits));
-}
-
-TEST(StrSplit, SplitBySingleByteKeepsEmptyTokens) {
-  const SplitCase kCases[] = {
-      {"", npos, {}},  // no token at all
-      {"", 0, {}},
-      {"abc", npos, {"abc"}},
-      {"a,b,c", npos, {"a", "b", "c"}},
-      {"a,", npos, {"a", ""}},
-      {",a", npos, {"", "a"}},
-      {",", npos, {"", ""}},
-      {",,", npos, {"", "", ""}},
-      {"a,,b", npos, {"a", "", "b"}},
-      {"a,b,c", 0, {"a,b,c"}},  // 0 means no split, not unlimited
-      {"a,b,c", 1, {"a", "b,c"}},
-      {"a,b,c", 2, {"a", "b", "c"}},
-      {"a,b,c", 3, {"a", "b", "c"}},
-      {"a,b,c,", 2, {"a", "b", "c,"}},  // the remainder keeps its delimiters
-      {",,a", 1, {"", ",a"}},
-      {"a,", 1, {"a", ""}},
-      {"a,,", 1, {"a", ","}},
-  };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(trace(c));
-    checkSplit(c, ',', false);
-    checkSplit(c, ",", false);
-    checkSplit(c, StrSegment(","), false);
-    checkSplit(c, CharacterClass(","), false);
+void checkEveryDelimiterForm(const SplitCase& c, bool nonEmpty) {
+  SCOPED_TRACE(printable(c.text) + " by \"" + printable(c.delim) + "\" maxsplits=" +
+               (c.maxsplits == npos ? std::string("npos") : std::to_string(c.maxsplits)));
+  checkSplit(c, c.delim, nonEmpty);
+  checkSplit(c, StrSegment(c.delim), nonEmpty);
+  if (strlen(c.delim) == 1) {
+    checkSplit(c, c.delim[0], nonEmpty);
+    checkSplit(c, CharacterClass(c.delim), nonEmpty);
   }
 }
 
-TEST(StrSplit, SplitByClassTakesAnyMember) {
+TEST(StrSplit, SplitKeepsEmptyTokens) {
   const SplitCase kCases[] = {
-      {"a,b;c", npos, {"a", "b", "c"}},
-      {"a,;b", npos, {"a", "", "b"}},  // each member byte is one delimiter
-      {";a,", npos, {"", "a", ""}},
-      {"a,b;c", 1, {"a", "b;c"}},
-      {"a;,b", 1, {"a", ",b"}},
-      {"a;,b", 0, {"a;,b"}},
-      {"abc", npos, {"abc"}},
+      {"", ",", npos, {}}, {"", ",", 0, {}},  // no token at all
+      {"a,b,c", ",", 0, {"a,b,c"}},  // 0 means no split, not unlimited
+      {"a,b,c,", ",", 2, {"a", "b", "c,"}},  // the remainder keeps its delimiters
+      {"abc", ",", npos, {"abc"}}, {"a,b,c", ",", npos, {"a", "b", "c"}},
+      {"a,", ",", npos, {"a", ""}}, {",a", ",", npos, {"", "a"}}, {",", ",", npos, {"", ""}},
+      {"a,,b", ",", npos, {"a", "", "b"}}, {"a,b,c", ",", 1, {"a", "b,c"}},
+      {"a,b,c", ",", 3, {"a", "b", "c"}}, {"a,", ",", 1, {"a", ""}},
+      {"x\xffy", "\xff", npos, {"x", "y"}},
+      // A longer delimiter is matched where it first fits, then scanning
+      // goes on past it.
+      {"a---b", "--", npos, {"a", "-b"}}, {"a----b", "--", npos, {"a", "", "b"}},
+      {"-", "--", npos, {"-"}},  // shorter than the delimiter
+      {"ab-", "--", npos, {"ab-"}},  // a partial match at the very end
+      {"a--b--c", "--", npos, {"a", "b", "c"}}, {"a--", "--", npos, {"a", ""}},
+      {"a--b--c", "--", 1, {"a", "b--c"}}, {"a--b--c", "--", 0, {"a--b--c"}},
+      // An empty delimiter gives one token per byte.
+      {"abc", "", npos, {"a", "b", "c"}}, {"abc", "", 1, {"a", "bc"}}, {"abc", "", 0, {"abc"}},
+      {"", "", npos, {}},
   };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(trace(c));
-    checkSplit(c, CharacterClass(",;"), false);
-  }
-}
-
-TEST(StrSplit, SplitByLongerDelimiterScansPastEachMatch) {
-  const SplitCase kCases[] = {
-      {"a--b--c", npos, {"a", "b", "c"}},
-      {"a---b", npos, {"a", "-b"}},  // matched at the first fit, then past it
-      {"a----b", npos, {"a", "", "b"}},
-      {"--", npos, {"", ""}},
-      {"a--", npos, {"a", ""}},
-      {"a-b", npos, {"a-b"}},
-      {"-", npos, {"-"}},  // shorter than the delimiter
-      {"a--b--c", 1, {"a", "b--c"}},
-      {"a--b--c", 0, {"a--b--c"}},
-      {"ab-", npos, {"ab-"}},  // a partial match at the very end
+  for (const auto& c : kCases) checkEveryDelimiterForm(c, false);
+  // Each member byte of a class is one delimiter.
+  const SplitCase kClassCases[] = {
+      {"a,;b", ",;", npos, {"a", "", "b"}}, {";a,", ",;", npos, {"", "a", ""}},
+      {"a;,b", ",;", 1, {"a", ",b"}},
   };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(trace(c));
-    checkSplit(c, "--", false);
-    checkSplit(c, StrSegment("--"), false);
+  for (const auto& c : kClassCases) {
+    SCOPED_TRACE(c.text);
+    checkSplit(c, CharacterClass(c.delim), false);
   }
-}
-
-TEST(StrSplit, EmptyDelimiterGivesOneTokenPerByte) {
-  const SplitCase kCases[] = {
-      {"abc", npos, {"a", "b", "c"}},
-      {"abc", 1, {"a", "bc"}},
-      {"abc", 2, {"a", "b", "c"}},
-      {"abc", 0, {"abc"}},
-      {"a", npos, {"a"}},
-      {"", npos, {}},
-  };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(trace(c));
-    checkSplit(c, "", false);
-    checkSplit(c, StrSegment(), false);
-  }
-}
-
-TEST(StrSplit, DelimiterMayBeNulOrHighByte) {
-  const std::string text("a\0b\0", 4);
-  StrVector v;
-  StrSegment(text).splitInto(v, '\0');
-  EXPECT_EQ((Tokens{"a", "b", ""}), toTokens(v));
-  StrVector w;
-  StrSegment("x\xffy").splitInto(w, '\xff');
-  EXPECT_EQ((Tokens{"x", "y"}), toTokens(w));
-  StrVector z;
-  StrSegment("x\xffy").splitInto(z, CharacterClass("\xff"));
-  EXPECT_EQ((Tokens{"x", "y"}), toTokens(z));
+  checkSplit({std::string("a\0b\0", 4), "", npos, {"a", "b", ""}}, '\0', false);
 }
 
 TEST(StrSplit, SplitNonEmptySkipsRunsOfDelimiters) {
   const SplitCase kCases[] = {
-      {"", npos, {}},
-      {",,,", npos, {}},
-      {",,a,,b,,", npos, {"a", "b"}},
-      {"a,b", npos, {"a", "b"}},
-      {"a", npos, {"a"}},
-      {"a,b,c", 0, {"a,b,c"}},
-      {"a,b,c", 1, {"a", "b,c"}},
-      {"a,,,b,,c,,", 1, {"a", "b,,c,,"}},  // remainder: leading run skipped, the rest kept
-      {"a,,,", 1, {"a"}},                  // a remainder of delimiters only is no token
-      {"a,,b", 0, {"a,,b"}},
-      {"a,b,c", 10, {"a", "b", "c"}},
+      {"a,,,b,,c,,", ",", 1, {"a", "b,,c,,"}},  // remainder: leading run skipped, the rest kept
+      {"a,,,", ",", 1, {"a"}},                  // a remainder of delimiters only is no token
+      {"", ",", npos, {}}, {",,,", ",", npos, {}}, {",,a,,b,,", ",", npos, {"a", "b"}},
+      {"a,b,c", ",", 0, {"a,b,c"}}, {"a,b,c", ",", 1, {"a", "b,c"}}, {"a,,b", ",", 0, {"a,,b"}},
+      {"a,b,c", ",", 10, {"a", "b", "c"}}, {"--a----b--", "--", npos, {"a", "b"}},
+      {"a---b", "--", npos, {"a", "-b"}}, {"a--b--c", "--", 1, {"a", "b--c"}},
+      {"----", "--", npos, {}},
   };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(trace(c));
-    checkSplit(c, ',', true);
-    checkSplit(c, ",", true);
-    checkSplit(c, StrSegment(","), true);
-    checkSplit(c, CharacterClass(","), true);
-  }
-}
-
-TEST(StrSplit, SplitNonEmptyByClassAndLongerDelimiter) {
-  const SplitCase kClass[] = {
-      {" ,a, ,b ", npos, {"a", "b"}},
-      {"a, ,b, c", 1, {"a", "b, c"}},
+  for (const auto& c : kCases) checkEveryDelimiterForm(c, true);
+  const SplitCase kClassCases[] = {
+      {" ,a, ,b ", " ,", npos, {"a", "b"}}, {"a, ,b, c", " ,", 1, {"a", "b, c"}},
   };
-  for (const auto& c : kClass) {
-    SCOPED_TRACE(trace(c));
+  for (const auto& c : kClassCases) {
+    SCOPED_TRACE(c.text);
     checkSplit(c, CharacterClass::COMMA_OR_SPACE, true);
-  }
-  const SplitCase kLonger[] = {
-      {"--a----b--", npos, {"a", "b"}},
-      {"a---b", npos, {"a", "-b"}},
-      {"a--b--c", 1, {"a", "b--c"}},
-      {"----", npos, {}},
-  };
-  for (const auto& c : kLonger) {
-    SCOPED_TRACE(trace(c));
-    checkSplit(c, "--", true);
-    checkSplit(c, StrSegment("--"), true);
   }
 }
 
 TEST(StrSplit, VectorsAreAppendedToNotCleared) {
-  StrVector v;
-  v.append("old");
+  StrVector v{"old"};
   StrSegment("a,b").splitInto(v, ',');
   StrSegment(",c,").splitNonEmptyInto(v, ',');
   StrSegment("d\ne").splitlinesInto(v);
   EXPECT_EQ((Tokens{"old", "a", "b", "c", "d", "e"}), toTokens(v));
-
   StrSegmentVector sv;
   sv.append("old");
   StrSegment("a,b").splitInto(sv, ',');
@@ -234,27 +149,17 @@ TEST(StrSplit, VectorsAreAppendedToNotCleared) {
 
 TEST(StrSplit, SplitlinesEndsTokensAtLineFeeds) {
   const struct { std::string text; Tokens expected; } kCases[] = {
-      {"", {}},
-      {"a", {"a"}},  // no trailing line feed
-      {"a\n", {"a"}},
-      {"a\nb", {"a", "b"}},
       {"a\r\nb\r", {"a", "b\r"}},  // only a line feed strips a carriage return
       {"\r\n", {"\r"}},  // the carriage return is the whole line, so it stays
-      {"\n", {""}},
-      {"\n\n", {"", ""}},
-      {"a\n\nb", {"a", "", "b"}},
-      {"\na", {"", "a"}},
-      {"a\r\r\n", {"a\r"}},
-      {"a\rb\n", {"a\rb"}},
-      {"a\r\n\r\n", {"a", "\r"}},
-      {"\r", {"\r"}},
+      {"", {}}, {"a", {"a"}}, {"a\n", {"a"}}, {"\n\n", {"", ""}}, {"\na", {"", "a"}},
+      {"a\r\r\n", {"a\r"}}, {"a\rb\n", {"a\rb"}}, {"a\r\n\r\n", {"a", "\r"}},
       {std::string("a\0\nb", 4), {std::string("a\0", 2), "b"}},
   };
   for (const auto& c : kCases) {
-    SCOPED_TRACE(c.text);
+    SCOPED_TRACE(printable(c.text));
     Recorder r;
     StrSegment(c.text).splitlines(r);
-    EXPECT_EQ(c.expected, r.tokens) << show(r.tokens);
+    EXPECT_EQ(c.expected, r.tokens);
     StrVector v;
     StrSegment(c.text).splitlinesInto(v);
     EXPECT_EQ(c.expected, toTokens(v));
@@ -263,14 +168,6 @@ TEST(StrSplit, SplitlinesEndsTokensAtLineFeeds) {
     owner.splitlinesInto(sv);
     EXPECT_EQ(c.expected, toTokens(sv));
   }
-}
-
-std::string randomOver(std::mt19937& rng, const char* alphabet, size_t maxLen) {
-  const size_t n = 1 + rng() % maxLen;  // never empty
-  const size_t k = strlen(alphabet);
-  std::string s;
-  for (size_t i = 0; i < n; ++i) s.push_back(alphabet[rng() % k]);
-  return s;
 }
 
 std::string join(const Tokens& t, const std::string& sep) {
@@ -282,13 +179,12 @@ std::string join(const Tokens& t, const std::string& sep) {
 TEST(StrSplit, SplitThenJoinGivesTheTextBack) {
   std::mt19937 rng(7);
   for (int i = 0; i < 2000; ++i) {
-    const std::string text = randomOver(rng, "ab,-", 12);
+    const std::string text = randomText(rng, "ab,-", 12, 1);
     SCOPED_TRACE(text);
+    const size_t commas = std::count(text.begin(), text.end(), ',');
     StrVector byChar;
     StrSegment(text).splitInto(byChar, ',');
     EXPECT_EQ(text, join(toTokens(byChar), ","));
-    size_t commas = 0;
-    for (char ch : text) commas += ch == ',';
     EXPECT_EQ(commas + 1, byChar.size());
 
     StrVector byPair;
@@ -305,23 +201,15 @@ TEST(StrSplit, SplitThenJoinGivesTheTextBack) {
 
     StrVector nonEmpty;
     StrSegment(text).splitNonEmptyInto(nonEmpty, ',');
-    Tokens kept;
-    for (const std::string& t : toTokens(byChar)) {
-      if (!t.empty()) kept.push_back(t);
-    }
+    Tokens kept = toTokens(byChar);
+    kept.erase(std::remove(kept.begin(), kept.end(), ""), kept.end());
     EXPECT_EQ(kept, toTokens(nonEmpty));
-  }
-}
 
-TEST(StrSplit, SplitlinesThenJoinGivesTheTextBack) {
-  std::mt19937 rng(8);
-  for (int i = 0; i < 2000; ++i) {
     // Ending on "x" keeps every tail non-empty and free of a carriage return.
-    const std::string text = randomOver(rng, "a\n", 10) + "x";
-    SCOPED_TRACE(text);
-    StrVector lines;
-    StrSegment(text).splitlinesInto(lines);
-    EXPECT_EQ(text, join(toTokens(lines), "\n"));
+    const std::string lines = randomText(rng, "a\n", 10, 1) + "x";
+    StrVector split;
+    StrSegment(lines).splitlinesInto(split);
+    EXPECT_EQ(lines, join(toTokens(split), "\n")) << printable(lines);
   }
 }
 

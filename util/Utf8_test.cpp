@@ -1,10 +1,8 @@
 #include "util/Utf8.h"
 
-#include <clocale>
-#include <cstdio>
-#include <cstring>
+#include <algorithm>
+#include <cstdlib>
 #include <cwchar>
-#include <locale.h>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -15,20 +13,12 @@
 
 #include "util/Str.h"
 #include "util/StrSegment.h"
+#include "util/testing/TestText.h"
+#include "util/testing/ThrownText.h"
 
 using namespace std::string_view_literals;
 
 namespace {
-
-std::string hex(std::string_view s) {
-  std::string out;
-  char buf[4];
-  for (unsigned char c : s) {
-    snprintf(buf, sizeof buf, "%02X ", c);
-    out += buf;
-  }
-  return out;
-}
 
 bool isCont(unsigned char c) { return c >= 0x80 && c <= 0xBF; }
 
@@ -36,30 +26,17 @@ bool isCont(unsigned char c) { return c >= 0x80 && c <= 0xBF; }
 // code point from the bit pattern, then refuse overlong forms, surrogates
 // and values past U+10FFFF. Knows nothing of the validator's gap.
 bool strictValid(std::string_view s) {
-  size_t i = 0;
-  while (i < s.size()) {
+  for (size_t i = 0; i < s.size();) {
     const unsigned char c = s[i];
-    size_t n;
-    uint32_t cp;
-    uint32_t min;
-    if (c < 0x80) {
-      ++i;
-      continue;
-    } else if ((c & 0xE0) == 0xC0) {
-      n = 2, cp = c & 0x1F, min = 0x80;
-    } else if ((c & 0xF0) == 0xE0) {
-      n = 3, cp = c & 0x0F, min = 0x800;
-    } else if ((c & 0xF8) == 0xF0) {
-      n = 4, cp = c & 0x07, min = 0x10000;
-    } else {
-      return false;
-    }
-    if (s.size() - i < n) return false;
+    const size_t n = c < 0x80 ? 1 : c >> 5 == 6 ? 2 : c >> 4 == 14 ? 3 : c >> 3 == 30 ? 4 : 0;
+    if (n == 0 || s.size() - i < n) return false;
+    uint32_t cp = n == 1 ? c : c & (0x7F >> n);
     for (size_t k = 1; k < n; ++k) {
       if (!isCont(s[i + k])) return false;
       cp = (cp << 6) | (s[i + k] & 0x3F);
     }
-    if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
+    const uint32_t kMin[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (cp < kMin[n] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
     i += n;
   }
   return true;
@@ -71,18 +48,17 @@ bool strictValid(std::string_view s) {
 // the smallest continuation byte the lead allows must turn a text the
 // validator accepts into one the strict decoder accepts.
 std::string closeGap(std::string s) {
-  size_t i = 0;
-  while (i < s.size()) {
+  for (size_t i = 0; i < s.size(); ++i) {
     const unsigned char c = s[i];
-    if (c >= 0xF0 && c <= 0xF4 && s.size() - i >= 4 && !isCont(s[i + 1]) && isCont(s[i + 2]) &&
-        isCont(s[i + 3])) {
-      const unsigned char second = s[i + 1];
-      const bool inBound = c == 0xF0 ? second > 0x8F : c == 0xF4 ? second <= 0x8F : true;
-      if (inBound) s[i + 1] = static_cast<char>(c == 0xF0 ? 0x90 : 0x80);
-      i += 4;
-    } else {
-      ++i;
+    if (c < 0xF0 || c > 0xF4 || s.size() - i < 4 || isCont(s[i + 1]) || !isCont(s[i + 2]) ||
+        !isCont(s[i + 3])) {
+      continue;
     }
+    const unsigned char second = s[i + 1];
+    if (c == 0xF0 ? second > 0x8F : c == 0xF4 ? second <= 0x8F : true) {
+      s[i + 1] = static_cast<char>(c == 0xF0 ? 0x90 : 0x80);
+    }
+    i += 3;
   }
   return s;
 }
@@ -90,72 +66,36 @@ std::string closeGap(std::string s) {
 void expectAgreesWithReference(const std::string& s) {
   const bool got = mem_is_valid_utf8(s.data(), s.size());
   const bool want = strictValid(closeGap(s));
-  ASSERT_EQ(want, got) << hex(s);
+  ASSERT_EQ(want, got) << printable(s);
 }
 
-TEST(Utf8Validate, AcceptsEveryBoundaryAndTheGap) {
-  const struct {
-    std::string_view text;
-    const char* why;
-  } kCases[] = {
-      {""sv, "empty"},
-      {"\x00"sv, "NUL is a character"},
-      {"\x7F"sv, "last one-byte"},
-      {"\xC2\x80"sv, "first two-byte"},
-      {"\xDF\xBF"sv, "last two-byte"},
-      {"\xE0\xA0\x80"sv, "first three-byte"},
-      {"\xED\x9F\xBF"sv, "last below the surrogates"},
-      {"\xEE\x80\x80"sv, "first above the surrogates"},
-      {"\xEF\xBF\xBF"sv, "last three-byte"},
-      {"\xF0\x90\x80\x80"sv, "first four-byte"},
-      {"\xF4\x8F\xBF\xBF"sv, "U+10FFFF"},
-      {"a\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80z"sv, "one of each length"},
-      {"\xF1\x41\x80\x80"sv, "gap: F1 with an ASCII second byte"},
-      {"\xF3\xFF\x80\x80"sv, "gap: F3 with FF second"},
-      {"\xF2\x00\xBF\xBF"sv, "gap: F2 with NUL second"},
-      {"\xF0\xC0\x80\x80"sv, "gap: F0 second above 8F but not a continuation"},
-      {"\xF4\x00\x80\x80"sv, "gap: F4 second at most 8F but not a continuation"},
-  };
-  for (const auto& c : kCases) {
-    EXPECT_TRUE(mem_is_valid_utf8(c.text.data(), c.text.size())) << c.why << ": " << hex(c.text);
+// The outside check of the reference above, at the bounds the rules name.
+TEST(Utf8Validate, AcceptsEachBoundaryAndTheGapAndRejectsEachViolation) {
+  for (std::string_view text : {
+           ""sv, "\x00\x7F"sv,
+           "\xC2\x80"sv, "\xDF\xBF"sv,  // first and last two-byte
+           "\xE0\xA0\x80"sv, "\xED\x9F\xBF"sv, "\xEE\x80\x80"sv, "\xEF\xBF\xBF"sv,
+           "\xF0\x90\x80\x80"sv, "\xF4\x8F\xBF\xBF"sv,  // first four-byte, U+10FFFF
+           "\xF1\x41\x80\x80"sv, "\xF3\xFF\x80\x80"sv,  // the gap: any second byte after F1-F3
+           "\xF0\xC0\x80\x80"sv,  // F0 needs only a second byte above 8F
+           "\xF4\x00\x80\x80"sv,  // F4 only one at most 8F
+       }) {
+    EXPECT_TRUE(mem_is_valid_utf8(text.data(), text.size())) << printable(text);
   }
-}
-
-TEST(Utf8Validate, RejectsEachViolation) {
-  const struct {
-    std::string_view text;
-    const char* why;
-  } kCases[] = {
-      {"\x80"sv, "continuation as lead"},
-      {"\xBF"sv, "continuation as lead"},
-      {"\xC0\x80"sv, "overlong lead C0"},
-      {"\xC1\xBF"sv, "overlong lead C1"},
-      {"\xC2"sv, "cut off"},
-      {"a\xC3"sv, "cut off at the end"},
-      {"\xC2\x7F"sv, "second below 80"},
-      {"\xC2\xC0"sv, "second above BF"},
-      {"\xE0\x9F\xBF"sv, "overlong after E0"},
-      {"\xED\xA0\x80"sv, "surrogate"},
-      {"\xED\xBF\xBF"sv, "last surrogate"},
-      {"\xE1\x80"sv, "three-byte cut off"},
-      {"\xE1\x41\x80"sv, "three-byte second not continuation"},
-      {"\xE1\x80\x41"sv, "three-byte third not continuation"},
-      {"\xF0\x8F\xBF\xBF"sv, "overlong after F0"},
-      {"\xF4\x90\x80\x80"sv, "past U+10FFFF"},
-      {"\xF1\x80\x80"sv, "four-byte cut off"},
-      {"\xF1\x41\x41\x80"sv, "gap does not reach the third byte"},
-      {"\xF1\x80\x80\x41"sv, "fourth not continuation"},
-      {"\xF5\x80\x80\x80"sv, "lead F5"},
-      {"\xFF"sv, "lead FF"},
-      {"abc\xE2\x82"sv, "cut off after good text"},
-  };
-  for (const auto& c : kCases) {
-    EXPECT_FALSE(mem_is_valid_utf8(c.text.data(), c.text.size())) << c.why << ": " << hex(c.text);
+  for (std::string_view text : {
+           "\x80"sv, "\xC1\xBF"sv, "\xF5\x80\x80\x80"sv,  // no lead byte
+           "a\xC3"sv, "\xE1\x80"sv, "\xF1\x80\x80"sv,        // cut off
+           "\xC2\x7F"sv, "\xC2\xC0"sv, "\xE1\x41\x80"sv, "\xE1\x80\x41"sv,
+           "\xE0\x9F\xBF"sv, "\xF0\x8F\xBF\xBF"sv,  // overlong
+           "\xED\xA0\x80"sv,                          // surrogate
+           "\xF4\x90\x80\x80"sv,                      // past U+10FFFF
+           "\xF1\x41\x41\x80"sv, "\xF1\x80\x80\x41"sv,  // the gap ends at the second byte
+       }) {
+    EXPECT_FALSE(mem_is_valid_utf8(text.data(), text.size())) << printable(text);
   }
 }
 
 TEST(Utf8Validate, AgreesWithStrictDecoderOnAllShortSequences) {
-  std::string s;
   for (int a = 0; a < 256; ++a) {
     expectAgreesWithReference(std::string(1, static_cast<char>(a)));
     for (int b = 0; b < 256; ++b) {
@@ -184,22 +124,15 @@ TEST(Utf8Validate, AgreesWithStrictDecoderOnAllShortSequences) {
 
 TEST(Utf8Validate, AgreesWithStrictDecoderOnRandomText) {
   // Bytes at and around every boundary the rules name.
-  const unsigned char kBytes[] = {0x00, 0x41, 0x7F, 0x80, 0x8F, 0x90, 0x9F, 0xA0, 0xBF, 0xC0, 0xC1,
-                                  0xC2, 0xDF, 0xE0, 0xE1, 0xED, 0xEF, 0xF0, 0xF1, 0xF3, 0xF4, 0xF5,
-                                  0xFF};
+  const std::string_view kBytes = "\x00\x41\x7F\x80\x8F\x90\x9F\xA0\xBF\xC0\xC1\xC2"
+                                   "\xDF\xE0\xE1\xED\xEF\xF0\xF1\xF3\xF4\xF5\xFF"sv;
   std::mt19937 rng(20240611);
-  for (int round = 0; round < 100000; ++round) {
-    std::string s(rng() % 12, '\0');
-    for (char& c : s) c = static_cast<char>(kBytes[rng() % sizeof kBytes]);
-    expectAgreesWithReference(s);
-  }
+  for (int i = 0; i < 100000; ++i) expectAgreesWithReference(randomText(rng, kBytes, 11));
 }
 
 TEST(Utf8Step, LeadByteAloneDecidesLength) {
-  const struct {
-    int lo, hi;
-    size_t len;
-  } kRanges[] = {{0x00, 0x7F, 1}, {0x80, 0xDF, 2}, {0xE0, 0xEF, 3}, {0xF0, 0xF4, 4}, {0xF5, 0xFF, 1}};
+  const struct { int lo, hi; size_t len; } kRanges[] = {
+      {0x00, 0x7F, 1}, {0x80, 0xDF, 2}, {0xE0, 0xEF, 3}, {0xF0, 0xF4, 4}, {0xF5, 0xFF, 1}};
   int covered = 0;
   for (const auto& r : kRanges) {
     for (int b = r.lo; b <= r.hi; ++b, ++covered) {
@@ -210,99 +143,53 @@ TEST(Utf8Step, LeadByteAloneDecidesLength) {
 }
 
 TEST(Utf8Step, LenCountsByLeadBytes) {
-  const struct {
-    std::string_view text;
-    size_t chars;
-  } kCases[] = {
-      {""sv, 0},
-      {"abc"sv, 3},
-      {"\xC3\xA4"sv, 1},
-      {"a\xE2\x82\xAC"sv "b"sv, 3},
-      {"\xF0\x9F\x98\x80"sv, 1},
-      {"\x80\x80"sv, 1},        // a stray continuation byte steps like a two-byte lead
-      {"\xFF\xFF"sv, 2},        // F5 and up step one
-      {"\xE2\x82"sv, 1},        // cut off: still one character
-      {"a\xF0"sv, 2},
-      {"a\x00" "b"sv, 3},
+  const struct { std::string_view text; size_t chars; } kCases[] = {
+      {""sv, 0}, {"a\x00\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80"sv, 5},
+      {"\x80\x80"sv, 1},  // a stray continuation byte steps like a two-byte lead
+      {"\xFF\xFF"sv, 2},  // F5 and up step one
+      {"a\xE2\x82"sv, 2},  // cut off: still one character
   };
   for (const auto& c : kCases) {
-    EXPECT_EQ(c.chars, StrSegment(c.text).len_utf8()) << hex(c.text);
+    EXPECT_EQ(c.chars, StrSegment(c.text).len_utf8()) << printable(c.text);
   }
 }
 
-// The C library's multibyte functions in a UTF-8 locale, on this thread only.
-class Utf8Locale {
- public:
-  Utf8Locale() : _loc(newlocale(LC_ALL_MASK, "C.UTF-8", nullptr)) {
-    if (_loc != nullptr) _old = uselocale(_loc);
-  }
-  ~Utf8Locale() {
-    if (_loc == nullptr) return;
-    uselocale(_old);
-    freelocale(_loc);
-  }
-  bool ok() const { return _loc != nullptr; }
-
- private:
-  locale_t _loc;
-  locale_t _old = nullptr;
-};
-
 TEST(Utf8Step, LenMatchesMultibyteCountOnValidText) {
-  Utf8Locale loc;
+  ScopedUtf8Locale loc;
   if (!loc.ok()) GTEST_SKIP() << "no C.UTF-8 locale";
   std::mt19937 rng(7);
-  utf8_character_buffer buf;
   for (int round = 0; round < 2000; ++round) {
     std::string s;
-    const size_t n = rng() % 20;
-    for (size_t k = 0; k < n; ++k) {
+    for (size_t k = rng() % 20; k > 0; --k) {
       const uint32_t kTops[] = {0x80, 0x800, 0x10000, 0x110000};
-      uint32_t cp = rng() % kTops[rng() % 4];
-      if (cp >= 0xD800 && cp <= 0xDFFF) cp = 'x';
-      if (cp < 0x80) {
-        s.push_back(static_cast<char>(cp == 0 ? 'y' : cp));
-      } else {
-        s.append(buf.data(), buf._set(cp));
-      }
+      const uint32_t cp = rng() % kTops[rng() % 4];
+      s += (cp >= 0xD800 && cp <= 0xDFFF) || cp == 0 ? "x" : encodeUtf8(cp);
     }
-    EXPECT_EQ(mbstowcs(nullptr, s.c_str(), 0), StrSegment(s).len_utf8()) << hex(s);
+    EXPECT_EQ(mbstowcs(nullptr, s.c_str(), 0), StrSegment(s).len_utf8()) << printable(s);
   }
 }
 
 TEST(Utf8Truncate, AwareTruncateBacksOffContinuationBytes) {
-  const struct {
-    std::string_view text;
-    size_t n;
-    size_t len;
-  } kCases[] = {
-      {"abc"sv, 5, 3},  // short enough: untouched
-      {"abc"sv, 3, 3},
+  const struct { std::string_view text; size_t n; size_t len; } kCases[] = {
+      {"abc"sv, 5, 3}, {"abc"sv, 3, 3},  // short enough: untouched
       {"abc"sv, 2, 2},
-      {"a\xC3\xA4"sv, 2, 1},                    // cut inside the two-byte character
-      {"\xC3\xA4"sv, 1, 0},
-      {"\xC3\xA4\xE2\x82\xAC"sv, 3, 2},         // before the euro sign
-      {"\xC3\xA4\xE2\x82\xAC"sv, 4, 2},
-      {"\xE2\x82\xAC" "x"sv, 3, 3},             // exactly at a boundary
-      {"\x80\x80\x80"sv, 2, 0},                 // never below 0
-      {"\xF0\x9F\x98\x80"sv, 0, 0},
+      {"\xC3\xA4\xE2\x82\xAC"sv, 4, 2},  // inside the euro sign: back to its lead
+      {"\xE2\x82\xAC" "x"sv, 3, 3},         // exactly at a boundary
+      {"\x80\x80\x80"sv, 2, 0},             // never below 0
   };
   for (const auto& c : kCases) {
     StrSegment seg(c.text);
-    EXPECT_EQ(c.len, seg.utf8_aware_truncate(c.n)) << hex(c.text) << " n=" << c.n;
-    EXPECT_EQ(c.len, seg.size()) << hex(c.text) << " n=" << c.n;
+    EXPECT_EQ(c.len, seg.utf8_aware_truncate(c.n)) << printable(c.text) << " n=" << c.n;
+    EXPECT_EQ(c.len, seg.size()) << printable(c.text) << " n=" << c.n;
     EXPECT_EQ(c.text.data(), seg.data());
   }
-}
-
-TEST(Utf8Truncate, AwareTruncateOfValidTextStaysValidAndMaximal) {
+  // On valid text every cut is valid and no longer valid prefix fits.
   const std::string text = "a\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80z\xC3\x9F";
   for (size_t n = 0; n <= text.size() + 1; ++n) {
     StrSegment seg(text);
     const size_t len = seg.utf8_aware_truncate(n);
     EXPECT_LE(len, n);
     EXPECT_TRUE(mem_is_valid_utf8(text.data(), len)) << n;
-    // No longer valid prefix fits in n bytes.
     for (size_t longer = len + 1; longer <= std::min(n, text.size()); ++longer) {
       EXPECT_FALSE(mem_is_valid_utf8(text.data(), longer)) << n << " " << longer;
     }
@@ -310,15 +197,9 @@ TEST(Utf8Truncate, AwareTruncateOfValidTextStaysValidAndMaximal) {
 }
 
 TEST(Utf8Truncate, CharacterCountTruncateKeepsFirstCharacters) {
-  const struct {
-    std::string_view text;
-    size_t n;
-    std::string_view want;
-  } kCases[] = {
+  const struct { std::string_view text; size_t n; std::string_view want; } kCases[] = {
       {"a\xC3\xA4\xE2\x82\xAC"sv, 2, "a\xC3\xA4"sv},
-      {"\xC3\xA4\xC3\xB6"sv, 1, "\xC3\xA4"sv},
       {"abc"sv, 5, "abc"sv},                      // byte length within n: untouched
-      {"ab"sv, 2, "ab"sv},
       {"\xC3\xA4" "b"sv, 2, "\xC3\xA4" "b"sv},    // longer than n bytes, but only n characters
       {"\xE2\x82"sv, 1, "\xE2\x82"sv},            // first character overruns: left alone
       {"\xE2\x82\xAC\xE2\x82\xAC"sv, 0, ""sv},
@@ -327,82 +208,57 @@ TEST(Utf8Truncate, CharacterCountTruncateKeepsFirstCharacters) {
   for (const auto& c : kCases) {
     StrSegment seg(c.text);
     seg.utf8_character_count_truncate(c.n);
-    EXPECT_EQ(c.want, seg.view()) << hex(c.text) << " n=" << c.n;
+    EXPECT_EQ(c.want, seg.view()) << printable(c.text) << " n=" << c.n;
   }
 }
 
-TEST(Utf8Substr, TakesCharacters) {
+TEST(Utf8Substr, TakesCharactersAndThrowsWhenSkippingReachesTheEnd) {
   const Str text("a\xC3\xA4\xE2\x82\xAC" "b");
-  const struct {
-    size_t start, count;
-    std::string_view want;
-  } kCases[] = {
-      {0, Str::npos, "a\xC3\xA4\xE2\x82\xAC" "b"sv},
-      {1, Str::npos, "\xC3\xA4\xE2\x82\xAC" "b"sv},
-      {1, 2, "\xC3\xA4\xE2\x82\xAC"sv},
-      {2, 1, "\xE2\x82\xAC"sv},
-      {3, 9, "b"sv},   // count runs past the end
-      {0, 0, ""sv},
-      {2, 0, ""sv},
+  const struct { size_t start, count; std::string_view want; } kCases[] = {
+      {0, Str::npos, "a\xC3\xA4\xE2\x82\xAC" "b"sv}, {1, 2, "\xC3\xA4\xE2\x82\xAC"sv}, {2, 0, ""sv},
+      {3, 9, "b"sv},  // count runs past the end
   };
   for (const auto& c : kCases) {
     EXPECT_EQ(c.want, text.substr_utf8(c.start, c.count)) << c.start << "," << c.count;
   }
   EXPECT_EQ("", Str().substr_utf8(0));
   EXPECT_EQ("\xE2", Str("a\xE2").substr_utf8(1));
-}
-
-TEST(Utf8Substr, ThrowsWhenSkippingReachesTheEnd) {
-  const struct {
-    std::string_view text;
-    size_t start;
-  } kCases[] = {
-      {"abc"sv, 3},                 // skipping the last character reaches the end
-      {"abc"sv, 4},
+  const struct { std::string_view text; size_t start; } kThrows[] = {
+      {"abc"sv, 3},  // skipping the last character reaches the end
+      {"a\xE2"sv, 2}, {"\xF0\x9F"sv, 1},  // a cut-off lead steps past the end
       {""sv, 1},
-      {"a\xE2\x82\xAC"sv, 2},
-      {"a\xE2"sv, 2},               // cut-off lead steps past the end
-      {"\xF0\x9F"sv, 1},
   };
-  for (const auto& c : kCases) {
-    const Str text(c.text);
-    try {
-      text.substr_utf8(c.start);
-      ADD_FAILURE() << "no throw: " << hex(c.text) << " start=" << c.start;
-    } catch (const std::out_of_range& e) {
-      EXPECT_EQ(std::string(c.text) + " accessed out of range", e.what()) << hex(c.text);
-    }
+  for (const auto& c : kThrows) {
+    EXPECT_EQ(std::string(c.text) + " accessed out of range",
+              thrownText<std::out_of_range>([&] { Str(c.text).substr_utf8(c.start); }))
+        << printable(c.text) << " start=" << c.start;
   }
 }
 
 TEST(Utf8Buffer, EncodesEveryCodePointLikeTheCLibrary) {
-  Utf8Locale loc;
+  ScopedUtf8Locale loc;
   if (!loc.ok()) GTEST_SKIP() << "no C.UTF-8 locale";
   utf8_character_buffer buf;
   for (uint32_t cp = 0x80; cp < 0x110000; ++cp) {
-    const size_t n = buf._set(cp);
-    ASSERT_EQ(n, buf.size());
+    const std::string_view got(buf.data(), buf._set(cp));
+    ASSERT_EQ(got.size(), buf.size());
+    // The C library refuses surrogates; they still get their three bytes.
+    const bool surrogate = cp >= 0xD800 && cp <= 0xDFFF;
     char want[MB_LEN_MAX];
     mbstate_t state{};
     const size_t wantLen = c32rtomb(want, static_cast<char32_t>(cp), &state);
-    if (cp >= 0xD800 && cp <= 0xDFFF) {
-      // The C library refuses surrogates; they still get their three bytes.
-      ASSERT_EQ(static_cast<size_t>(-1), wantLen);
-      ASSERT_EQ(3u, n);
-      ASSERT_FALSE(mem_is_valid_utf8(buf.data(), n)) << cp;
-      continue;
-    }
-    ASSERT_EQ(std::string_view(want, wantLen), std::string_view(buf.data(), n)) << cp;
-    ASSERT_TRUE(mem_is_valid_utf8(buf.data(), n)) << cp;
+    ASSERT_EQ(surrogate ? encodeUtf8(cp) : std::string(want, wantLen), got) << cp;
+    ASSERT_EQ(!surrogate, mem_is_valid_utf8(got.data(), got.size())) << cp;
+    if (surrogate) continue;
     char32_t back = 0;
     state = mbstate_t{};
-    ASSERT_EQ(n, mbrtoc32(&back, buf.data(), n, &state)) << cp;
+    ASSERT_EQ(got.size(), mbrtoc32(&back, got.data(), got.size(), &state)) << cp;
     ASSERT_EQ(cp, static_cast<uint32_t>(back));
   }
 }
 
 TEST(Utf8Buffer, NothingFromU110000Up) {
-  for (uint32_t cp : {0x110000u, 0x110001u, 0x1FFFFFu, 0x7FFFFFFFu, 0xFFFFFFFFu}) {
+  for (uint32_t cp : {0x110000u, 0x1FFFFFu, 0xFFFFFFFFu}) {
     utf8_character_buffer buf;
     buf._set(0xE9);
     EXPECT_EQ(0u, buf._set(cp)) << cp;
