@@ -58,12 +58,7 @@ void JoinHelper::callback() {
   delete _thread;
 }
 
-Thread::Thread(const char* fmt, ...)
-    : _did_join(DID_NOT_JOIN),
-      _ready_to_run(false),
-      _joinHelper(this),
-      _countAccounter(true),
-      _isMain(false) {
+Thread::Thread(const char* fmt, ...) {
   va_list args;
   va_start(args, fmt);
   _name.vformat(fmt, args);
@@ -71,12 +66,7 @@ Thread::Thread(const char* fmt, ...)
   internal_create(0, false);
 }
 
-Thread::Thread(unsigned long stackSize, const char* fmt, ...)
-    : _did_join(DID_NOT_JOIN),
-      _ready_to_run(false),
-      _joinHelper(this),
-      _countAccounter(true),
-      _isMain(false) {
+Thread::Thread(unsigned long stackSize, const char* fmt, ...) {
   va_list args;
   va_start(args, fmt);
   _name.vformat(fmt, args);
@@ -89,7 +79,6 @@ Thread::Thread()
       _token(ThreadToken::self()),
       _name("Main Thread"),
       _ready_to_run(true),
-      _joinHelper(this),
       _countAccounter(false),
       _isMain(true) {
   Thread* expected = nullptr;

@@ -154,12 +154,12 @@ class Thread {
   static void* startRoutine(void* arg);
   static void callMain(Thread* thr);
 
-  int32_t _did_join;       // guarded by the process-wide thread mutex
+  int32_t _did_join = DID_NOT_JOIN;  // guarded by the process-wide thread mutex
   ThreadToken _token;      // set once by the constructor
   Str _name;               // set once by the constructor
-  bool _ready_to_run;      // guarded by the process-wide thread mutex
+  bool _ready_to_run = false;  // guarded by the process-wide thread mutex
   PthreadCondition _goCondition;  // with the process-wide thread mutex
-  JoinHelper _joinHelper;
-  CountAccounter _countAccounter;
-  bool _isMain;
+  JoinHelper _joinHelper{this};
+  CountAccounter _countAccounter{true};
+  bool _isMain = false;
 };
