@@ -20,7 +20,12 @@ namespace {
 
 Logger gLogger("Regex");
 
-// The classic option bits and what they are in PCRE2.
+// The classic option bits and what they are in PCRE2. Two map to nothing:
+// EXTRA (0x40), since PCRE2 always refuses an unknown escape, which is what
+// it asked for; and NO_UTF8_CHECK (0x2000), since an unchecked pattern that
+// is not UTF-8 is undefined behaviour in the compiler, and the check costs
+// one pass over the pattern text. The newline and \R conventions are not option bits in PCRE2 and go
+// through the compile context (see CompileSettings).
 const struct {
   int classic;
   uint32_t pcre2;
@@ -31,24 +36,54 @@ const struct {
     {Regex::EXTENDED, PCRE2_EXTENDED},
     {Regex::ANCHORED, PCRE2_ANCHORED},
     {Regex::DOLLAR_ENDONLY, PCRE2_DOLLAR_ENDONLY},
+    {Regex::EXTRA, 0},
     {Regex::UNGREEDY, PCRE2_UNGREEDY},
     {Regex::UTF8, PCRE2_UTF},
     {Regex::NO_AUTO_CAPTURE, PCRE2_NO_AUTO_CAPTURE},
+    {Regex::NO_UTF8_CHECK, 0},
+    {Regex::AUTO_CALLOUT, PCRE2_AUTO_CALLOUT},
+    {Regex::NEVER_UTF, PCRE2_NEVER_UTF},
+    {Regex::NO_AUTO_POSSESS, PCRE2_NO_AUTO_POSSESS},
     {Regex::FIRSTLINE, PCRE2_FIRSTLINE},
     {Regex::DUPNAMES, PCRE2_DUPNAMES},
+    {Regex::JAVASCRIPT_COMPAT, PCRE2_ALT_BSUX | PCRE2_ALLOW_EMPTY_CLASS | PCRE2_MATCH_UNSET_BACKREF},
+    {Regex::NO_START_OPTIMIZE, PCRE2_NO_START_OPTIMIZE},
     {Regex::UCP, PCRE2_UCP},
 };
 
-// False when `options` holds a bit that has no translation.
-bool translateOptions(int options, uint32_t* out) {
-  uint32_t result = 0;
-  int known = 0;
+// The classic newline field (three bits from 0x100000) by value: 0 keeps
+// the build's default, 6 and 7 name no convention.
+constexpr int kNewlineMask = 0x700000;
+constexpr uint32_t kNewlineByField[8] = {
+    0, PCRE2_NEWLINE_CR, PCRE2_NEWLINE_LF, PCRE2_NEWLINE_CRLF, PCRE2_NEWLINE_ANY,
+    PCRE2_NEWLINE_ANYCRLF, 0, 0,
+};
+
+// A classic option word in PCRE2 terms: option bits, plus the newline and
+// \R conventions (0 for the default) that need a compile context.
+struct CompileSettings {
+  uint32_t options = 0;
+  uint32_t newline = 0;
+  uint32_t bsr = 0;
+};
+
+// Null when `options` can be translated, else the reason it cannot.
+const char* translateOptions(int options, CompileSettings* out) {
+  int known = kNewlineMask | Regex::BSR_ANYCRLF | Regex::BSR_UNICODE;
   for (const auto& o : kOptionMap) {
     known |= o.classic;
-    if (options & o.classic) result |= o.pcre2;
+    if (options & o.classic) out->options |= o.pcre2;
   }
-  *out = result;
-  return (options & ~known) == 0;
+  if ((options & ~known) != 0) return "Regex: unrecognised compile-time option bit(s)";
+  const int field = (options & kNewlineMask) >> 20;
+  if (field >= 6) return "Regex: inconsistent newline options";
+  out->newline = kNewlineByField[field];
+  if ((options & Regex::BSR_ANYCRLF) && (options & Regex::BSR_UNICODE)) {
+    return "Regex: inconsistent \\R options";
+  }
+  if (options & Regex::BSR_ANYCRLF) out->bsr = PCRE2_BSR_ANYCRLF;
+  if (options & Regex::BSR_UNICODE) out->bsr = PCRE2_BSR_UNICODE;
+  return nullptr;
 }
 
 // The compile context of the forms that mem_regexmatch runs: any Unicode
@@ -167,18 +202,25 @@ struct Regex::Program {
   }
 
   // Null with *errorCode set when the text does not compile.
-  static std::unique_ptr<Program> build(const Str& source, uint32_t options, bool study,
-                                        int* errorCode) {
+  static std::unique_ptr<Program> build(const Str& source, const CompileSettings& settings,
+                                        bool study, int* errorCode) {
     PCRE2_SIZE errorOffset = 0;
+    pcre2_compile_context* context = nullptr;
+    if (settings.newline != 0 || settings.bsr != 0) {
+      context = pcre2_compile_context_create(nullptr);
+      if (settings.newline != 0) pcre2_set_newline(context, settings.newline);
+      if (settings.bsr != 0) pcre2_set_bsr(context, settings.bsr);
+    }
     pcre2_code* code = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(source.data()), source.size(),
-                                     options, errorCode, &errorOffset, nullptr);
+                                     settings.options, errorCode, &errorOffset, context);
+    pcre2_compile_context_free(context);
     if (code == nullptr) return nullptr;
     // A failed JIT compile only costs speed; the interpreter takes over.
     if (study) pcre2_jit_compile(code, PCRE2_JIT_COMPLETE | PCRE2_JIT_PARTIAL_SOFT);
     std::unique_ptr<Program> p(new Program);
     p->code = code;
     p->source = source;
-    p->options = options;
+    p->options = settings.options;
     p->study = study;
     return p;
   }
@@ -240,13 +282,11 @@ void Regex::_internal_init(const Str& pattern, bool study, int options) {
   _options = options;
   if (pattern.empty()) return;
 
-  uint32_t pcreOptions = 0;
-  if (!translateOptions(options, &pcreOptions)) {
-    throw RegexException("Regex: unrecognised compile-time option bit(s)");
-  }
-  pcreOptions |= PCRE2_UTF;
+  CompileSettings settings;
+  if (const char* refusal = translateOptions(options, &settings)) throw RegexException(refusal);
+  settings.options |= PCRE2_UTF;
   int errorCode = 0;
-  std::unique_ptr<Program> program = Program::build(pattern, pcreOptions, study, &errorCode);
+  std::unique_ptr<Program> program = Program::build(pattern, settings, study, &errorCode);
   if (!program) throw RegexException("Regex: " + compileErrorText(errorCode));
 
   uint32_t captureCount = 0;
@@ -276,7 +316,8 @@ void Regex::_internal_init(const Str& pattern, bool study, int options) {
   _program = std::move(program);
 
   const Str whole = "(?:" + pattern + ")\\z";
-  _wholeProgram = Program::build(whole, pcreOptions | PCRE2_ANCHORED, study, &errorCode);
+  settings.options |= PCRE2_ANCHORED;
+  _wholeProgram = Program::build(whole, settings, study, &errorCode);
 }
 
 bool Regex::match(StrSegment& subject, RegexMatch* out, bool advance, bool wholeString) const {

@@ -29,8 +29,10 @@ class RegexException : public std::runtime_error {
 class Regex {
  public:
   // Compile options, with the numeric values of the classic PCRE option bits
-  // so that a stored option word keeps its meaning (1 is caseless). Any
-  // other bit makes compilation throw.
+  // so that a stored option word keeps its meaning (1 is caseless). The
+  // match-time bits of that word (0x80, 0x100, 0x400, 0x8000, 0x8000000,
+  // 0x10000000) make compilation throw, and so do a newline field of 6 or 7
+  // and both \R conventions at once.
   enum CompileOption : int {
     CASELESS = 0x00000001,
     MULTILINE = 0x00000002,
@@ -38,11 +40,28 @@ class Regex {
     EXTENDED = 0x00000008,
     ANCHORED = 0x00000010,
     DOLLAR_ENDONLY = 0x00000020,
+    EXTRA = 0x00000040,  // always in force: an unknown escape is an error
     UNGREEDY = 0x00000200,
     UTF8 = 0x00000800,  // always on; accepted for completeness
     NO_AUTO_CAPTURE = 0x00001000,
+    NO_UTF8_CHECK = 0x00002000,
+    AUTO_CALLOUT = 0x00004000,
+    NEVER_UTF = 0x00010000,  // contradicts the UTF-8 mode: compilation throws
+    NO_AUTO_POSSESS = 0x00020000,
     FIRSTLINE = 0x00040000,
     DUPNAMES = 0x00080000,
+    // The newline convention, a three-bit field: CR, LF, CRLF (both),
+    // ANY (every Unicode line end) and ANYCRLF; absent, LF.
+    NEWLINE_CR = 0x00100000,
+    NEWLINE_LF = 0x00200000,
+    NEWLINE_CRLF = 0x00300000,
+    NEWLINE_ANY = 0x00400000,
+    NEWLINE_ANYCRLF = 0x00500000,
+    // What \R matches: CR, LF or CRLF only, or every Unicode line end.
+    BSR_ANYCRLF = 0x00800000,
+    BSR_UNICODE = 0x01000000,
+    JAVASCRIPT_COMPAT = 0x02000000,
+    NO_START_OPTIMIZE = 0x04000000,
     UCP = 0x20000000,
   };
 

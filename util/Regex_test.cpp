@@ -89,7 +89,14 @@ TEST(Regex, RejectsPatternsThatDoNotCompile) {
       {"(?<n>a)(?<n>b)", 0, "Regex: two named subpatterns have the same name (PCRE2_DUPNAMES not set)"},
       {"\\", 0, "Regex: \\ at end of pattern"},
       {"\xff", 0, "Regex: UTF-8 error: illegal byte (0xfe or 0xff)"},
-      {"a", 0x400, "Regex: unrecognised compile-time option bit(s)"},
+      {"\xff", Regex::NO_UTF8_CHECK, "Regex: UTF-8 error: illegal byte (0xfe or 0xff)"},
+      {"a", Regex::NEVER_UTF, "Regex: using UTF is disabled by the application"},
+      {"a", 0x400, "Regex: unrecognised compile-time option bit(s)"},    // NOTEMPTY: match time
+      {"a", 0x80, "Regex: unrecognised compile-time option bit(s)"},     // NOTBOL: match time
+      {"a", 0x8000, "Regex: unrecognised compile-time option bit(s)"},   // PARTIAL_SOFT
+      {"a", 0x600000, "Regex: inconsistent newline options"},
+      {"a", 0x700000, "Regex: inconsistent newline options"},
+      {"a", Regex::BSR_ANYCRLF | Regex::BSR_UNICODE, "Regex: inconsistent \\R options"},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.pattern);
@@ -101,6 +108,50 @@ TEST(Regex, RejectsPatternsThatDoNotCompile) {
   }
   // The same names are fine when duplicates are allowed.
   EXPECT_TRUE(Regex("(?<n>a)|(?<n>b)", true, Regex::DUPNAMES).matches("b"));
+}
+
+// Every bit of the classic option word that PCRE2 can express is taken,
+// and the newline and \R conventions change what the pattern means.
+TEST(Regex, ClassicOptionWordKeepsItsMeaning) {
+  const struct { const char* pattern; int options; const char* subject; bool hit; } kRows[] = {
+      // Accepted and without effect: EXTRA is PCRE2's only behaviour, and
+      // the pattern is checked for UTF-8 all the same.
+      {"ab", Regex::EXTRA, "xaby", true},
+      {"ab", Regex::NO_UTF8_CHECK, "xaby", true},
+      {"ab", Regex::AUTO_CALLOUT | Regex::NO_AUTO_POSSESS | Regex::NO_START_OPTIMIZE, "ab", true},
+      // Newline conventions decide where ^ and $ stand in multiline mode.
+      {"^b$", Regex::MULTILINE, "a\nb\nc", true},
+      {"^b$", Regex::MULTILINE | Regex::NEWLINE_CR, "a\nb\nc", false},
+      {"^b$", Regex::MULTILINE | Regex::NEWLINE_CR, "a\rb\rc", true},
+      {"^b$", Regex::MULTILINE | Regex::NEWLINE_LF, "a\rb\rc", false},
+      {"^b$", Regex::MULTILINE | Regex::NEWLINE_CRLF, "a\r\nb\r\nc", true},
+      {"^b$", Regex::MULTILINE | Regex::NEWLINE_CRLF, "a\nb\nc", false},
+      {"^b$", Regex::MULTILINE | Regex::NEWLINE_ANY, "a\xc2\x85" "b\xe2\x80\xa8" "c", true},
+      {"^b$", Regex::MULTILINE | Regex::NEWLINE_ANYCRLF, "a\rb\nc", true},
+      {"^b$", Regex::MULTILINE | Regex::NEWLINE_ANYCRLF, "a\xc2\x85" "b\xc2\x85" "c", false},
+      {"a.b", Regex::NEWLINE_CR, "a\nb", true},
+      {"a.b", Regex::NEWLINE_CR, "a\rb", false},
+      // \R: any Unicode line end by default and with BSR_UNICODE; CR, LF and
+      // CRLF only with BSR_ANYCRLF.
+      {"a\\Rb", 0, "a\xe2\x80\xa8" "b", true},
+      {"a\\Rb", Regex::BSR_UNICODE, "a\xe2\x80\xa8" "b", true},
+      {"a\\Rb", Regex::BSR_ANYCRLF, "a\xe2\x80\xa8" "b", false},
+      {"a\\Rb", Regex::BSR_ANYCRLF, "a\r\nb", true},
+      // Compatibility mode: \u is a code point escape, and a reference to
+      // a group that did not take part matches the empty string.
+      {"\\u0041", Regex::JAVASCRIPT_COMPAT, "A", true},
+      {"(a)?\\1b", Regex::JAVASCRIPT_COMPAT, "b", true},
+      {"(a)?\\1b", 0, "b", false},
+  };
+  for (const auto& c : kRows) {
+    SCOPED_TRACE(testing::Message() << c.pattern << " options 0x" << std::hex << c.options);
+    const Regex r(c.pattern, true, c.options);
+    EXPECT_EQ(c.hit, r.matches(c.subject));
+  }
+  // A newline convention reaches the whole-string form: "." stops at CR.
+  const Regex crWhole("a.*", true, Regex::NEWLINE_CR);
+  EXPECT_TRUE(crWhole.matchesWhole("a\nb"));
+  EXPECT_FALSE(crWhole.matchesWhole("a\rb"));
 }
 
 TEST(Regex, ReportsGroupsNamesAndAnchoring) {
