@@ -20,7 +20,8 @@ Pathname listingOf(const Pathname& base, bool absolute) {
 }
 
 // Whether the literal prefix exists, judged by its parent's listing so that
-// the cache serves the later steps too.
+// the cache serves the later steps too. A "." leaf is judged one level up;
+// a ".." leaf is never in a listing, so a prefix ending in one is missing.
 bool prefixExists(Pathname p, ReaddirCache& cache) {
   for (;;) {
     if (p.find_first_not_of(Pathname::SEP) == Pathname::npos) return true;  // a root
@@ -30,7 +31,6 @@ bool prefixExists(Pathname p, ReaddirCache& cache) {
       p = up;
       continue;
     }
-    if (leaf == Pathname::parent) return p.getFileType() == 2;  // no listing holds ".."
     return cache.read(listingOf(up, p.isAbsolute())).count(leaf) != 0;
   }
 }

@@ -88,6 +88,13 @@ TEST_F(GlobTree, LiteralPatternsAndMissingPrefixes) {
   // A "." leaf in the prefix is judged one level up.
   ASSERT_TRUE(Glob::glob(_root / "a2/./*", out));
   EXPECT_EQ((PathnameVector{_root / "a2/./x", _root / "a2/./z"}), out);
+
+  // A ".." leaf is looked for in its parent's listing, where it never
+  // stands: the prefix counts as missing even though the path exists.
+  EXPECT_FALSE(Glob::glob(_root / "a1/../*", out));
+  EXPECT_EQ((PathnameVector{_root / "a2/./x", _root / "a2/./z"}), out);
+  EXPECT_FALSE(Glob::glob(_root / "a1/x/..", out));
+  EXPECT_EQ((PathnameVector{_root / "a2/./x", _root / "a2/./z"}), out);
 }
 
 TEST_F(GlobTree, RelativePatternsStayRelative) {
