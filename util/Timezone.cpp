@@ -193,7 +193,7 @@ long Timezone::constantOffset(long from, long to) const {
 }
 
 long Timezone::offsetSeconds(bool dst) const {
-  if (_timecnt == 0) return _typecnt > 0 ? _types[0].gmtoff : 0;
+  if (_timecnt == 0) return 0;
   for (unsigned long i = _timecnt; i-- > 0;) {
     if (typeAt(i)->isdst == dst) return typeAt(i)->gmtoff;
   }

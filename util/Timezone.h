@@ -189,8 +189,8 @@ class Timezone {
   // transition from `from` to `to`; else NO_CONSTANT_OFFSET.
   long constantOffset(long from, long to) const;
   // The offset of the latest transition of that daylight flag, else of the
-  // latest one at all. Without transitions, the first type's (0 without
-  // types).
+  // latest one at all; 0 without transitions, even where the zone has a
+  // constant offset (ask constantOffset for that).
   long offsetSeconds(bool dst) const;
   // Stores tm_isdst, tm_gmtoff and tm_zone from `type`. tm_zone points into
   // this zone, which must outlive the tm.
