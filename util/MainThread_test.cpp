@@ -2,11 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <pthread.h>
+
 #include <atomic>
 #include <string>
 #include <thread>
 
 #include "util/ThreadException.h"
+#include "util/testing/LogCapture.h"
 #include "util/testing/ThrownText.h"
 
 namespace {
@@ -32,6 +35,37 @@ TEST(MainThread, IsTheFirstThreadsThreadAndComesOnce) {
 
   EXPECT_EQ("Main Thread created twice!", thrownText<ThreadException>([] { MainThread second; }));
   EXPECT_EQ(&main, Thread::current());  // the failed second changed nothing
+}
+
+// Reads its own stack size from inside.
+class StackProbe : public Thread {
+ public:
+  StackProbe() : Thread("stack probe") {}
+  explicit StackProbe(unsigned long size) : Thread(size, "stack probe") {}
+  void main() override {
+    pthread_attr_t attr;
+    if (pthread_getattr_np(pthread_self(), &attr) != 0) return;
+    void* base = nullptr;
+    pthread_attr_getstack(&attr, &base, &stack);
+    pthread_attr_destroy(&attr);
+  }
+  size_t stack = 0;
+};
+
+size_t stackOf(StackProbe&& t) {
+  t.go();
+  t.join();
+  return t.stack;
+}
+
+TEST(MainThread, ThreadsTakeItsDefaultStackUnlessTheyAskForAnother) {
+  MainThread main;
+  EXPECT_EQ(0x200000u, stackOf(StackProbe()));
+  EXPECT_EQ(0x400000u, stackOf(StackProbe(0x400000)));
+  // A size the platform refuses leaves the default, not the platform's own.
+  ScopedLogCapture capture("Thread");
+  EXPECT_EQ(0x200000u, stackOf(StackProbe(1)));
+  EXPECT_EQ(1u, capture.lines().size());
 }
 
 // A thread that nobody waits for: it hands itself to the main thread.

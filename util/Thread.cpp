@@ -93,12 +93,16 @@ void Thread::internal_create(unsigned long stackSize, bool ownStack) {
   have_already_started_threads = true;
   pthread_attr_t attr;
   ThreadException::check(pthread_attr_init(&attr), "pthread_attr_init");
-  const unsigned long size = ownStack ? stackSize : gDefaultStackSize.load();
+  const unsigned long defaultSize = gDefaultStackSize.load();
+  const unsigned long size = ownStack ? stackSize : defaultSize;
   if (size != 0) {
     const int result = pthread_attr_setstacksize(&attr, size);
     if (result != 0) {
       errno = result;
       gLogger.warn("cannot override thread stack size: pthread_attr_setstacksize(): %m");
+      // The attributes every other thread gets, not the platform's bare
+      // default, which can be several times larger.
+      if (ownStack && defaultSize != 0) pthread_attr_setstacksize(&attr, defaultSize);
     }
   }
   pthread_t id;
