@@ -116,10 +116,9 @@ void Str::resolveUnicodeCombiningMarks() {
   uint32_t base = 0;
   uint64_t mask = 0;
   uint32_t firstMark = 0;
-  bool repeatedMark = false;
   auto closeCluster = [&](size_t end) {
     if (start == npos) return;
-    const uint32_t r = (mask == 0 || repeatedMark) ? 0 : getReplacement(base, mask, firstMark);
+    const uint32_t r = mask == 0 ? 0 : getReplacement(base, mask, firstMark);
     if (r != 0) {
       char bytes[4];
       out.append(bytes, UnicodeCodepoint::writeUtf8(r, bytes));
@@ -136,8 +135,7 @@ void Str::resolveUnicodeCombiningMarks() {
     for (size_t k = 0; k < n; ++k) packed = (packed << 8) | p[i + k];
     const uint64_t bit = getMarkBit(packed);
     if (bit != 0 && start != npos) {
-      // A mask holds each mark once; a doubled mark has no precomposed form.
-      repeatedMark = repeatedMark || (mask & bit) != 0;
+      // A mask holds each mark once, so a doubled mark counts as one.
       if (mask == 0) firstMark = packed;
       mask |= bit;
     } else {
@@ -148,7 +146,6 @@ void Str::resolveUnicodeCombiningMarks() {
         start = i;
         base = packed;
         mask = 0;
-        repeatedMark = false;
       }
     }
     i += n;
