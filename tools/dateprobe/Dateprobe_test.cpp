@@ -25,10 +25,20 @@ namespace {
 struct Outcome {
   int status = -1;
   std::string output;
+  std::string errors;  // standard error, when asked for
 };
 
-// Runs the binary with `words` in a zone three hours behind UTC.
-Outcome runDateprobe(const std::vector<std::string>& words) {
+// How the child's KESTRO_HOME is set: as the test's environment has it, or
+// replaced (a null value unsets it).
+struct HomeSetting {
+  bool replace = false;
+  const char* value = nullptr;
+};
+
+// Runs the binary with `words` in a zone three hours behind UTC; standard
+// error goes to `errorsTo` when that is not empty.
+Outcome runDateprobe(const std::vector<std::string>& words, HomeSetting home = {},
+                     const std::string& errorsTo = "") {
   const char* bin = getenv("DATEPROBE_BIN");
   EXPECT_NE(nullptr, bin) << "DATEPROBE_BIN is not set";
   if (bin == nullptr) return {};
@@ -41,6 +51,9 @@ Outcome runDateprobe(const std::vector<std::string>& words) {
   if (pipe(fds) != 0) return {};
   const pid_t pid = fork();
   if (pid == 0) {
+    if (home.replace && home.value == nullptr) unsetenv("KESTRO_HOME");
+    if (home.replace && home.value != nullptr) setenv("KESTRO_HOME", home.value, 1);
+    if (!errorsTo.empty() && freopen(errorsTo.c_str(), "w", stderr) == nullptr) _exit(126);
     dup2(fds[1], STDOUT_FILENO);
     close(fds[0]);
     close(fds[1]);
@@ -57,6 +70,7 @@ Outcome runDateprobe(const std::vector<std::string>& words) {
   waitpid(pid, &wstatus, 0);
   EXPECT_TRUE(WIFEXITED(wstatus));
   outcome.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
+  if (!errorsTo.empty()) outcome.errors = readTestFile(Pathname(errorsTo));
   return outcome;
 }
 
@@ -146,6 +160,29 @@ TEST(Dateprobe, StringAndFileModesReportWhatTheyFound) {
              "Unable to parse 'last'\n"
              "count=4\n");
   expectEach({{"file", "/nonexistent", "syslog"}}, 4, "Cannot open file \"/nonexistent\"!");
+}
+
+// The install root comes from KESTRO_HOME before anything else, usage
+// errors included; it is cleaned of doubled and trailing separators.
+TEST(Dateprobe, StartsOnlyWithAnInstallRoot) {
+  TestTempDir dir;
+  const std::string errors = dir / "stderr";
+  for (const char* value : {static_cast<const char*>(nullptr), ""}) {
+    for (const std::vector<std::string>& words : {std::vector<std::string>{"test"},
+                                                  std::vector<std::string>{}}) {
+      const Outcome o = runDateprobe(words, {true, value}, errors);
+      EXPECT_EQ(255, o.status);
+      EXPECT_EQ("", o.output);
+      EXPECT_EQ("KESTRO_HOME must be set.  Stopping.\n", o.errors);
+    }
+  }
+  const char* staged = getenv("KESTRO_HOME");
+  ASSERT_NE(nullptr, staged);
+  const std::string messy = std::string(staged) + "//";
+  const Outcome o = runDateprobe({"test", "92"}, {true, messy.c_str()}, errors);
+  EXPECT_EQ(0, o.status);
+  EXPECT_EQ("Using logging configuration at " + std::string(staged) + "/etc/log-cmdline.cfg.\n",
+            o.errors);
 }
 
 }  // namespace

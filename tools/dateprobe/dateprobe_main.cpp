@@ -4,10 +4,14 @@
 #include <cstdio>
 #include <exception>
 
+#include "loaderinfo/SetupHelper.h"
 #include "tools/dateprobe/DateprobeFront.h"
 #include "tools/dateprobe/NullDateprobeBack.h"
 
 int main(int argc, char** argv) {
+  // Before the arguments are looked at: without an install root the tool
+  // has nothing to read, whatever it was asked.
+  SetupHelper::initCommon(false, nullptr);
   try {
     NullDateprobeBack back;
     return runDateprobe(argc, argv, back, stdout);
