@@ -25,6 +25,10 @@ function(kestro_library)
     set(exe ${K_NAME}_${tname})
     add_executable(${exe} ${t})
     target_link_libraries(${exe} PRIVATE ${K_NAME} ${K_TEST_DEPS} GTest::gtest GTest::gtest_main GTest::gmock)
+    # Where the checkout is, for tests that read files shipped in it (home/,
+    # test data): __FILE__ may be relative when the compiler cache rewrites
+    # paths.
+    target_compile_definitions(${exe} PRIVATE KESTRO_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
     add_test(NAME ${K_NAME}.${tname} COMMAND ${exe} WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR})
   endforeach()
 endfunction()

@@ -187,7 +187,7 @@ TEST(LogConfigReader, ReadsFilesWithOrWithoutAByteOrderMark) {
 TEST(LogConfigReader, TheShippedCommandLineConfigurationParsesCleanly) {
   ScopedRootChannel keepRoot;
   const std::filesystem::path shipped =
-      std::filesystem::path(__FILE__).parent_path().parent_path() / "home/etc/log-cmdline.cfg";
+      std::filesystem::path(KESTRO_SOURCE_DIR) / "home/etc/log-cmdline.cfg";
   LogConfigReader reader(nullptr, {{"KESTRO_HOME", "/opt/kestro"}});
   ASSERT_TRUE(reader.readFile(Pathname(shipped.string())));
   reader.applyChannels();

@@ -99,7 +99,7 @@ TEST_F(LoggerInitialize, UnlessQuietTheRootAppenderNeedsAFile) {
 
 TEST_F(LoggerInitialize, TheShippedCommandLineConfigurationShowsWarningsAndWorse) {
   const Pathname shipped(
-      (std::filesystem::path(__FILE__).parent_path().parent_path() / "home/etc/log-cmdline.cfg")
+      (std::filesystem::path(KESTRO_SOURCE_DIR) / "home/etc/log-cmdline.cfg")
           .string());
   EXPECT_EQ("WARN DateParser - warn\nERROR DateParser - error\n", stderrOf([&] {
               if (!Logger::initialize(shipped, nullptr, {{"KESTRO_HOME", _dir.path()}}, true)) {
