@@ -1,0 +1,336 @@
+#include "util/Evaluator.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <set>
+#include <string>
+
+#include "util/EvalFunctions.h"
+#include "util/testing/ScopedTz.h"
+
+namespace {
+
+// A result of named fields, read as field text is.
+class MapContext : public EvaluatorContext {
+ public:
+  std::map<std::string, std::string> fields;
+  void lookupVar(const EvaluatorVarReference& ref, EvalDatum& out) const override {
+    const auto it = fields.find(ref.name());
+    if (it == fields.end()) {
+      out.setNull();
+    } else {
+      out.setBothStringAndNumber(Str(it->second));
+    }
+  }
+};
+
+// The printed value of `expr` over the fields of `ctx`, or "error: <what>".
+std::string eval(const std::string& expr, MapContext& ctx) {
+  Evaluator e;
+  try {
+    e.parse(Str(expr));
+  } catch (const EvalException& ex) {
+    return std::string("error: ") + ex.what();
+  }
+  e.evaluate(&ctx);
+  EvalDatum& result = ctx.stack().singleValue();
+  if (result.isNull()) return "null";
+  return result.stringify();
+}
+
+std::string eval(const std::string& expr) {
+  MapContext ctx;
+  ctx.fields = {{"bytes", "2048"}, {"status", "503"}, {"host", "Web-01"}, {"ratio", "0.50"},
+                {"user", "ana"},   {"word", "h\xC3\xA9llo"}};
+  return eval(expr, ctx);
+}
+
+TEST(Evaluator, ArithmeticComparisonAndLogic) {
+  const struct { const char* expr; const char* want; } kCases[] = {
+      {"1 + 2 * 3", "7"},
+      {"(1 + 2) * 3", "9"},
+      {"10 - 4 - 3", "3"},          // left-associative
+      {"7 % 3", "1"},
+      {"bytes / 1024", "2"},
+      {"bytes / 0", "null"},        // no result, no failure
+      {"-bytes", "-2048"},
+      {"- -3", "3"},
+      {"1.50 + 2.25", "3.75"},      // the least precise operand rules
+      {"1.5 + 2.25", "3.8"},
+      {"ratio * 3", "1.5"},         // field text keeps its figures too
+      {"2.0 * 3.14159", "6.3"},
+      {"1.50 + 2", "3.50"},         // an integer is a count: it limits nothing
+      {"0.1 * 3", "0.3"},
+      {"1.5 * 0.5", "0.8"},         // one figure in 0.5
+      {"status >= 500", "True"},
+      {"status < 500", "False"},
+      {"\"abc\" < \"abd\"", "True"},
+      {"\"10\" < \"9\"", "True"},   // strings order bytewise
+      {"status = \"503\"", "True"}, // a number from text equals its text
+      {"status != 503", "False"},
+      {"missing = 1", "null"},      // a null operand
+      {"true AND false", "False"},
+      {"true OR false", "True"},
+      {"true XOR true", "False"},
+      {"NOT false", "True"},
+      {"!true", "False"},
+      {"status > 400 && status < 600", "True"},
+      {"1 = 1 || 1 = 2", "True"},
+      {"host . \":\" . bytes", "Web-01:2048"},
+      {"\"a\" + \"b\"", "ab"},
+      {"user + 1", "null"},         // neither two numbers nor two strings
+      {"\"quote \\\" inside\"", "quote \" inside"},
+      {"'status' + 1", "504"},
+      {"TRUE", "True"},
+      {"null", "null"},
+  };
+  for (const auto& c : kCases) EXPECT_EQ(c.want, eval(c.expr)) << c.expr;
+}
+
+TEST(Evaluator, Functions) {
+  ScopedTz utc("UTC");
+  const struct { const char* expr; const char* want; } kCases[] = {
+      {"if(status >= 500, \"error\", \"ok\")", "error"},
+      {"if(status < 500, \"error\", \"ok\")", "ok"},
+      {"if(missing = 1, 1, 2)", "null"},
+      {"case(status = 1, \"one\", status = 503, \"busy\")", "busy"},
+      {"case(false, 1)", "null"},
+      {"coalesce(missing, nothing, user, host)", "ana"},
+      {"coalesce(missing)", "null"},
+      {"len(user)", "3"},
+      {"len(word)", "5"},            // characters, not bytes
+      {"len(bytes)", "4"},
+      {"lower(host)", "web-01"},
+      {"upper(word)", "H\xC3\x89LLO"},
+      {"substr(host, 1, 3)", "Web"},
+      {"substr(host, 5)", "01"},
+      {"substr(host, -2)", "01"},
+      {"substr(word, 2, 1)", "\xC3\xA9"},
+      {"substr(host, 10)", ""},
+      {"tonumber(\"ff\", 16)", "255"},
+      {"tonumber(\"12\") + 1", "13"},
+      {"tonumber(\"12x\")", "null"},
+      {"tonumber(\"7\", 1)", "null"},
+      {"tostring(255, \"hex\")", "0xFF"},
+      {"tostring(1234567.891, \"commas\")", "1,234,567.89"},
+      {"tostring(-1234, \"commas\")", "-1,234.00"},
+      {"tostring(1 = 1)", "True"},
+      {"tostring(bytes) . \"B\"", "2048B"},
+      {"round(2.567, 2)", "2.57"},
+      {"round(2.5)", "3"},
+      {"round(-2.5)", "-3"},
+      {"abs(-4.25)", "4.25"},
+      {"isnull(missing)", "True"},
+      {"isnull(user)", "False"},
+      {"isnum(bytes)", "True"},
+      {"isnum(user)", "False"},
+      {"strftime(0, \"%Y-%m-%d %H:%M:%S\")", "1970-01-01 00:00:00"},
+      {"strftime(1234567890.25, \"%H:%M:%S.%3N\")", "23:31:30.250"},
+      {"strftime(bytes, \"%s\")", "2048"},
+  };
+  for (const auto& c : kCases) EXPECT_EQ(c.want, eval(c.expr)) << c.expr;
+}
+
+TEST(Evaluator, ParseAndTypeErrorsNameTheirKind) {
+  const struct { const char* expr; const char* what; } kCases[] = {
+      {"", "Missing OR term"},
+      {"1 OR", "Missing OR term"},
+      {"true AND", "Missing AND term"},
+      {"1 <", "Missing comparison term"},
+      {"1 +", "Missing term"},
+      {"1 .", "Missing term"},
+      {"2 *", "Missing factor"},
+      {"-", "Missing factor"},
+      {"1 ^ 2", "Invalid operator"},
+      {"1 & 2", "Invalid operator"},
+      {"(1 ^ 2)", "Invalid operator"},
+      {"+1", "Invalid unary operator"},
+      {"*1", "Invalid unary operator"},
+      {"(1 + 2", "Expecting different token"},
+      {"f(1, 2", "Expecting different token"},
+      {"\"open", "Expecting different token"},
+      {"1 2", "Unexpected token"},
+      {")", "Unexpected token"},
+      {"''", "Bad variable"},
+      {"nosuch(1)", "Bad function"},
+      {"len()", "Missing arguments"},
+      {"len(1,)", "Missing arguments"},
+      {"substr(\"a\")", "Missing arguments"},
+      {"len(1, 2)", "Invalid function argument"},
+      {"if(1, 2, 3)", "Invalid function argument"},
+      {"strftime(1, \"%Q%\")", "Invalid function argument"},
+      {"1.2.3", "Invalid number"},
+      {"12ab", "Invalid number"},
+      {"true * 2", "Operator requires numeric types"},
+      {"1 AND true", "Operator requires boolean types"},
+      {"true + 1", "Operator '+' types incompatible"},
+      {"true . \"x\"", "Types not concatable"},
+      {"(1 < 2) < \"x\"", "Operator types incompatible"},
+  };
+  for (const auto& c : kCases) EXPECT_EQ(std::string("error: ") + c.what, eval(c.expr)) << c.expr;
+  // Nesting is bounded rather than left to the stack.
+  EXPECT_EQ("error: Unexpected token", eval(std::string(5000, '(') + "1"));
+  EXPECT_EQ("error: Unexpected token", eval(std::string(5000, '-') + "1"));
+}
+
+// A failed parse keeps the expression that was there.
+TEST(Evaluator, AFailedParseKeepsTheOldTree) {
+  Evaluator e;
+  e.parse("1 + 1");
+  EXPECT_THROW(e.parse("1 +"), EvalMissingTermException);
+  MapContext ctx;
+  e.evaluate(&ctx);
+  EXPECT_EQ(2, ctx.stack().singleValue().asDouble());
+  EXPECT_EQ("1 + 1", e.expression());
+}
+
+// Records the variables an expression reads.
+class Names : public EvaluatorVarReference::iterator_callback {
+ public:
+  void visit(const EvaluatorVarReference& ref) override { seen.insert(ref.name()); }
+  std::set<std::string> seen;
+};
+
+TEST(Evaluator, ConstantSubtreesAreFoldedAndVariablesListed) {
+  Evaluator e;
+  e.parse("(2 * 3 + 1) . \"-\" . lower(\"AB\") . host");
+  Names names;
+  e.forEachVariable(names);
+  EXPECT_EQ((std::set<std::string>{"host"}), names.seen);
+  // The left part became one constant: the root's first child.
+  const auto* root = static_cast<NonLeafEvaluatorNode*>(*e.rootSlot());
+  ASSERT_EQ(2u, root->argn());
+  ASSERT_TRUE(root->child(0)->isConstant());
+  EXPECT_EQ("7-ab", static_cast<const ConstantEvaluatorNode*>(root->child(0))->value().str);
+  EXPECT_FALSE(root->child(1)->isConstant());
+
+  Evaluator whole;
+  whole.parse("len(\"abc\") * 2");
+  EXPECT_TRUE((*whole.rootSlot())->isConstant());
+  EXPECT_EQ(&EvalDatum::NumericType::INSTANCE, whole.returnType());
+}
+
+TEST(Evaluator, StaticTypes) {
+  const struct { const char* expr; const EvaluatorType* type; } kCases[] = {
+      {"1 + 2", &EvalDatum::NumericType::INSTANCE},
+      {"\"a\" + \"b\"", &EvalDatum::StringType::INSTANCE},
+      {"host + 1", &EvalDatum::EitherStringOrNumberType::INSTANCE},
+      {"host", &EvalDatum::FieldValType::INSTANCE},
+      {"host < 3", &EvalDatum::BoolType::INSTANCE},
+      {"if(host = 1, 1, 2)", &EvalDatum::NumericType::INSTANCE},
+      {"if(host = 1, 1, \"x\")", &EvalUndeterminedType::INSTANCE},
+  };
+  for (const auto& c : kCases) {
+    Evaluator e;
+    e.parse(c.expr);
+    EXPECT_EQ(c.type, e.returnType()) << c.expr << " gives " << e.returnType()->name();
+  }
+}
+
+// Evaluating many results over one context reuses the stack's slots.
+TEST(Evaluator, RepeatedEvaluationReusesTheStack) {
+  Evaluator e;
+  e.parse("if(len(user) > 2, upper(user) . \"!\", coalesce(missing, \"short\"))");
+  MapContext ctx;
+  for (int i = 0; i < 100; ++i) {
+    ctx.fields["user"] = i % 2 ? "al" : "anna";
+    e.evaluate(&ctx);
+    EXPECT_EQ(i % 2 ? "short" : "ANNA!", ctx.stack().singleValue().stringify()) << i;
+  }
+  EXPECT_EQ(8u, ctx.stack().capacity());
+}
+
+// The base context gives a variable's name back as its value.
+TEST(Evaluator, TheBaseContextAnswersWithTheName) {
+  Evaluator e;
+  e.parse("upper(field)");
+  EvaluatorContext ctx;
+  e.evaluate(&ctx);
+  EXPECT_EQ("FIELD", ctx.stack().singleValue().str);
+}
+
+// A caller that knows more functions resolves unknown calls between the
+// two halves of a parse.
+class TwiceFunction : public FunctionEvaluatorNode {
+ public:
+  const char* name() const override { return "twice"; }
+  const EvaluatorType* checkArguments() override {
+    requireArgs(1, 1);
+    return &EvalDatum::NumericType::INSTANCE;
+  }
+  void go(EvaluatorContext* ctx) const override {
+    EvalDatum& a = arg(ctx, 0);
+    if (a.isNumeric()) a.setNumber(a.asDouble() * 2); else a.setNull();
+  }
+};
+
+class ProxyAll : public NonLeafEvaluatorNodeIteratorCallback {
+ public:
+  bool visit(EvaluatorNode** slot) override {
+    if (auto* undefined = dynamic_cast<UndefinedEvalNode*>(*slot)) undefined->proxyTo(new TwiceFunction);
+    return true;
+  }
+};
+
+TEST(Evaluator, UnknownFunctionsCanBeProxiedBeforeTheCheck) {
+  Evaluator e;
+  e.parseWithoutChecking("twice(bytes) + 1");
+  ProxyAll proxy;
+  (*e.rootSlot())->forEachNonLeafNodeDepthLast_internal(e.rootSlot(), proxy);
+  e.check();
+  MapContext ctx;
+  ctx.fields["bytes"] = "20";
+  e.evaluate(&ctx);
+  EXPECT_EQ(41, ctx.stack().singleValue().asDouble());
+}
+
+TEST(EvaluatorDeathTest, ASecondProxyIsAProgrammingError) {
+  UndefinedEvalNode node("f");
+  node.proxyTo(new TwiceFunction);
+  EXPECT_DEATH(node.proxyTo(new TwiceFunction), "!_proxy.valid\\(\\)");
+}
+
+TEST(Evaluator, AnUnresolvedCallEvaluatesToNull) {
+  UndefinedEvalNode node("f");
+  EXPECT_THROW(node.typeCheck(), EvalBadFunctionException);
+  EvaluatorContext ctx;
+  node.evaluate(&ctx);
+  EXPECT_TRUE(ctx.stack().singleValue().isNull());
+}
+
+// A subclass adds a function and a constant and defers to the base.
+class CustomEvaluator : public Evaluator {
+ public:
+  NonLeafEvaluatorNode* getCustomFunction(const Str& name) override {
+    if (name == "twice") return new TwiceFunction;
+    return Evaluator::getCustomFunction(name);
+  }
+  bool lookupConstant(const Str& name, EvalDatum& out) const override {
+    if (name == "answer") {
+      out.setNumber(42);
+      return true;
+    }
+    return Evaluator::lookupConstant(name, out);
+  }
+};
+
+TEST(Evaluator, SubclassesSupplyFunctionsAndConstants) {
+  CustomEvaluator e;
+  e.parse("twice(answer) + len(\"ab\")");
+  EvaluatorContext ctx;
+  e.evaluate(&ctx);
+  EXPECT_EQ(86, ctx.stack().singleValue().asDouble());
+  EXPECT_TRUE((*e.rootSlot())->isConstant());
+}
+
+TEST(Evaluator, NodesKnowTheTextTheyCameFrom) {
+  Evaluator e;
+  e.parseWithoutChecking("len(host) + bytes");
+  const auto* root = static_cast<NonLeafEvaluatorNode*>(*e.rootSlot());
+  EXPECT_EQ("len(host) + bytes", root->getExprStr(e.expression()));
+  EXPECT_EQ("len(host)", root->child(0)->getExprStr(e.expression()));
+  EXPECT_EQ("bytes", root->child(1)->getExprStr(e.expression()));
+}
+
+}  // namespace
