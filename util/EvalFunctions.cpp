@@ -155,12 +155,15 @@ class CaseFoldFunction : public SimpleFunction {
   void go(EvaluatorContext* ctx) const override {
     EvalDatum& a = arg(ctx, 0);
     if (a.isNull()) return;
-    textOf(a);
+    // The fold goes into a per-thread buffer that then swaps with the
+    // slot's string, so both keep their capacity from row to row.
+    thread_local Str folded;
     if (_upper) {
-      a.str.toUppercase();
+      Str::str_toupper(textOf(a), &folded);
     } else {
-      a.str.toLowercase();
+      Str::str_tolower(textOf(a), &folded);
     }
+    a.str.swap(folded);
     a.changeType(kString);
   }
 
@@ -196,9 +199,12 @@ class SubstrFunction : public SimpleFunction {
     long long count = hasCount ? static_cast<long long>(arg(ctx, 2).asDouble()) : chars;
     if (count < 0) count = 0;
     const size_t b = byteOffset(text, static_cast<size_t>(from));
-    const size_t e = from + count >= chars ? text.size() : byteOffset(text, static_cast<size_t>(from + count));
-    Str piece(text.data() + b, e - b);
-    s.setString(piece);
+    const size_t e =
+        from + count >= chars ? text.size() : byteOffset(text, static_cast<size_t>(from + count));
+    // In place, so the slot keeps its capacity.
+    s.str.erase(e);
+    s.str.erase(0, b);
+    s.changeType(kString);
     collapse(ctx);
   }
 };
@@ -218,9 +224,15 @@ class ToNumberFunction : public SimpleFunction {
     if (a.isNull() || base < 2 || base > 36) {
       a.setNull();
     } else if (base == 10) {
-      const Str text = textOf(a);
-      a.setBothStringAndNumber(text);
-      if (!a.isNumeric()) a.setNull();
+      double v = 0;
+      if (textOf(a).tryToDouble(v)) {
+        DoubleWithSignificantFigures n;
+        n.set(v);
+        n.setSigFigAndPrecisionFrom(a.str);
+        a.setNumber(n);
+      } else {
+        a.setNull();
+      }
     } else {
       const Str& text = textOf(a);
       char* end = nullptr;
@@ -386,9 +398,9 @@ class StrftimeFunction : public TimeFunction {
       return;
     }
     tm.microseconds = static_cast<uint64_t>((value - whole) * 1e6 + 0.5) % 1000000;
-    Str text;
-    tm.appendFtime(text, *format);
-    t.setString(text);
+    t.str.clear();
+    tm.appendFtime(t.str, *format);
+    t.changeType(kString);
     collapse(ctx);
   }
 };
