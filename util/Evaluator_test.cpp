@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <cstdlib>
+#include <iterator>
 #include <map>
 #include <set>
 #include <string>
@@ -130,6 +133,58 @@ TEST(Evaluator, Functions) {
       {"strftime(bytes, \"%s\")", "2048"},
   };
   for (const auto& c : kCases) EXPECT_EQ(c.want, eval(c.expr)) << c.expr;
+}
+
+// The run-time type of each result beside its text.
+TEST(Evaluator, ResultTypes) {
+  ScopedTz utc("UTC");
+  const struct { const char* expr; const char* type; const char* text; } kCases[] = {
+      {"bytes", "Number", "2048"},          // field text that reads: both
+      {"ratio", "Number", "0.50"},
+      {"host", "String", "Web-01"},
+      {"missing", "Null", "Null"},
+      {"42", "Number", "42"},
+      {"4.20", "Number", "4.20"},
+      {"\"42\"", "String", "42"},
+      {"true", "Bool", "True"},
+      {"bytes + 0", "Number", "2048"},
+      {"ratio + 0", "Number", "0.50"},
+      {"host . 1", "String", "Web-011"},
+      {"1 . 2", "String", "12"},
+      {"\"x\" + \"y\"", "String", "xy"},
+      {"bytes + status", "Number", "2551"},
+      {"bytes < status", "Bool", "False"},
+      {"NOT (bytes < status)", "Bool", "True"},
+      {"-ratio", "Number", "-0.50"},
+      {"len(host)", "Number", "6"},
+      {"upper(1.5)", "String", "1.5"},
+      {"substr(bytes, 2)", "String", "048"},
+      {"tonumber(\"0.250\")", "Number", "0.250"},
+      {"tonumber(\"1e2\")", "Number", "100"},
+      {"tostring(2.50)", "String", "2.50"},
+      {"round(1.23456, 3)", "Number", "1.235"},
+      {"round(0.5, 1)", "Number", "0.5"},
+      {"abs(-3)", "Number", "3"},
+      {"isnull(null)", "Bool", "True"},
+      {"if(true, host, 1)", "String", "Web-01"},
+      {"if(false, host, 1)", "Number", "1"},
+      {"coalesce(null, null)", "Null", "Null"},
+      {"case(1 = 2, 1)", "Null", "Null"},
+      {"strftime(86400, \"%a %b %e\")", "String", "Fri Jan  2"},
+      {"10 / 4", "Number", "2.500000"},     // integers: no figures to keep
+      {"10.0 / 4", "Number", "2.50"},        // three figures from 10.0
+      {"1e3 + 1", "Number", "1001"},
+  };
+  for (const auto& c : kCases) {
+    Evaluator e;
+    e.parse(Str(c.expr));
+    MapContext ctx;
+    ctx.fields = {{"bytes", "2048"}, {"status", "503"}, {"host", "Web-01"}, {"ratio", "0.50"}};
+    e.evaluate(&ctx);
+    EvalDatum& result = ctx.stack().singleValue();
+    EXPECT_STREQ(c.type, result.type->name()) << c.expr;
+    EXPECT_EQ(c.text, result.stringify()) << c.expr;
+  }
 }
 
 TEST(Evaluator, ParseAndTypeErrorsNameTheirKind) {
@@ -331,6 +386,111 @@ TEST(Evaluator, NodesKnowTheTextTheyCameFrom) {
   EXPECT_EQ("len(host) + bytes", root->getExprStr(e.expression()));
   EXPECT_EQ("len(host)", root->child(0)->getExprStr(e.expression()));
   EXPECT_EQ("bytes", root->child(1)->getExprStr(e.expression()));
+}
+
+}  // namespace
+
+namespace {
+
+// A random arithmetic tree as text, and its value computed directly with
+// doubles: the outside oracle of the evaluator's arithmetic and ordering.
+struct Generated {
+  std::string text;
+  bool null = false;
+  double value = 0;
+};
+
+class TreeGenerator {
+ public:
+  TreeGenerator(unsigned seed, const std::map<std::string, double>& fields)
+      : _state(seed), _fields(fields) {}
+
+  Generated arithmetic(int depth) {
+    const unsigned pick = next() % (depth <= 0 ? 2 : 8);
+    if (pick == 0) {  // a literal
+      Generated g;
+      const long whole = static_cast<long>(next() % 2000) - 1000;
+      if (next() % 2) {
+        g.text = std::to_string(whole);
+        g.value = static_cast<double>(whole);
+      } else {
+        g.text = std::to_string(whole) + "." + std::to_string(next() % 100);
+        g.value = std::strtod(g.text.c_str(), nullptr);
+      }
+      if (g.value < 0) g.text = "(" + g.text + ")";
+      return g;
+    }
+    if (pick == 1) {  // a field
+      auto it = _fields.begin();
+      std::advance(it, next() % _fields.size());
+      return {it->first, false, it->second};
+    }
+    if (pick == 2) {  // negation
+      Generated inner = arithmetic(depth - 1);
+      return {"-(" + inner.text + ")", inner.null, -inner.value};
+    }
+    static const char* const kOps[] = {"+", "-", "*", "/", "%"};
+    const char* op = kOps[next() % 5];
+    Generated a = arithmetic(depth - 1), b = arithmetic(depth - 1);
+    Generated g{"(" + a.text + " " + op + " " + b.text + ")", a.null || b.null, 0};
+    switch (op[0]) {
+      case '+': g.value = a.value + b.value; break;
+      case '-': g.value = a.value - b.value; break;
+      case '*': g.value = a.value * b.value; break;
+      case '/': g.null = g.null || b.value == 0; g.value = b.value == 0 ? 0 : a.value / b.value; break;
+      default: g.null = g.null || b.value == 0; g.value = b.value == 0 ? 0 : std::fmod(a.value, b.value);
+    }
+    return g;
+  }
+
+  unsigned next() {
+    _state = _state * 1103515245u + 12345u;
+    return _state >> 8;
+  }
+
+ private:
+  unsigned _state;
+  std::map<std::string, double> _fields;
+};
+
+TEST(Evaluator, ArithmeticAndOrderingAgreeWithDirectComputation) {
+  for (unsigned seed = 1; seed <= 400; ++seed) {
+    MapContext ctx;
+    std::map<std::string, double> values;
+    TreeGenerator gen(seed, {});
+    for (const char* name : {"x", "y", "z"}) {
+      const std::string text = std::to_string(static_cast<int>(gen.next() % 200) - 100) + "." +
+                               std::to_string(gen.next() % 10);
+      ctx.fields[name] = text;
+      values[name] = std::strtod(text.c_str(), nullptr);
+    }
+    TreeGenerator trees(seed, values);
+    const Generated a = trees.arithmetic(4);
+    const Generated b = trees.arithmetic(3);
+
+    Evaluator e;
+    e.parse(Str(a.text));
+    e.evaluate(&ctx);
+    const EvalDatum& got = ctx.stack().singleValue();
+    ASSERT_EQ(a.null, got.isNull()) << a.text;
+    if (!a.null) EXPECT_EQ(a.value, got.asDouble()) << a.text;
+
+    static const char* const kComparisons[] = {"<", "<=", ">", ">=", "=", "!="};
+    const std::string op = kComparisons[seed % 6];
+    Evaluator cmp;
+    cmp.parse(Str(a.text + " " + op + " " + b.text));
+    cmp.evaluate(&ctx);
+    const EvalDatum& order = ctx.stack().singleValue();
+    if (a.null || b.null) {
+      EXPECT_TRUE(order.isNull()) << a.text << op << b.text;
+      continue;
+    }
+    const bool want = op == "<" ? a.value < b.value : op == "<=" ? a.value <= b.value
+                    : op == ">" ? a.value > b.value : op == ">=" ? a.value >= b.value
+                    : op == "=" ? a.value == b.value : a.value != b.value;
+    ASSERT_TRUE(order.isBoolean()) << a.text << op << b.text;
+    EXPECT_EQ(want, order.asBoolean()) << a.text << op << b.text;
+  }
 }
 
 }  // namespace
