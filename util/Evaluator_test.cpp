@@ -494,3 +494,47 @@ TEST(Evaluator, ArithmeticAndOrderingAgreeWithDirectComputation) {
 }
 
 }  // namespace
+
+#include "util/testing/TimezoneTestSupport.h"
+
+namespace {
+
+// A row whose time functions render in one zone.
+class ZoneContext : public MapContext {
+ public:
+  explicit ZoneContext(const Timezone* zone) : _zone(zone) {}
+  const Timezone* getTimezone() const override { return _zone; }
+
+ private:
+  const Timezone* _zone;
+};
+
+// strftime in an expression against the C library's strftime under TZ,
+// for random instants in zones of both hemispheres and odd offsets.
+TEST(Evaluator, StrftimeAgreesWithTheCLibraryInEachZone) {
+  const char* const kZones[] = {"UTC", "America/New_York", "Europe/Berlin", "Australia/Sydney",
+                                "Asia/Kolkata", "America/St_Johns", "Pacific/Chatham"};
+  const char kFormat[] = "%Y-%m-%d %H:%M:%S %Z %z %a %j";
+  Evaluator e;
+  e.parse(Str("strftime(t, \"") + kFormat + "\")");
+  unsigned state = 12345;
+  for (const char* name : kZones) {
+    Timezone zone;
+    ASSERT_TRUE(loadStagedZone(name, &zone)) << name;
+    ZoneContext ctx(&zone);
+    ScopedTz tz(name);
+    for (int i = 0; i < 300; ++i) {
+      state = state * 1103515245u + 12345u;
+      const time_t t = static_cast<time_t>(state % 2000000000u) + 100000000;
+      ctx.fields["t"] = std::to_string(static_cast<long long>(t));
+      e.evaluate(&ctx);
+      tm broken;
+      localtime_r(&t, &broken);
+      char want[128];
+      strftime(want, sizeof want, kFormat, &broken);
+      EXPECT_EQ(want, ctx.stack().singleValue().stringify()) << name << " " << t;
+    }
+  }
+}
+
+}  // namespace
