@@ -107,7 +107,10 @@ int LoaderInfo::parseCommandLine(int argc, const char* const* argv, FILE* out, F
       return 0;
     }
     if (std::strchr("chnp", option) == nullptr || option == '\0') {
-      return badOption(Str().format("Bad Option -%c\n", option));
+      // A lone "-" has no letter to name: the message still ends its line.
+      Str message("Bad Option -");
+      if (option != '\0') message += option;
+      return badOption(message + "\n");
     }
     const char* value = word + 2;
     if (*value == '\0') {

@@ -79,6 +79,7 @@ TEST(LoaderInfo, OptionsThatEndTheProcessPrintExactlyAndGiveTheirStatus) {
       {{"--mode"}, 8, "", std::string("Bad Option --mode\n") + kUsage},
       {{"-i"}, 8, "", std::string("Bad Option -i\n") + kUsage},
       {{"-x7"}, 8, "", std::string("Bad Option -x\n") + kUsage},
+      {{"-"}, 8, "", std::string("Bad Option -\n") + kUsage},
       {{"-p"}, 8, "", std::string("-p option requires an argument\n") + kUsage},
       {{"--nodaemon", "-c"}, 8, "", std::string("-c option requires an argument\n") + kUsage},
   };

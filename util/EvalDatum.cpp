@@ -125,9 +125,11 @@ void EvalDatum::MultiValType::copyInstance(EvalDatum* to, const EvalDatum* from)
 }
 
 void EvalDatum::MultiValType::stringify(EvalDatum& d) const {
+  bool blank = !d.str.empty();  // text already there is kept, a blank after it
   for (const Str& v : *d._value.multi) {
-    if (!d.str.empty()) d.str += ' ';
+    if (blank) d.str += ' ';
     d.str += v;
+    blank = true;
   }
 }
 

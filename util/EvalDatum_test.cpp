@@ -116,6 +116,8 @@ TEST(EvalDatum, StringifiesEachType) {
   d.str = "x";
   d.stringify();
   EXPECT_EQ("x a b c", d.str);  // behind the text already there
+  d.newMultiValValue() = {"", "b"};
+  EXPECT_EQ(" b", d.stringify());  // empty values keep their blanks
 }
 
 TEST(EvalDatum, CopiesSwapsAndOwnsItsMultiValues) {

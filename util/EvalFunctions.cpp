@@ -60,6 +60,32 @@ const EvaluatorType* kBool = &EvalDatum::BoolType::INSTANCE;
 bool fitsNumber(const EvaluatorType* t) { return t->mightBeNumeric(); }
 bool fitsBool(const EvaluatorType* t) { return t->mightBeBoolean(); }
 
+// Whether `text` is a decimal number as expressions write them, with an
+// optional sign: "12", "-0.5", ".5", "+1e3"; not "0x1F", "1.", "1e".
+bool isDecimalNumber(const Str& text) {
+  size_t i = 0;
+  const size_t n = text.size();
+  if (i < n && (text[i] == '+' || text[i] == '-')) ++i;
+  size_t digits = 0;
+  while (i < n && text[i] >= '0' && text[i] <= '9') ++i, ++digits;
+  if (i < n && text[i] == '.') {
+    ++i;
+    size_t fraction = 0;
+    while (i < n && text[i] >= '0' && text[i] <= '9') ++i, ++fraction;
+    if (fraction == 0) return false;
+    digits += fraction;
+  }
+  if (digits == 0) return false;
+  if (i < n && (text[i] == 'e' || text[i] == 'E')) {
+    ++i;
+    if (i < n && (text[i] == '+' || text[i] == '-')) ++i;
+    size_t exponent = 0;
+    while (i < n && text[i] >= '0' && text[i] <= '9') ++i, ++exponent;
+    if (exponent == 0) return false;
+  }
+  return i == n;
+}
+
 // The common type of a set of branches, or Undetermined when they differ.
 const EvaluatorType* commonType(const std::vector<const EvaluatorType*>& types) {
   if (types.empty()) return &EvalUndeterminedType::INSTANCE;
@@ -224,10 +250,9 @@ class ToNumberFunction : public SimpleFunction {
     if (a.isNull() || base < 2 || base > 36) {
       a.setNull();
     } else if (base == 10) {
-      double v = 0;
-      if (textOf(a).tryToDouble(v)) {
+      if (isDecimalNumber(textOf(a))) {
         DoubleWithSignificantFigures n;
-        n.set(v);
+        n.set(std::strtod(a.str.c_str(), nullptr));
         n.setSigFigAndPrecisionFrom(a.str);
         a.setNumber(n);
       } else {

@@ -87,7 +87,14 @@ void EvaluatorNode::forEachNonLeafNodeDepthLast_internal(EvaluatorNode**,
 
 Str EvaluatorNode::getExprStr(const StrSegment& expr) const {
   if (_exprBegin >= _exprEnd || _exprEnd > expr.size()) return Str();
-  return Str(expr.data() + _exprBegin, _exprEnd - _exprBegin);
+  // The parser looks past blanks for the next operator before it closes a
+  // node's range; those blanks are not the node's.
+  size_t end = _exprEnd;
+  while (end > _exprBegin && (expr.data()[end - 1] == ' ' || expr.data()[end - 1] == '\t' ||
+                              expr.data()[end - 1] == '\n' || expr.data()[end - 1] == '\r')) {
+    --end;
+  }
+  return Str(expr.data() + _exprBegin, end - _exprBegin);
 }
 
 VariableEvaluatorNode::VariableEvaluatorNode(const Evaluator* evaluator, const Str& name)
@@ -341,6 +348,8 @@ const EvaluatorType* GenericComparisonFunction::checkArguments() {
   kassert(argn() == 2);
   const EvaluatorType* a = child(0)->returnType();
   const EvaluatorType* b = child(1)->returnType();
+  // A null on either side gives null at run time, so it fits any order.
+  if (a->mightBeNull() || b->mightBeNull()) return &EvalDatum::BoolType::INSTANCE;
   const bool numbers = a->mightBeNumeric() && b->mightBeNumeric();
   const bool strings = a->mightBeStringLike() && b->mightBeStringLike();
   if (!numbers && !strings) throw bad_operand_exception();

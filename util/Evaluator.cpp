@@ -130,7 +130,6 @@ void Evaluator::check() {
 }
 
 EvaluatorNode* Evaluator::parseOr(parse_state& s) {
-  DepthGuard depth(s);
   s.skipWhitespace();
   const size_t begin = s.pos;
   ScopedPointer<EvaluatorNode> left(parseAnd(s));
@@ -237,7 +236,6 @@ EvaluatorNode* Evaluator::parseFactor(parse_state& s) {
 }
 
 EvaluatorNode* Evaluator::parseUnary(parse_state& s) {
-  DepthGuard depth(s);
   s.skipWhitespace();
   const size_t begin = s.pos;
   ScopedPointer<NonLeafEvaluatorNode> op;
@@ -251,6 +249,7 @@ EvaluatorNode* Evaluator::parseUnary(parse_state& s) {
   } else {
     return parsePrimary(s);
   }
+  DepthGuard depth(s);
   ScopedPointer<EvaluatorNode> operand(parseUnary(s));
   if (!operand.valid()) throw EvalMissingFactorException(Str(op->name()));
   op->addChild(operand);
@@ -263,6 +262,7 @@ EvaluatorNode* Evaluator::parsePrimary(parse_state& s) {
   const size_t begin = s.pos;
   const char c = s.peek();
   if (c == '(') {
+    DepthGuard depth(s);
     ++s.pos;
     ScopedPointer<EvaluatorNode> inner(parseOr(s));
     if (!inner.valid()) throw EvalMissingOrTermException(Str("("));
@@ -341,6 +341,7 @@ EvaluatorNode* Evaluator::parseNumber(parse_state& s) {
 }
 
 EvaluatorNode* Evaluator::parseCall(parse_state& s, const Str& name, size_t begin) {
+  DepthGuard depth(s);
   ScopedPointer<NonLeafEvaluatorNode> call(getCustomFunction(name));
   if (!call.valid()) call.reset(new UndefinedEvalNode(name));
   if (!s.match(')')) {

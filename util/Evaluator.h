@@ -33,8 +33,8 @@
 //   "a b", ")" Unexpected token         "''"      Bad variable
 //   "nofn(1)"  Bad function             "f(1,)"   Missing arguments
 // and the type errors of the nodes, such as "Operator requires numeric
-// types" for "true * 2". Nesting deeper than 256 levels is "Unexpected
-// token".
+// types" for "true * 2". More than 256 levels of parentheses, calls and
+// unary operators, counted together, is "Unexpected token".
 //
 // Thread story: parse() needs one owner; a parsed Evaluator is immutable,
 // and evaluate() may run on many threads at once, each with its own

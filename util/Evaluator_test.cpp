@@ -73,6 +73,8 @@ TEST(Evaluator, ArithmeticComparisonAndLogic) {
       {"status = \"503\"", "True"}, // a number from text equals its text
       {"status != 503", "False"},
       {"missing = 1", "null"},      // a null operand
+      {"null < 1", "null"},
+      {"1 >= null", "null"},
       {"true AND false", "False"},
       {"true OR false", "True"},
       {"true XOR true", "False"},
@@ -115,6 +117,10 @@ TEST(Evaluator, Functions) {
       {"tonumber(\"12\") + 1", "13"},
       {"tonumber(\"12x\")", "null"},
       {"tonumber(\"7\", 1)", "null"},
+      {"tonumber(\"0x1F\")", "null"},      // base 10 reads decimals only
+      {"tonumber(\".5\") * 2", "1"},
+      {"tonumber(\"+5\")", "5"},
+      {"tonumber(\"1.\")", "null"},
       {"tostring(255, \"hex\")", "0xFF"},
       {"tostring(1234567.891, \"commas\")", "1,234,567.89"},
       {"tostring(-1234, \"commas\")", "-1,234.00"},
@@ -227,6 +233,8 @@ TEST(Evaluator, ParseAndTypeErrorsNameTheirKind) {
   // Nesting is bounded rather than left to the stack.
   EXPECT_EQ("error: Unexpected token", eval(std::string(5000, '(') + "1"));
   EXPECT_EQ("error: Unexpected token", eval(std::string(5000, '-') + "1"));
+  EXPECT_EQ("1", eval(std::string(256, '(') + "1" + std::string(256, ')')));
+  EXPECT_EQ("error: Unexpected token", eval(std::string(257, '(') + "1" + std::string(257, ')')));
 }
 
 // A failed parse keeps the expression that was there.
@@ -381,9 +389,9 @@ TEST(Evaluator, SubclassesSupplyFunctionsAndConstants) {
 
 TEST(Evaluator, NodesKnowTheTextTheyCameFrom) {
   Evaluator e;
-  e.parseWithoutChecking("len(host) + bytes");
+  e.parseWithoutChecking("len(host)   +  bytes   ");
   const auto* root = static_cast<NonLeafEvaluatorNode*>(*e.rootSlot());
-  EXPECT_EQ("len(host) + bytes", root->getExprStr(e.expression()));
+  EXPECT_EQ("len(host)   +  bytes", root->getExprStr(e.expression()));  // blanks after: not its
   EXPECT_EQ("len(host)", root->child(0)->getExprStr(e.expression()));
   EXPECT_EQ("bytes", root->child(1)->getExprStr(e.expression()));
 }
