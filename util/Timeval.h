@@ -9,11 +9,16 @@
 #include "util/Str.h"
 
 class CurrentTimeval;
+struct ExtraTimevalParseInfo;
 class GmtStructTm;
 class LocalStructTm;
 class LocalStructTmHires;
 class StructTmInTimezone;
 class StructTmInTimezoneHires;
+class TimeFormat;
+class TimeFormatRawParseResult;
+class TimeGuesser;
+class Timezone;
 struct tm;
 
 // Seconds since 1970-01-01 00:00:00 UTC and microseconds, both 64-bit.
@@ -95,6 +100,54 @@ class Timeval {
   bool set(LocalStructTmHires& t);
   bool set(StructTmInTimezone& t);
   bool set(StructTmInTimezoneHires& t);
+
+  // ---- From a timestamp's text (util/TimevalParse.cpp) ----
+
+  // Turns what a parse read into an instant, asking `guesser` for whatever
+  // the text left out: the zone (the text's offset wins over its zone name,
+  // and no name means the guesser's base zone), a two-digit year (68 is 2068,
+  // 69 is 1969), the year of a month and day, the date of a time of day, AM
+  // or PM for a 12-hour time without a marker, and which reading of an
+  // ambiguous local time to take. An epoch in the result wins over
+  // everything. `raw` is completed in place (year, month, mday; hour12 by a
+  // date guess), and an ambiguous local time raises its `conflicts`.
+  // `extra`, when given, receives the precision (subsecDigits -2 without a
+  // time of day, -1 without seconds), whether the zone was the text's, the
+  // offset of the local reading and its fields. Examples with GMT as base:
+  //   "2009-02-13 23:31:30 +0100"   1234564290
+  //   "02/29/2023 10:00"            false: no such day
+  //   "Feb 29 10:00" read in 2023   2020-02-29, the last leap year
+  //   "23:59" read at 01:00         yesterday: more than 3 hours ahead
+  // Returns false, leaving this value alone, when the guesser cannot supply
+  // the zone or the date, the day does not fit the month, or the week date
+  // does not make a day. REQUIRES: guesser != nullptr.
+  bool set(TimeFormatRawParseResult* raw, TimeGuesser* guesser, ExtraTimevalParseInfo* extra);
+  // set() with TimeGuesser::basic().
+  bool set(TimeFormatRawParseResult* raw, ExtraTimevalParseInfo* extra);
+
+  // Parses `text` (`length` bytes, or up to its NUL) from its start by
+  // `format` and then set()s this value with the guesser: the one given, an
+  // OnlyOverrideTimezoneTimeGuesser over the zone given (null: the default
+  // zone), or TimeGuesser::basic(). Returns the bytes consumed, or -1 when
+  // the text does not fit the format or set() fails (this value is then left
+  // alone); a null text is -1. `conflicts`, when given, receives the count of
+  // fields read twice with different values, plus one for an ambiguous local
+  // time. "%Y-%m-%d %H:%M:%S %z" on "2009-02-13 23:31:30 +0100 rest" gives
+  // 25 and 1234564290.
+  long parse(const TimeFormat& format, const char* text, unsigned long length,
+             TimeGuesser* guesser, ExtraTimevalParseInfo* extra = nullptr,
+             unsigned int* conflicts = nullptr);
+  long parse(const TimeFormat& format, const char* text, unsigned long length,
+             const Timezone* zone, ExtraTimevalParseInfo* extra = nullptr,
+             unsigned int* conflicts = nullptr);
+  long parse(const TimeFormat& format, const char* text, unsigned long length,
+             ExtraTimevalParseInfo* extra = nullptr, unsigned int* conflicts = nullptr);
+  long parse(const TimeFormat& format, const char* text, TimeGuesser* guesser,
+             ExtraTimevalParseInfo* extra = nullptr, unsigned int* conflicts = nullptr);
+  long parse(const TimeFormat& format, const char* text, const Timezone* zone,
+             ExtraTimevalParseInfo* extra = nullptr, unsigned int* conflicts = nullptr);
+  long parse(const TimeFormat& format, const char* text, ExtraTimevalParseInfo* extra = nullptr,
+             unsigned int* conflicts = nullptr);
 
   // "MAX_TIME", "MIN_TIME", "ZERO_TIME" (any time with zero seconds), else
   // the local StructTm::asctime ("Thu Jan  1 00:00:01 1970"), or
