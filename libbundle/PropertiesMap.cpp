@@ -40,7 +40,7 @@ Property* PropertiesMap::getProperty(const Str& key) {
 
 const Str& PropertiesMap::get(const Str& key) const {
   const Property* p = getProperty(key);
-  return p != nullptr ? p->value() : Str::EMPTY_STR;
+  return p != nullptr && !p->value().empty() ? p->value() : Str::EMPTY_STR;
 }
 
 bool PropertiesMap::fill(const Str& key, Str& out) const {
