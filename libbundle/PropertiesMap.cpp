@@ -140,9 +140,16 @@ void PropertiesMap::addLayerTo(PropertiesMap& target, bool withMetadata,
   // A copy, since target may be this map and its embedded property changes
   // below.
   const Str stanza = _embedded.sourceStanza().empty() ? stanzaName : _embedded.sourceStanza();
-  for (const auto& [key, property] : _map) {
-    const auto [it, inserted] = target._map.try_emplace(key, property);
-    if (inserted) it->second.setSourceStanza(stanza);
+  if (target._map.empty() && &target != this) {
+    // The first layer of a merge: copying the tree whole is much cheaper
+    // than inserting its entries one by one.
+    target._map = _map;
+    for (auto& entry : target._map) entry.second.setSourceStanza(stanza);
+  } else {
+    for (const auto& [key, property] : _map) {
+      const auto [it, inserted] = target._map.try_emplace(key, property);
+      if (inserted) it->second.setSourceStanza(stanza);
+    }
   }
   if (target._embedded.sourceType() == SOURCE_UNSET) {
     target._embedded = _embedded;
