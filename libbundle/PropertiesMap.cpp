@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "util/Assert.h"
 #include "util/EnvironmentSubstitution.h"
 #include "util/Logger.h"
 #include "util/TimeParser.h"
@@ -179,6 +180,7 @@ PropertySourceType PropertiesMap::getSource(Str& name) const {
 }
 
 void PropertiesMap::difference(const PropertiesMap& other, PropertiesMap& out) const {
+  kassert(&out != this && &out != &other);
   auto mine = _map.begin();
   auto theirs = other._map.begin();
   while (mine != _map.end()) {

@@ -4,6 +4,7 @@
 // key that an earlier layer set.
 #pragma once
 
+#include <cstddef>
 #include <map>
 
 #include "libbundle/ConfPathPermissions.h"
@@ -153,7 +154,8 @@ class PropertiesMap {
   // when this one's is empty), and each key of this map alone whose value
   // is non-empty. Keys of `other` alone are ignored. Values are compared
   // exactly; provenance plays no part. The entries are copied whole.
-  // REQUIRES: `out` is neither this map nor `other`.
+  // REQUIRES: `out` is neither this map nor `other`; checked
+  // ("&out != this && &out != &other").
   void difference(const PropertiesMap& other, PropertiesMap& out) const;
   // Equal embedded values, then the same keys with the same values. Each
   // comparison made logs at debug level, the embedded one as

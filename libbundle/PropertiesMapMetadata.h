@@ -3,6 +3,8 @@
 // stanza, as listings and access checks show them.
 #pragma once
 
+#include <cstdint>
+
 #include "libbundle/ConfPathPermissions.h"
 #include "util/Str.h"
 

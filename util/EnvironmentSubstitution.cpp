@@ -1,6 +1,7 @@
 #include "util/EnvironmentSubstitution.h"
 
 #include <cstdlib>
+#include <functional>
 
 namespace {
 
@@ -26,6 +27,13 @@ void appendValueOf(const char* name, size_t len, Str& out) {
 }  // namespace
 
 size_t substituteEnvironmentVariables(const StrSegment& in, Str& out) {
+  const std::less<const char*> before;
+  if (in.size() > 0 && !before(in.data(), out.data()) &&
+      before(in.data(), out.data() + out.capacity())) {
+    // `in` views out's own bytes, which clearing would destroy.
+    const Str copy(in);
+    return substituteEnvironmentVariables(copy, out);
+  }
   out.clear();
   out.reserve(in.size());
   size_t replaced = 0;

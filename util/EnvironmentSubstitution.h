@@ -25,5 +25,5 @@
 //   "${HOME}x"     "/home/kx"
 //   "$HOMEx"       ""          (the name is HOMEx, which is unset)
 //   "a$UNSET/b"    "a/b"
-// REQUIRES: `in` does not overlap `out`.
+// `in` may view out's own bytes: substituting a Str into itself works.
 size_t substituteEnvironmentVariables(const StrSegment& in, Str& out);

@@ -70,6 +70,12 @@ TEST(EnvironmentSubstitution, ReplacesReferencesAndCountsThem) {
   Str out;
   substituteEnvironmentVariables(StrSegment("a\0$KT_A", 7), out);  // NUL bytes pass through
   EXPECT_EQ(Str("a\0alpha", 7), out);
+  Str self = "$KT_HOME/x/${KT_A}";
+  EXPECT_EQ(2u, substituteEnvironmentVariables(self, self));
+  EXPECT_EQ("/opt/k/x/alpha", self);
+  Str tail = "ab$KT_A";
+  substituteEnvironmentVariables(StrSegment(tail.data() + 2, 5), tail);
+  EXPECT_EQ("alpha", tail);
 }
 
 TEST(EnvironmentSubstitution, AgreesWithTheShellOnTheSyntaxBothShare) {
