@@ -20,9 +20,9 @@ constexpr size_t kKeys = 1000;
 // Setting names as configuration writes them: "TIME_FORMAT_17",
 // "MAX_DAYS_AGO_412".
 std::vector<Str> settingNames(size_t count, const char* salt) {
-  static const char* const kStems[] = {"TIME_FORMAT", "TIME_PREFIX", "MAX_DAYS_AGO",
-                                       "SHOULD_LINEMERGE", "TRUNCATE", "TZ", "priority",
-                                       "REPORT-fields", "EXTRACT-ip", "LINE_BREAKER"};
+  static const char* const kStems[] = {
+      "TIME_FORMAT", "TIME_PREFIX", "MAX_DAYS_AGO",  "SHOULD_LINEMERGE", "TRUNCATE",
+      "TZ",          "priority",    "REPORT-fields", "EXTRACT-ip",       "LINE_BREAKER"};
   std::vector<Str> names;
   names.reserve(count);
   char buf[64];

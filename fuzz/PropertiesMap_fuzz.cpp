@@ -75,7 +75,8 @@ void checkLayers(const std::string& text) {
     maps[0].difference(maps[1], diff);
     diff.addLayerTo(rebuilt, false);
     maps[1].addLayerTo(rebuilt, false);
-    for (const auto& entry : maps[0]) check(rebuilt.get(entry.first) == entry.second.value(), "difference");
+    for (const auto& entry : maps[0])
+      check(rebuilt.get(entry.first) == entry.second.value(), "difference");
     for (const auto& entry : maps[1])
       if (maps[0].getProperty(entry.first) == nullptr)
         check(rebuilt.get(entry.first) == entry.second.value(), "difference keeps the other");
@@ -88,7 +89,8 @@ void checkLayers(const std::string& text) {
     long l = 77;
     if (merged.tryToLong(entry.first, l)) check(merged.toLong(entry.first, 78) == l, "toLong");
     unsigned long long ms = 77;
-    if (merged.tryToTimeSpan(entry.first, ms)) check(merged.toTimeSpan(entry.first, 78) == ms, "toTimeSpan");
+    if (merged.tryToTimeSpan(entry.first, ms))
+      check(merged.toTimeSpan(entry.first, 78) == ms, "toTimeSpan");
   }
 }
 

@@ -14,8 +14,7 @@ Logger gLogger("PropertiesMap");
 // The shape of every tryToX: silence for an empty value, one warning for
 // text that the converter refuses, and `out` written only on success.
 template <class T, class Convert>
-bool tryConverted(const Str& key, const Str& value, T& out, const char* typeWord,
-                  Convert convert) {
+bool tryConverted(const Str& key, const Str& value, T& out, const char* typeWord, Convert convert) {
   if (value.empty()) return false;
   T converted;
   if (!convert(value, converted)) {
@@ -88,11 +87,11 @@ bool PropertiesMap::tryToBool(const Str& key, bool& out) const {
 bool PropertiesMap::toBool(const Str& key, bool dflt) const { return get(key).toBool(dflt, true); }
 
 // The numeric pairs differ only in type, word and converter.
-#define KESTRO_TYPED_ACCESSORS(Type, word, tryName, toName)                             \
-  bool PropertiesMap::tryName(const Str& key, Type& out) const {                       \
-    return tryConverted(key, get(key), out, word,                                      \
-                        [](const Str& v, Type& o) { return v.tryName(o, 10); });       \
-  }                                                                                    \
+#define KESTRO_TYPED_ACCESSORS(Type, word, tryName, toName)                      \
+  bool PropertiesMap::tryName(const Str& key, Type& out) const {                 \
+    return tryConverted(key, get(key), out, word,                                \
+                        [](const Str& v, Type& o) { return v.tryName(o, 10); }); \
+  }                                                                              \
   Type PropertiesMap::toName(const Str& key, Type dflt) const { return get(key).toName(dflt, 10); }
 KESTRO_TYPED_ACCESSORS(int, "int", tryToInt, toInt)
 KESTRO_TYPED_ACCESSORS(unsigned, "unsigned", tryToUnsigned, toUnsigned)
@@ -115,7 +114,9 @@ unsigned long long PropertiesMap::toTimeSpan(const Str& key, unsigned long long 
 
 void PropertiesMap::put(const Str& key, const Str& value) { _map[key].setValue(value); }
 
-void PropertiesMap::setDisabled(bool disabled) { put(Property::DISABLED_KEY, disabled ? "1" : "0"); }
+void PropertiesMap::setDisabled(bool disabled) {
+  put(Property::DISABLED_KEY, disabled ? "1" : "0");
+}
 
 void PropertiesMap::removeValues(const Str& value) {
   std::erase_if(_map, [&value](const auto& entry) { return entry.second.value() == value; });
@@ -202,12 +203,13 @@ bool PropertiesMap::operator==(const PropertiesMap& other) const {
   const Str& a = _embedded.value();
   const Str& b = other._embedded.value();
   const bool embeddedEqual = a == b;
-  gLogger.debug("(_embedded, %s) %s (_embedded, %s)", a.c_str(), embeddedEqual ? "==" : "!=",
-                b.c_str());
+  gLogger.debug("(_embedded, %s) %s (_embedded, %s)", a.c_str(),
+                embeddedEqual ? "==" : "!=", b.c_str());
   if (!embeddedEqual || _map.size() != other._map.size()) return false;
   for (auto mine = _map.begin(), theirs = other._map.begin(); mine != _map.end();
        ++mine, ++theirs) {
-    const bool equal = mine->first == theirs->first && mine->second.value() == theirs->second.value();
+    const bool equal =
+        mine->first == theirs->first && mine->second.value() == theirs->second.value();
     gLogger.debug("(%s, %s) %s (%s, %s)", mine->first.c_str(), mine->second.value().c_str(),
                   equal ? "==" : "!=", theirs->first.c_str(), theirs->second.value().c_str());
     if (!equal) return false;
@@ -217,10 +219,10 @@ bool PropertiesMap::operator==(const PropertiesMap& other) const {
 
 bool PropertiesMap::operator<(const PropertiesMap& other) const {
   if (_embedded.value() < other._embedded.value()) return true;
-  return std::lexicographical_compare(
-      _map.begin(), _map.end(), other._map.begin(), other._map.end(),
-      [](const Map::value_type& x, const Map::value_type& y) {
-        if (x.first != y.first) return x.first < y.first;
-        return x.second.value() < y.second.value();
-      });
+  return std::lexicographical_compare(_map.begin(), _map.end(), other._map.begin(),
+                                      other._map.end(),
+                                      [](const Map::value_type& x, const Map::value_type& y) {
+                                        if (x.first != y.first) return x.first < y.first;
+                                        return x.second.value() < y.second.value();
+                                      });
 }

@@ -70,8 +70,10 @@ TEST(PropertiesMap, KeysSortBytewiseUnsignedWithCase) {
   PropertiesMap m;
   for (const char* key : {"b", "\xc3\xa9", "a", "ab", "B", "a b", "a"}) m.put(key, "1");
   EXPECT_EQ(std::vector<std::string>({"B", "a", "a b", "ab", "b", "\xc3\xa9"}), keysOf(m));
-  EXPECT_EQ("\tAttr:B\t1\n\tAttr:a\t1\n\tAttr:a b\t1\n\tAttr:ab\t1\n\tAttr:b\t1\n\tAttr:\xc3\xa9\t1\n",
-            m.toString());
+  EXPECT_EQ(
+      "\tAttr:B\t1\n\tAttr:a\t1\n\tAttr:a b\t1\n\tAttr:ab\t1\n\tAttr:b\t1\n"
+      "\tAttr:\xc3\xa9\t1\n",
+      m.toString());
   EXPECT_EQ("", PropertiesMap().toString());
 }
 
@@ -201,7 +203,9 @@ TEST(PropertiesMapLayers, TheFirstLayerThatHasAKeyDecidesIt) {
   };
   for (const auto& c : kCases) {
     PropertiesMap merged;
-    for (const Layer& l : c.layers) makeLayer(l.stanza, SOURCE_APP, l.settings).addLayerTo(merged, true);
+    for (const Layer& l : c.layers) {
+      makeLayer(l.stanza, SOURCE_APP, l.settings).addLayerTo(merged, true);
+    }
     const Property* p = merged.getProperty("k");
     ASSERT_EQ(c.present, p != nullptr) << c.name;
     EXPECT_EQ(c.value, merged.get("k")) << c.name;

@@ -20,6 +20,4 @@ const Str& Property::getPropertySourceName() const {
   return _sourceType == SOURCE_USER ? _sourceUser.name() : _sourceApplication;
 }
 
-bool Property::isPropertySourceStanzaDefault() const {
-  return _sourceStanza == kDefaultStanzaName;
-}
+bool Property::isPropertySourceStanzaDefault() const { return _sourceStanza == kDefaultStanzaName; }

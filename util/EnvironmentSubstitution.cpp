@@ -5,9 +5,7 @@
 
 namespace {
 
-bool isNameStart(char c) {
-  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_';
-}
+bool isNameStart(char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_'; }
 
 bool isNameChar(char c) { return isNameStart(c) || (c >= '0' && c <= '9'); }
 
