@@ -1,0 +1,4 @@
+#include "libbundle/User.h"
+
+const User User::NOBODY_USER("nobody");
+const User User::EMPTY_USER;
