@@ -430,6 +430,25 @@ class StrftimeFunction : public TimeFunction {
   }
 };
 
+class StrptimeFunction : public TimeFunction {
+ public:
+  const char* name() const override { return "strptime"; }
+  const EvaluatorType* checkArguments() override { return checkTime(mightBeText, kNumber); }
+  void go(EvaluatorContext* ctx) const override {
+    EvalDatum& s = arg(ctx, 0);
+    std::unique_ptr<TimeFormat> scratch;
+    const TimeFormat* format = formatFor(arg(ctx, 1), scratch);
+    Timeval when;
+    if (s.isNull() || format == nullptr ||
+        when.parse(*format, textOf(s).c_str(), s.str.size(), ctx->getTimezone()) < 0) {
+      s.setNull();
+    } else {
+      s.setNumber(static_cast<double>(when.tv_sec) + static_cast<double>(when.tv_usec) / 1e6);
+    }
+    collapse(ctx);
+  }
+};
+
 }  // namespace
 
 NonLeafEvaluatorNode* createBuiltinEvalFunction(const Str& name) {
@@ -447,5 +466,6 @@ NonLeafEvaluatorNode* createBuiltinEvalFunction(const Str& name) {
   if (name == "isnull") return new IsFunction(true);
   if (name == "isnum") return new IsFunction(false);
   if (name == "strftime") return new StrftimeFunction;
+  if (name == "strptime") return new StrptimeFunction;
   return nullptr;
 }

@@ -137,6 +137,10 @@ TEST(Evaluator, Functions) {
       {"strftime(0, \"%Y-%m-%d %H:%M:%S\")", "1970-01-01 00:00:00"},
       {"strftime(1234567890.25, \"%H:%M:%S.%3N\")", "23:31:30.250"},
       {"strftime(bytes, \"%s\")", "2048"},
+      {"strptime(\"2009-02-13 23:31:30 +0100\", \"%Y-%m-%d %H:%M:%S %z\")", "1234564290"},
+      {"strptime(\"2001-01-01 00:00:00.500\", \"%Y-%m-%d %H:%M:%S.%3N\")", "978307200.500000"},
+      {"strptime(\"not a date\", \"%Y-%m-%d\")", "null"},
+      {"strptime(\"02/30/2020 10:00\", \"%m/%d/%Y %H:%M\")", "null"},
   };
   for (const auto& c : kCases) EXPECT_EQ(c.want, eval(c.expr)) << c.expr;
 }
@@ -519,12 +523,14 @@ class ZoneContext : public MapContext {
 
 // strftime in an expression against the C library's strftime under TZ,
 // for random instants in zones of both hemispheres and odd offsets.
-TEST(Evaluator, StrftimeAgreesWithTheCLibraryInEachZone) {
+TEST(Evaluator, StrftimeAndStrptimeAgreeWithTheCLibraryInEachZone) {
   const char* const kZones[] = {"UTC", "America/New_York", "Europe/Berlin", "Australia/Sydney",
                                 "Asia/Kolkata", "America/St_Johns", "Pacific/Chatham"};
   const char kFormat[] = "%Y-%m-%d %H:%M:%S %Z %z %a %j";
   Evaluator e;
   e.parse(Str("strftime(t, \"") + kFormat + "\")");
+  Evaluator back;
+  back.parse("strptime(text, \"%Y-%m-%d %H:%M:%S %Z %z\")");
   unsigned state = 12345;
   for (const char* name : kZones) {
     Timezone zone;
@@ -541,6 +547,12 @@ TEST(Evaluator, StrftimeAgreesWithTheCLibraryInEachZone) {
       char want[128];
       strftime(want, sizeof want, kFormat, &broken);
       EXPECT_EQ(want, ctx.stack().singleValue().stringify()) << name << " " << t;
+      // Back through strptime in the same zone: the instant returns, as
+      // mktime has it (the offset in the text settles any ambiguity).
+      ctx.fields["text"] = want;
+      back.evaluate(&ctx);
+      ASSERT_TRUE(ctx.stack().singleValue().isNumeric()) << want;
+      EXPECT_EQ(static_cast<double>(t), ctx.stack().singleValue().asDouble()) << name << " " << want;
     }
   }
 }
