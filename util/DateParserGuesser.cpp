@@ -118,8 +118,10 @@ bool DateParserGuesser::hasExistingDateContext() const { return previous.tv_sec 
 
 void DateParserGuesser::setMinMaxDays(int ago, int hence) {
   now = Timeval::now();
-  ago = std::clamp(ago, 0, MAX_WINDOW_DAYS);
-  hence = std::clamp(hence, 0, MAX_WINDOW_DAYS);
+  // Only the upper bound is the rule; the lower one keeps the product in
+  // range, and a negative window stands as given (it accepts nothing).
+  ago = std::clamp(ago, -MAX_WINDOW_DAYS, MAX_WINDOW_DAYS);
+  hence = std::clamp(hence, -MAX_WINDOW_DAYS, MAX_WINDOW_DAYS);
   gVerboseLogger.info("Setting maxDaysAgo=%d and maxDaysHence=%d", ago, hence);
   _maxAgoSecs = ago * SECONDS_PER_DAY;
   _maxHenceSecs = hence * SECONDS_PER_DAY;

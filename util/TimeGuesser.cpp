@@ -177,7 +177,7 @@ bool TimeGuesser::guessDate(TimeFormatRawParseResult* raw, const TimezoneGuessRe
   long s = floorMod(t, SECONDS_PER_DAY);
   const long m = raw->minute * 60L + (raw->has(R::HAVE_SECOND) ? raw->second : 0);
 
-  if (raw->has(R::HAVE_HOUR12) && !raw->has(R::HAVE_AMPM) && !raw->has(R::HAVE_HOUR24)) {
+  if (raw->has(R::HAVE_HOUR12) && !raw->has(R::HAVE_AMPM)) {
     s %= HALF_DAY;
     if (s + HALF_DAY_ALLOWANCE < m + raw->hour12 * 3600L) t = saturatingSub(t, HALF_DAY);
     if (floorMod(t, SECONDS_PER_DAY) >= HALF_DAY) raw->hour12 += 12;

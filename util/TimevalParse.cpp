@@ -136,7 +136,6 @@ bool Timeval::set(TimeFormatRawParseResult* raw, TimeGuesser* guesser,
 
   long local = saturatingAdd(raw->dayStartTime(), hour * 3600L + minute * 60L + second);
   long result;
-  bool pmChosen = false;
   for (;;) {
     result = haveOffset ? saturatingSub(local, raw->tzOffset) : local;
     if (!haveOffset && !guesser->convertToGmt(&zone, &result)) {
@@ -146,7 +145,6 @@ bool Timeval::set(TimeFormatRawParseResult* raw, TimeGuesser* guesser,
     if (!ampmGuessed || !guesser->usePmInstead(result)) break;
     local = saturatingAdd(local, HALF_DAY);
     ampmGuessed = false;
-    pmChosen = true;
   }
 
   if (extra != nullptr) {
@@ -158,15 +156,6 @@ bool Timeval::set(TimeFormatRawParseResult* raw, TimeGuesser* guesser,
     extra->hour = hour;
     extra->minute = minute;
     extra->second = second;
-    // The afternoon may have moved the reading into the next day.
-    GmtStructTm shown;
-    if (pmChosen && shown.fromUnixTime(local)) {
-      extra->year = shown.tm_year + 1900;
-      extra->month = shown.tm_mon;
-      extra->mday = shown.tm_mday;
-      extra->wday = shown.tm_wday;
-      extra->hour = shown.tm_hour;
-    }
   }
   tv_sec = result;
   tv_usec = usec;
