@@ -241,7 +241,8 @@ TEST_F(DateParserGuesserTest, SetMinMaxDaysClampsAndLogs) {
        "INFO Setting maxDaysAgo=10950 and maxDaysHence=10950"},
       {10951, 99999, 946080000, 946080000,
        "INFO Setting maxDaysAgo=10950 and maxDaysHence=10950"},
-      {0, -5, 0, 0, "INFO Setting maxDaysAgo=0 and maxDaysHence=0"},
+      {0, -5, 0, -432000, "INFO Setting maxDaysAgo=0 and maxDaysHence=-5"},
+      {-20000, 0, -946080000, 0, "INFO Setting maxDaysAgo=-10950 and maxDaysHence=0"},
   };
   for (const auto& c : kCases) {
     ScopedLogCapture log("DateParserVerbose");

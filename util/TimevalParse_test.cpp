@@ -322,8 +322,9 @@ TEST_F(TimevalParse, ExtraTellsPrecisionZoneAndReading) {
        "2025-5-15 0 8:30:15"},
       // A weekday in the text is kept even when it is wrong.
       {"%a %Y-%m-%d %H:%M", "Tue 2025-06-15 08:30", -1, false, 0, 0, "2025-5-15 2 8:30:0"},
-      // The afternoon of an unmarked time moves the reading on.
-      {"%I:%M:%S.%3N", "12:10:00.500", 3, false, 0, 500000, "2025-5-15 0 12:10:0"},
+      // An unmarked 12-hour time reports the hour as read (12 is 0), even
+      // when the afternoon is the reading taken.
+      {"%I:%M:%S.%3N", "12:10:00.500", 3, false, 0, 500000, "2025-5-15 0 0:10:0"},
       {"%s.%3N", "1234567890.250", 3, true, 0, 250000, "2009-1-13 5 23:31:30"},
   };
   for (const auto& c : kCases) {
