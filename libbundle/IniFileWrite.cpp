@@ -84,7 +84,10 @@ bool IniFile::flushToPath(const Pathname& path) {
     for (const Str& line : stanza.comments()) ok = iniwrite(out, line, LINE) && ok;
     if (!firstStanza && stanza.comments().empty()) ok = iniwrite(out, Str::EMPTY_STR, LINE) && ok;
     firstStanza = false;
-    header.assign("[").append(st.key()).append("]");
+    header.clear();
+    header.push_back('[');
+    header.append(st.key());
+    header.push_back(']');
     ok = iniwrite(out, header, ITEM) && ok;
     for (auto s = stanza.settings().begin(); s != stanza.settings().end(); ++s) {
       for (const Str& line : s.value().comments()) ok = iniwrite(out, line, LINE) && ok;

@@ -4,6 +4,7 @@
 
 namespace {
 
+// Reads after the first go in blocks of this size.
 constexpr size_t BLOCK_SIZE = 64 * 1024;
 
 }  // namespace
@@ -44,10 +45,9 @@ bool UnicodeLineDecoder::decodeMore() {
   if (!_settled) {
     settleEncoding();
   } else if (!_atEnd) {
-    const size_t had = _raw.size();
-    _raw.resize(had + BLOCK_SIZE);
-    const size_t n = read_bytes(reinterpret_cast<unsigned char*>(&_raw[had]), BLOCK_SIZE);
-    _raw.resize(had + n);
+    if (_block.empty()) _block.resize(BLOCK_SIZE);
+    const size_t n = read_bytes(_block.data(), _block.size());
+    _raw.append(reinterpret_cast<const char*>(_block.data()), n);
     if (n == 0) _atEnd = true;
   } else {
     return false;

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <string>
+#include <vector>
 
 #include "libzero/FileEncoding.h"
 
@@ -50,6 +51,7 @@ class UnicodeLineDecoder {
   bool _settled = false;
   bool _atEnd = false;
   const UTF8Converter* _engine = nullptr;
+  std::vector<unsigned char> _block;  // read buffer, allocated on first use
   std::string _raw;      // input bytes not yet decoded (a unit cut short)
   std::string _decoded;  // UTF-8 not yet handed out starts at _pos
   size_t _pos = 0;
