@@ -215,6 +215,9 @@ TEST(IniFile, RewritesAsWritten) {
       {"[s]\r\nk=v\r\n", "[s]\nk = v\n"},
       {"[s]\nk=a\rb\n", "[s]\nk = a\\\rb\n"},
       {"[s]\nk=a\r\r\n", "[s]\nk = a\\\r\n"},
+      // Trimmed, the value ends in a backslash: written so, it continues
+      // into the next line when read back.
+      {"[s]\nk=x\\ \nj=1\n", "[s]\nk = x\\\nj = 1\n"},
       {"[s]\n\\[k=v\n", "[s]\n\\[k = v\n"},
       {"[s]\nc:\\\\d=1\n", "[s]\nc:\\\\d = 1\n"},
       {"[s]\n=v\n", "[s]\n = v\n"},
