@@ -27,25 +27,29 @@ void check(bool ok, const char* what) {
 
 void checkText(const Str& s, const char* what) { check(mem_is_valid_utf8(s.data(), s.size()), what); }
 
-// Two shapes that a rewrite cannot keep, by the rules of the format: a
+// Three shapes that a rewrite cannot keep, by the rules of the format: a
 // value whose trimmed text ends in a backslash is written as a continuation
-// and takes the next line with it, and a lone CR (one not ending a line) is
-// written as it stands and may end a line on the way back.
-bool rewriteMayJoinLines(const IniFile& ini) {
-  auto hasCr = [](const StrVector& lines) {
+// and takes the next line with it; a lone CR (one not ending a line) is
+// written as it stands and may end a line on the way back; and a line that
+// is no setting is kept with its backslashes removed, so "\[x]" comes back
+// as a header and "a\=b" as a setting.
+bool rewriteMayReshape(const IniFile& ini) {
+  auto hasFragileLine = [](const StrVector& lines) {
     for (const Str& l : lines) {
       if (l.find('\r') != Str::npos) return true;
+      const size_t first = l.find_first_not_of(" \t\r\n");
+      if (first != Str::npos && l[first] != '#' && l[first] != ';') return true;
     }
     return false;
   };
-  if (hasCr(ini.fileHeaderLines()) || hasCr(ini.fileTrailerLines())) return true;
+  if (hasFragileLine(ini.fileHeaderLines()) || hasFragileLine(ini.fileTrailerLines())) return true;
   for (auto st = ini.stanzas().begin(); st != ini.stanzas().end(); ++st) {
-    if (st.key().find('\r') != Str::npos || hasCr(st.value().comments())) return true;
+    if (st.key().find('\r') != Str::npos || hasFragileLine(st.value().comments())) return true;
     const auto& settings = st.value().settings();
     for (auto s = settings.begin(); s != settings.end(); ++s) {
       const Str value = s.value().value().trim();
       if (value.endswith('\\') || value.find('\r') != Str::npos) return true;
-      if (s.key().find('\r') != Str::npos || hasCr(s.value().comments())) return true;
+      if (s.key().find('\r') != Str::npos || hasFragileLine(s.value().comments())) return true;
     }
   }
   return false;
@@ -122,7 +126,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const bool stable = fileEncodingHasBom(ini.getFileEncoding()) &&
                       (kind == FILE_ENCODING_UTF8 || kind == FILE_ENCODING_UTF16BE ||
                        kind == FILE_ENCODING_UTF32BE);
-  if (stable && !rewriteMayJoinLines(ini)) {
+  if (stable && !rewriteMayReshape(ini)) {
     check(again.getFileEncoding() == ini.getFileEncoding(), "a marked encoding reads back");
     check(again.stanzas().size() == ini.stanzas().size(), "stanzas survive a rewrite");
   }

@@ -225,6 +225,9 @@ TEST(IniFile, RewritesAsWritten) {
       {"[s]\nk=1\n[t]\n[s]\nk=2\nj=3\n", "[s]\nk = 1\nj = 3\n\n[t]\n"},
       {"[a]b]\n", "[a]b]\n"},
       {"[s]\nno pair\n", "[s]\nno pair\n"},
+      // A line that is no setting loses its backslashes, and may then read
+      // back as something else: here a header.
+      {"[s]\n\\[t]\n", "[s]\n[t]\n"},
       {"[s]\n[a\\\nb]\n", "[s]\n\n[a\\\nb]\n"},
   };
   TestTempDir dir;
