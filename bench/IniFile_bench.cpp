@@ -11,7 +11,6 @@
 #include <string>
 
 #include "libbundle/IniFile.h"
-#include "util/Logger.h"
 #include "util/Pathname.h"
 
 namespace {
@@ -29,7 +28,7 @@ std::string generatedText() {
     text += "[source::/var/log/app" + std::to_string(stanza++) + "/*.log]\n";
     for (unsigned n = 5 + rng() % 20; n > 0; --n) {
       if (rng() % 8 == 0) text += "# explains the next setting\n";
-      text += "setting_" + std::to_string(rng() % 1000) + " = ";
+      text += "setting_" + std::to_string(n) + " = ";
       for (unsigned len = 10 + rng() % 60; len > 0; --len) {
         text.push_back(static_cast<char>('a' + rng() % 26));
       }
@@ -61,7 +60,6 @@ class BenchFiles {
     _paths[1] = Pathname((base + "-utf16.conf").c_str());
     std::ofstream(std::string(_paths[0]), std::ios::binary) << text;
     std::ofstream(std::string(_paths[1]), std::ios::binary) << utf16le(text);
-    Logger::setChannelLevel("IniFile", "ERROR");
   }
   ~BenchFiles() {
     _paths[0].unlink();

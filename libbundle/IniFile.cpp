@@ -1,5 +1,8 @@
 #include "libbundle/IniFile.h"
 
+#include <string_view>
+#include <utility>
+
 #include "libbundle/IniFileParser.h"
 #include "util/Logger.h"
 #include "util/StrSegment.h"
@@ -8,12 +11,23 @@ namespace {
 
 Logger gLogger("IniFile");
 
+// The key without blanks and tabs at either end. Keys are compared on every
+// step of a lookup, so this stays a plain scan.
+std::string_view trimmedKey(const Str& key) {
+  size_t begin = 0;
+  size_t end = key.size();
+  while (begin < end && (key[begin] == ' ' || key[begin] == '\t')) ++begin;
+  while (end > begin && (key[end - 1] == ' ' || key[end - 1] == '\t')) --end;
+  return std::string_view(key.data() + begin, end - begin);
+}
+
 }  // namespace
 
 const Str IniFile::DEFAULT_STANZA("default");
 
 bool inicmp::operator()(const Str& a, const Str& b) const {
-  return StrSegment(a).trim().compare(StrSegment(b).trim()) < 0;
+  // std::string_view compares as unsigned bytes, a shorter prefix first.
+  return trimmedKey(a) < trimmedKey(b);
 }
 
 std::pair<IniStanza::Settings::iterator, bool> IniStanza::insert(const Str& key,
@@ -75,7 +89,7 @@ void IniFile::init(FileStar& file) {
         if (current == nullptr) {
           current = &_stanzas.insert(DEFAULT_STANZA, IniStanza()).first.value();
         }
-        if (!current->settings().insert(name, IniSetting(value, pending)).second) {
+        if (!current->settings().insert(name, IniSetting(value, std::move(pending))).second) {
           gLogger.warn() << parser.getCurrentLineNumberDebugStr()
                          << ": Key used more than once in the same stanza: " << name << ": "
                          << value;

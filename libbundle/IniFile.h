@@ -30,6 +30,8 @@ class IniSetting {
  public:
   IniSetting() = default;
   IniSetting(const Str& value, const StrVector& comments) : _comments(comments), _value(value) {}
+  IniSetting(const Str& value, StrVector&& comments)
+      : _comments(std::move(comments)), _value(value) {}
 
   // The lines above the setting, verbatim.
   const StrVector& comments() const { return _comments; }

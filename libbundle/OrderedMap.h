@@ -112,17 +112,29 @@ class OrderedMap {
   // Copies `key` and `value` in. The bool is false when an equal key was
   // already there: the first key and value stay and the copies are freed.
   // The iterator reads the element that is in the map either way.
+  // The rvalue form moves `value` in when the key is new.
   std::pair<iterator, bool> insert(const Key& key, const Value& value) {
+    return internal_insert(key, value);
+  }
+  std::pair<iterator, bool> insert(const Key& key, Value&& value) {
+    return internal_insert(key, std::move(value));
+  }
+
+ private:
+  template <class V>
+  std::pair<iterator, bool> internal_insert(const Key& key, V&& value) {
     const auto found = _index.find(&key);
     if (found != _index.end()) {
       return {iterator(Entry(const_cast<Key*>(found->first), found->second), _list.end()), false};
     }
     Key* k = new Key(key);
-    Value* v = new Value(value);
+    Value* v = new Value(std::forward<V>(value));
     _index.emplace(k, v);
     _list.emplace_back(k, v);
     return {iterator(Entry(k, v), _list.end()), true};
   }
+
+ public:
 
   // The element whose key equals `key` under Compare, or end().
   iterator find(const Key& key) {
