@@ -5,7 +5,6 @@
 
 #include "libbundle/IniFileParser.h"
 #include "util/Logger.h"
-#include "util/StrSegment.h"
 
 namespace {
 
