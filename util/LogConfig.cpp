@@ -28,6 +28,10 @@ void cutTrailingBlanks(Str& s) {
 // The key and name words end at any of these.
 constexpr const char* KEY_END = "=. \t";
 
+// Keys may carry this prefix from the format's origins; it says nothing, and
+// the rest of the key is read as if it stood alone.
+constexpr const char* DROPPED_KEY_PREFIX = "log4cpp.";
+
 }  // namespace
 
 LogConfigReader::LogConfigReader(const char* section, const std::map<Str, Pathname>& variables)
@@ -101,21 +105,30 @@ void LogConfigReader::readText(const Pathname& file, const Str& text) {
   if (inComment) _errors.push_back({file, commentStart, Str(), true});
 }
 
-void LogConfigReader::parseLine(const Pathname& file, unsigned lineNumber, const Str& line) {
-  if (line[0] == '[') {
-    const size_t close = line.find(']');
+void LogConfigReader::parseLine(const Pathname& file, unsigned lineNumber, const Str& asRead) {
+  if (asRead[0] == '[') {
+    const size_t close = asRead.find(']');
     if (close == Str::npos) {
-      addError(file, lineNumber, line);
+      addError(file, lineNumber, asRead);
       return;
     }
     if (_section != nullptr) {
-      const Str name(line, 1, close - 1);
+      const Str name(asRead, 1, close - 1);
       _sectionActive =
           mem_compare_caseless(name.data(), name.size(), _section, std::strlen(_section)) == 0;
     }
     return;
   }
   if (!_sectionActive) return;
+  if (asRead.startswith(DROPPED_KEY_PREFIX)) {
+    parseKey(file, lineNumber, Str(asRead, std::strlen(DROPPED_KEY_PREFIX)), asRead);
+    return;
+  }
+  parseKey(file, lineNumber, asRead, asRead);
+}
+
+void LogConfigReader::parseKey(const Pathname& file, unsigned lineNumber, const Str& line,
+                               const Str& asRead) {
 
   const size_t keyEnd = std::min(line.find_first_of(KEY_END), line.size());
   const Str word(line, 0, keyEnd);
@@ -124,22 +137,22 @@ void LogConfigReader::parseLine(const Pathname& file, unsigned lineNumber, const
   if (word == "rootCategory") {
     const size_t eq = skipBlanks(line, keyEnd);
     if (eq >= line.size() || line[eq] != '=') {
-      addError(file, lineNumber, line);
+      addError(file, lineNumber, asRead);
       return;
     }
-    _root = {file, lineNumber, Str(line, eq + 1, Str::npos), line};
+    _root = {file, lineNumber, Str(line, eq + 1, Str::npos), asRead};
     _haveRoot = true;
     return;
   }
   if (word == "category" && next == '.') {
-    _categories.push_back({file, lineNumber, Str(line, keyEnd + 1, Str::npos), line});
+    _categories.push_back({file, lineNumber, Str(line, keyEnd + 1, Str::npos), asRead});
     return;
   }
   if (word == "appender" && next == '.') {
     const size_t nameStart = keyEnd + 1;
     const size_t nameEnd = std::min(line.find_first_of(KEY_END, nameStart), line.size());
     if (nameEnd == nameStart) {
-      addError(file, lineNumber, line);
+      addError(file, lineNumber, asRead);
       return;
     }
     LogAppender* appender = LogAppender::find(Str(line, nameStart, nameEnd - nameStart), true);
@@ -148,21 +161,21 @@ void LogConfigReader::parseLine(const Pathname& file, unsigned lineNumber, const
       const size_t attrEnd = std::min(line.find_first_of("= \t", attrStart), line.size());
       const size_t eq = skipBlanks(line, attrEnd);
       if (attrEnd == attrStart || eq >= line.size() || line[eq] != '=') {
-        addError(file, lineNumber, line);
+        addError(file, lineNumber, asRead);
         return;
       }
       const Str value(line, skipBlanks(line, eq + 1), Str::npos);
       if (!appender->setAttribute(Str(line, attrStart, attrEnd - attrStart), value, _variables)) {
-        addError(file, lineNumber, line);
+        addError(file, lineNumber, asRead);
       }
       return;
     }
     // A bare "appender.name =" names the appender and sets nothing.
     const size_t eq = skipBlanks(line, nameEnd);
-    if (eq >= line.size() || line[eq] != '=') addError(file, lineNumber, line);
+    if (eq >= line.size() || line[eq] != '=') addError(file, lineNumber, asRead);
     return;
   }
-  addError(file, lineNumber, line);
+  addError(file, lineNumber, asRead);
 }
 
 void LogConfigReader::addError(const Pathname& file, unsigned line, const Str& text) {

@@ -21,8 +21,9 @@
 //   appender.main.layout.ConversionPattern = %d %-5p %c - %m%n
 //   [section]                             (see the constructor)
 //
-// Leading blanks and tabs are skipped; a key ends at "=", ".", a blank or a
-// tab. Appender attributes apply as they are read (LogAppender::
+// Leading blanks and tabs are skipped; a leading "log4cpp." on a key is
+// dropped ("log4cpp.rootCategory" is "rootCategory"); a key ends at "=",
+// ".", a blank or a tab. Appender attributes apply as they are read (LogAppender::
 // setAttribute); the root and category lines are kept and applied by
 // applyChannels(), the root first, then the categories in the order read,
 // so later lines win. Problems are not reported while reading, since the
@@ -74,7 +75,10 @@ class LogConfigReader {
     Str text;   // the whole line, for error reports
   };
 
-  void parseLine(const Pathname& file, unsigned lineNumber, const Str& line);
+  // `asRead` is the line as read (for error reports); parseKey gets it
+  // again as `line` with a leading "log4cpp." dropped.
+  void parseLine(const Pathname& file, unsigned lineNumber, const Str& asRead);
+  void parseKey(const Pathname& file, unsigned lineNumber, const Str& line, const Str& asRead);
   void addError(const Pathname& file, unsigned line, const Str& text);
 
   const char* _section;

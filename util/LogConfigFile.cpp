@@ -1,21 +1,26 @@
 #include "util/LogConfigFile.h"
 
-#include "util/FileDescriptor.h"
+#include <cerrno>
+#include <cstdio>
+
+#include "util/FileStar.h"
+#include "util/ReadableUnicodeStream.h"
+#include "util/StrSegment.h"
 
 bool readLogConfigFile(const Pathname& path, Str* text) {
   text->clear();
-  ScopedFileDescriptor fd(path.openReadOnly());
-  if (!fd.valid()) return false;
-  char buf[8192];
-  for (;;) {
-    const ssize_t n = fd.read(buf, sizeof buf);
-    if (n < 0) {
-      text->clear();
-      return false;
-    }
-    if (n == 0) break;
-    text->append(buf, static_cast<size_t>(n));
+  ScopedFileStar file(path, "r");
+  if (!file.valid()) return false;
+  ReadableUnicodeFileStar in(file);
+  StrSegment line;
+  while (in.readline(line)) {
+    text->append(line);
+    text->push_back('\n');
   }
-  if (text->compare(0, 3, "\xEF\xBB\xBF") == 0) text->erase(0, 3);
+  if (ferror(file.get())) {
+    if (errno == 0) errno = EIO;
+    text->clear();
+    return false;
+  }
   return true;
 }

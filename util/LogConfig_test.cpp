@@ -12,6 +12,7 @@
 #include "util/testing/LogCapture.h"
 #include "util/LogChannel.h"
 #include "util/LogFormat.h"
+#include "util/testing/IconvOracle.h"
 #include "util/testing/TestTempDir.h"
 
 namespace {
@@ -182,6 +183,62 @@ TEST(LogConfigReader, ReadsFilesWithOrWithoutAByteOrderMark) {
   EXPECT_FALSE(reader.readFile(dir / "absent.cfg"));
   EXPECT_EQ(ENOENT, errno);
   EXPECT_EQ(1u, reader.errors().size());  // nothing recorded for a missing file
+}
+
+TEST(LogConfigReader, ReadsUtf16AndUtf32FilesThatCarryAMark) {
+  const struct {
+    const char* encoding;
+    const char* mark;
+    size_t markLen;
+  } kCases[] = {
+      {"UTF-16LE", "\xFF\xFE", 2},
+      {"UTF-16BE", "\xFE\xFF", 2},
+      {"UTF-32LE", "\xFF\xFE\0\0", 4},
+      {"UTF-32BE", "\0\0\xFE\xFF", 4},
+  };
+  TestTempDir dir;
+  for (const auto& c : kCases) {
+    const std::string channel = std::string("Wide") + c.encoding;
+    const Pathname path = dir / (channel + ".cfg");
+    writeTestFile(path, std::string(c.mark, c.markLen) +
+                            iconvFromUtf8("# caf\xC3\xA9\r\ncategory." + channel +
+                                              " = CRIT\r\nno good\r\n",
+                                          c.encoding));
+    LogConfigReader reader(nullptr, kNoVariables);
+    ASSERT_TRUE(reader.readFile(path)) << c.encoding;
+    reader.applyChannels();
+    EXPECT_EQ(LOGLEVEL_CRIT, LogChannel::find(Str(channel))->level()) << c.encoding;
+    EXPECT_EQ(std::vector<std::string>{"3:P"}, errorSummary(reader)) << c.encoding;
+    ASSERT_EQ(1u, reader.errors().size());
+    EXPECT_EQ("no good", reader.errors()[0].text) << c.encoding;
+  }
+}
+
+TEST(LogConfigReader, DropsTheFormatsOldKeyPrefix) {
+  ScopedRootChannel keepRoot;
+  TestTempDir dir;
+  const Pathname path = dir / "prefixed.cfg";
+  writeTestFile(path,
+                "log4cpp.rootCategory = DEBUG\n"
+                "log4cpp.category.PrefixedChannel = ERROR\n"
+                "log4cpp.appender.prefixed.fileName = " + std::string(dir / "p.log") + "\n"
+                "log4cpp.appender.prefixed.layout = PatternLayout\n"
+                "log4cpp.appender.prefixed.layout.ConversionPattern = %p %m%n\n"
+                "category.PrefixedToo = WARN, prefixed\n"
+                "log4cpp.nonsense = 1\n"
+                "log4cpp.log4cpp.category.Twice = ERROR\n");
+  LogConfigReader reader(nullptr, kNoVariables);
+  ASSERT_TRUE(reader.readFile(path));
+  reader.applyChannels();
+  EXPECT_EQ(LOGLEVEL_DEBUG, LogChannel::root().level());
+  EXPECT_EQ(LOGLEVEL_ERROR, LogChannel::find("PrefixedChannel")->level());
+  EXPECT_EQ(LOGLEVEL_WARN, LogChannel::find("PrefixedToo")->level());
+  EXPECT_EQ(std::vector<LogAppender*>({LogAppender::find("prefixed", false)}),
+            LogChannel::find("PrefixedToo")->appenders());
+  // Only one prefix goes; errors quote the line as it was written.
+  EXPECT_EQ(std::vector<std::string>({"7:P", "8:P"}), errorSummary(reader));
+  ASSERT_EQ(2u, reader.errors().size());
+  EXPECT_EQ("log4cpp.nonsense = 1", reader.errors()[0].text);
 }
 
 TEST(LogConfigReader, TheShippedCommandLineConfigurationParsesCleanly) {
