@@ -120,6 +120,16 @@ TEST(GzipStream, ShortWritesContinueAndFailuresReport) {
   EXPECT_EQ(EIO, errno);
 }
 
+TEST(GzipStream, WriteAfterFinishIsRefused) {
+  StringGzipWriter w(Timeval(1, 0));
+  ASSERT_TRUE(w.finish());
+  errno = 0;
+  EXPECT_EQ(-1, w.write("late", 4));  // deflate's stream is finished
+  EXPECT_EQ(ENOEXEC, errno);
+  w.startNewFile(Timeval(1, 0));
+  EXPECT_EQ(4, w.write("late", 4));
+}
+
 TEST(GzipStream, SyncFlushMakesEverythingSoFarReadable) {
   StringGzipWriter w(Timeval(1, 0));
   ASSERT_EQ(11, w.write("first part\n", 11, WritableGzipStream::SYNC_FLUSH));
