@@ -13,7 +13,7 @@
 class Timeval;
 struct z_stream_s;
 
-// One heap buffer of fixed size, freed with the object.
+// One heap buffer of fixed size, freed with the object. One owner.
 struct gzip_buffer {
   // REQUIRES: bufsiz > 0. Throws std::bad_alloc.
   explicit gzip_buffer(unsigned long bufsiz);
@@ -79,7 +79,7 @@ class DecompressingZlibStream : public ZlibStream {
 };
 
 // The part both directions share: a buffer (output for writing, input for
-// reading) and the zlib stream.
+// reading) and the zlib stream. One owner at a time.
 template <class ZS>
 class internal_RWGzipStream {
  protected:
