@@ -24,6 +24,8 @@ const uint8_t GZIP_METHOD_DEFLATE = 8;
 const uint8_t GZIP_OS_UNIX = 3;
 const size_t GZIP_HEADER_SIZE = 10;
 const size_t GZIP_FOOTER_SIZE = 8;
+// The most that one zlib call is given, well inside its 32-bit counts.
+const size_t MAX_ZLIB_PIECE = 1UL << 30;
 
 // Header flag bits.
 const uint8_t FLAG_HCRC = 0x02;
@@ -200,10 +202,19 @@ bool WritableGzipStream::internal_runDeflate(int flush) {
 }
 
 ssize_t WritableGzipStream::write(const void* data, unsigned long len, int flush) {
-  _crc = static_cast<uint32_t>(crc32(_crc, static_cast<const Bytef*>(data), static_cast<uInt>(len)));
-  _count += static_cast<uint32_t>(len);
-  _zs.setInput(data, len);
-  if (!internal_runDeflate(flush)) return -1;
+  // zlib counts in 32 bits: larger input goes in pieces, the flush with the
+  // last one.
+  const unsigned char* p = static_cast<const unsigned char*>(data);
+  unsigned long left = len;
+  do {
+    const size_t piece = left < MAX_ZLIB_PIECE ? left : MAX_ZLIB_PIECE;
+    _crc = static_cast<uint32_t>(crc32(_crc, p, static_cast<uInt>(piece)));
+    _count += static_cast<uint32_t>(piece);
+    _zs.setInput(p, piece);
+    if (!internal_runDeflate(piece == left ? flush : Z_NO_FLUSH)) return -1;
+    p += piece;
+    left -= piece;
+  } while (left > 0);
   return static_cast<ssize_t>(len);
 }
 
@@ -318,6 +329,7 @@ ssize_t ReadableGzipStream::read(void* buf, unsigned long n, unsigned long long 
     return -1;
   }
   const Timeval start = Timeval::now();
+  if (n > MAX_ZLIB_PIECE) n = MAX_ZLIB_PIECE;
   _zs.setOutput(buf, n);
   ssize_t streamResult = 1;
   int savedErrno = 0;

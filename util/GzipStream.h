@@ -183,12 +183,14 @@ class ReadableGzipStream : public DecompressingGzipStream {
   // `bufferSize` is the input buffer. REQUIRES: bufferSize > 0.
   explicit ReadableGzipStream(unsigned long bufferSize);
 
-  // Up to `n` decompressed bytes into `buf`. Returns the count when any
-  // bytes came; else 0 for a clean end (end of input between members),
-  // -1 with errno ENOEXEC for data that is not gzip, is damaged or ends
-  // inside a member, -1 with read_stream's errno when that failed, and -2
-  // when `timeoutMsec` (0: none) passed with nothing produced. Throws
-  // std::bad_alloc when zlib is out of memory.
+  // Up to `n` (at most 1 GiB) decompressed bytes into `buf`. Returns the
+  // count when any bytes came; else 0 for a clean end (end of input between
+  // members), -1 with errno ENOEXEC for data that is not gzip, is damaged
+  // or ends inside a member, -1 with read_stream's errno when that failed,
+  // and -2 when `timeoutMsec` (0: none) passed with nothing produced. Bytes
+  // produced before a failure of read_stream or a refused header come first,
+  // and the failure with the next call. Throws std::bad_alloc when zlib is
+  // out of memory.
   ssize_t read(void* buf, unsigned long n, unsigned long long timeoutMsec = 0);
 
  protected:
