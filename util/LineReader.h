@@ -1,6 +1,6 @@
 // LineReader: one interface for reading lines from a string, a C stream, a
-// descriptor (and, with the streams work, a gzip file). The buffered
-// readers live in util/BufferedLineReader.h.
+// descriptor or a gzip file. The buffered readers live in
+// util/BufferedLineReader.h, the gzip one in util/GZLineReader.h.
 #pragma once
 
 #include <cstdint>
