@@ -316,6 +316,10 @@ bool BTree::checkValid(Record& scratch) {
     return false;
   }
   if (!validate()) return false;
+  if (!_root && indexSize > INDEX_HEADER_BYTES) {
+    gLogger.error("no root read, but the index file holds %ld bytes", indexSize);
+    return false;
+  }
   ValidateVisitor visitor(static_cast<uint64_t>(indexSize), static_cast<uint64_t>(recordSize),
                           recordEntryBytes(scratch.serialBytes(), _blankKey->serialBytes()));
   try {
