@@ -46,11 +46,20 @@ bool BTree::Node::readLE(const FileDescriptor& fd) {
   if (!readFully(fd, buf, bytes)) return false;
   _keys.clear();
   _children.clear();
+  // Blank slots are recognised by their bytes, so that only real keys
+  // cost an object.
+  char blank[BTree::Block_Size];
+  _blankKey->outputLE(0, blank, keyBytes);
   const char* broken = nullptr;
   bool blankFound = false;
   for (size_t i = 0; i < _order && broken == nullptr; ++i) {
+    const size_t pos = nodeKeyPos(i, keyBytes);
+    if (std::memcmp(buf + pos, blank, keyBytes) == 0) {
+      blankFound = true;
+      continue;
+    }
     std::unique_ptr<Key> k = _blankKey->clone();
-    k->inputLE(nodeKeyPos(i, keyBytes), buf, bytes);
+    k->inputLE(pos, buf, bytes);
     if (*k == *_blankKey) {
       blankFound = true;
     } else if (blankFound) {
