@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <typeinfo>
 #include <unordered_set>
 
 #include "util/Assert.h"
@@ -200,6 +201,7 @@ void BTree::close() {
 
 void BTree::addUpdate(const Key& key, const Record& record) {
   requireOpen("called debug on btree that isn't open");
+  kassert(typeid(key) == typeid(*_blankKey));
   if (key == *_blankKey) {
     throw InvalidKeyException("cannot add the blank key " + key.toString());
   }
@@ -267,6 +269,7 @@ void BTree::_reloadRoot() {
 
 bool BTree::retrieve(const Key& key, Record& record) {
   requireOpen("called retrieve on btree that isn't open");
+  kassert(typeid(key) == typeid(*_blankKey));
   if (key == *_blankKey) {
     throw InvalidKeyException("cannot retrieve the blank key " + key.toString());
   }
@@ -294,6 +297,12 @@ bool BTree::_walk(Visitor& visitor, Record& scratch, const Node& node, unsigned 
     if (node.isLeaf()) {
       if (!_recordFile->seek_set(children[i])) node.raise("rfs seek_set failure in BTree::accept");
       if (!scratch.readLE(*_recordFile)) node.raise("Record::readLE failure in BTree::accept");
+      // The entry's key copy ties it to its key: two keys sharing one entry
+      // would overwrite each other's records.
+      std::unique_ptr<Key> copy = _blankKey->clone();
+      if (!copy->readLE(*_recordFile) || !(*copy == *node.keys()[i])) {
+        node.raise(Str().format("%zuth record's key copy differs in BTree::accept", i));
+      }
       if (!scratch.accept(visitor, depth)) return false;
       continue;
     }

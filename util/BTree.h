@@ -140,19 +140,23 @@ class BTree {
   virtual bool open(const Pathname& dir);
   // Forgets the root and closes both files. Harmless when closed.
   virtual void close();
-  // Inserts `key` or overwrites its record in place.
+  // Inserts `key` or overwrites its record in place. REQUIRES: `key` is of
+  // the blank key's class ("typeid(key) == typeid(*_blankKey)").
   virtual void addUpdate(const Key& key, const Record& record);
   // True and `record` filled when `key` is present; false otherwise.
   virtual bool retrieve(const Key& key, Record& record);
   // Validates the headers and every node reachable from the root: the node
   // checks of Node::validate, ascending keys within the parent's range, all
-  // leaves at one depth, no node reached twice. `scratch` is read into and
+  // leaves at one depth, no node reached twice, each record entry's key copy
+  // equal to its key. `scratch` is read into and
   // gives the record size. False after logging the first failure.
   virtual bool checkValid(Record& scratch);
   // Writes the whole tree, one line per node, key and record, to `out`.
   virtual void debug(FileStar& out, Record& scratch);
   // Walks the tree; records are read into `scratch`. Returns false when a
-  // visit stopped the walk.
+  // visit stopped the walk. Throws IOException when a node or record cannot
+  // be read, a node is reached twice, the path passes MAX_DEPTH, or an
+  // entry's key copy differs from its key.
   bool accept(Visitor& visitor, Record& scratch);
   virtual Str toString() const;
   // Re-reads the headers and compares the stored order with the one in use;

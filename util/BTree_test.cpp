@@ -370,6 +370,22 @@ TEST(BTreeCheckValid, ReportsEachDamageWithItsMessage) {
   }
 }
 
+TEST(BTreeCheckValid, TwoKeysSharingOneEntryAreCaught) {
+  TestTempDir dir;
+  fill(dir.path(), 4, 3);
+  // The root leaf's second key gets the first key's entry.
+  patchLE64(dir / "btree_index.dat", 24 + bt::nodeChildPos(4, 8, 1), 16);
+  BTree tree(kBlank, 4);
+  ASSERT_TRUE(tree.open(dir.path()));
+  ScopedLogCapture log("BTree");
+  PairRecord scratch;
+  EXPECT_FALSE(tree.checkValid(scratch));
+  EXPECT_NE(std::string::npos,
+            log.text().find("ERROR checkValid: BTree::Exception: 1th record's key copy differs "
+                            "in BTree::accept, Node @24 keys=[0x1,0x2,0x3] children=[16,16,64]"))
+      << log.text();
+}
+
 TEST(BTreeCheckValid, OrderChangedUnderAnOpenTree) {
   TestTempDir dir;
   fill(dir.path(), 3, 5);

@@ -57,9 +57,9 @@ class PairRecord : public bt::BTree::Record {
   }
   size_t serialBytes() const override { return 16; }
   bool operator==(const Record& other) const override {
-    const auto& o = static_cast<const PairRecord&>(other);
-    return _a == o._a && _b == o._b;
+    return *this == static_cast<const PairRecord&>(other);
   }
+  bool operator==(const PairRecord& other) const { return _a == other._a && _b == other._b; }
   Str toString() const override {
     return Str().format("a=%llu b=%llu", static_cast<unsigned long long>(_a),
                         static_cast<unsigned long long>(_b));
