@@ -201,7 +201,8 @@ void BTree::close() {
 
 void BTree::addUpdate(const Key& key, const Record& record) {
   requireOpen("called debug on btree that isn't open");
-  kassert(typeid(key) == typeid(*_blankKey));
+  const Key& blankKey = *_blankKey;
+  kassert(typeid(key) == typeid(blankKey));
   if (key == *_blankKey) {
     throw InvalidKeyException("cannot add the blank key " + key.toString());
   }
@@ -269,7 +270,8 @@ void BTree::_reloadRoot() {
 
 bool BTree::retrieve(const Key& key, Record& record) {
   requireOpen("called retrieve on btree that isn't open");
-  kassert(typeid(key) == typeid(*_blankKey));
+  const Key& blankKey = *_blankKey;
+  kassert(typeid(key) == typeid(blankKey));
   if (key == *_blankKey) {
     throw InvalidKeyException("cannot retrieve the blank key " + key.toString());
   }

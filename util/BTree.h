@@ -141,7 +141,7 @@ class BTree {
   // Forgets the root and closes both files. Harmless when closed.
   virtual void close();
   // Inserts `key` or overwrites its record in place. REQUIRES: `key` is of
-  // the blank key's class ("typeid(key) == typeid(*_blankKey)").
+  // the blank key's class ("typeid(key) == typeid(blankKey)").
   virtual void addUpdate(const Key& key, const Record& record);
   // True and `record` filled when `key` is present; false otherwise.
   virtual bool retrieve(const Key& key, Record& record);

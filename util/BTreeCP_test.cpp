@@ -342,6 +342,24 @@ TEST_F(CheckpointTest, CopyBTreeAndAtomicMoveReportTheirFailures) {
   EXPECT_FALSE((db() / "fresh").exists());
 }
 
+TEST_F(CheckpointTest, ATimeThatCannotBeWrittenIsLoggedAndTheCheckpointStands) {
+  BTreeCP tree(kBlank, _scratch, kInterval, 3);
+  ASSERT_TRUE(tree.open(db()));
+  ScopedLogCapture log("BTreeCP");
+  // Writes 1 and 2 copy the two small files; write 3 is snap.dat.
+  gCalls = 0;
+  gFailAt = 3;
+  gFailCount = 1;
+  const bt::WriteCall previous = bt::setWriteCall(&someFailures);
+  EXPECT_TRUE(tree.checkpoint());
+  bt::setWriteCall(previous);
+  EXPECT_TRUE(logged(log, "ERROR unable to serialize checkpoint time to " +
+                              std::string(snapshot() / "snap.dat")))
+      << log.text();
+  EXPECT_EQ(Timeval(1000000, 0), tree.lastCheckpoint());
+  EXPECT_TRUE(readLayoutTree(snapshot()).ok);
+}
+
 TEST(BTreeCPTime, SerialisesWholeSecondsAndReadsThemBack) {
   for (int64_t s : {int64_t{0}, int64_t{1}, int64_t{1700000000}, int64_t{-5}, INT64_MAX}) {
     Timeval back = Timeval::min();

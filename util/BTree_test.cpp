@@ -234,6 +234,52 @@ TEST(BTreeOpen, NoRootWithEntriesNamesBothFiles) {
       << log.text();
 }
 
+TEST(BTreeOpen, AFileThatCannotBeOpenedIsNamed) {
+  TestTempDir dir;
+  writeTestFile(dir / "btree_index.dat" / "inside", "");  // a directory in the file's place
+  ScopedLogCapture log("BTree");
+  BTree tree(kBlank, 255);
+  EXPECT_FALSE(tree.open(dir.path()));
+  EXPECT_TRUE(logged(log, "ERROR cannot open or create file " +
+                              std::string(dir / "btree_index.dat") + ": Is a directory"))
+      << log.text();
+}
+
+TEST(BTreeRetrieve, DamagedChildOffsetsThrowNamingTheStep) {
+  const struct {
+    uint64_t at;     // a child slot of the root, order 3, keys 1..12
+    uint64_t value;
+    uint64_t key;    // looked up through that slot
+    const char* text;
+  } kCases[] = {
+      {24 + bt::nodeChildPos(3, 8, 0), 25, 1,
+       "BTree::Exception: invalid child found in Node::retrieve, Node @24"},
+      {24 + bt::nodeChildPos(3, 8, 0), 24 + 1000 * bt::nodeBytes(3, 8), 1,  // past the end
+       "BTree::Exception: Node::readLE failure in Node::retrieve, Node @24"},
+  };
+  for (const auto& c : kCases) {
+    TestTempDir dir;
+    fill(dir.path(), 3, 12);
+    patchLE64(dir / "btree_index.dat", c.at, c.value);
+    BTree tree(kBlank, 3);
+    ASSERT_TRUE(tree.open(dir.path()));
+    PairRecord r;
+    EXPECT_EQ(0u, thrownText<BTree::IOException>([&] { tree.retrieve(U64Key(c.key), r); })
+                      .find(c.text))
+        << c.text;
+  }
+  // A leaf whose record offset falls inside the header.
+  TestTempDir dir;
+  fill(dir.path(), 3, 2);
+  patchLE64(dir / "btree_index.dat", 24 + bt::nodeChildPos(3, 8, 1), 8);
+  BTree tree(kBlank, 3);
+  ASSERT_TRUE(tree.open(dir.path()));
+  PairRecord r;
+  EXPECT_EQ(0u, thrownText<BTree::IOException>([&] { tree.retrieve(U64Key(2), r); })
+                    .find("BTree::Exception: invalid child found(2) in Node::retrieve, Node @24"));
+  EXPECT_TRUE(tree.retrieve(U64Key(1), r));
+}
+
 TEST(BTreeOpen, DirectoryMustBeReadWritable) {
   TestTempDir dir;
   ScopedLogCapture log("BTree");
