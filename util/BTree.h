@@ -140,16 +140,24 @@ class BTree {
   virtual bool open(const Pathname& dir);
   // Forgets the root and closes both files. Harmless when closed.
   virtual void close();
-  // Inserts `key` or overwrites its record in place. REQUIRES: `key` is of
-  // the blank key's class ("typeid(key) == typeid(blankKey)").
+  // Inserts `key` or overwrites its record in place. Throws IOException
+  // "called debug on btree that isn't open" when closed (debug's text, as
+  // the system has always said), InvalidKeyException for the blank key, and
+  // IOException naming the failed step for any file failure, e.g.
+  // "Record::writeLE failure(2) in Node::_leafAddUpdate, Node @24 keys=[..]
+  // children=[..]"; the root in memory is then read back from the file.
+  // REQUIRES: `key` is of the blank key's class ("typeid(key) ==
+  // typeid(blankKey)").
   virtual void addUpdate(const Key& key, const Record& record);
-  // True and `record` filled when `key` is present; false otherwise.
+  // True and `record` filled when `key` is present; false otherwise. Throws
+  // as addUpdate, with "called retrieve on btree that isn't open" when
+  // closed and e.g. "rfs seek_set failure in Node::retrieve" for damage.
   virtual bool retrieve(const Key& key, Record& record);
   // Validates the headers and every node reachable from the root: the node
   // checks of Node::validate, ascending keys within the parent's range, all
   // leaves at one depth, no node reached twice, each record entry's key copy
-  // equal to its key. `scratch` is read into and
-  // gives the record size. False after logging the first failure.
+  // equal to its key. `scratch` is read into and gives the record size.
+  // False after logging the first failure; never throws.
   virtual bool checkValid(Record& scratch);
   // Writes the whole tree, one line per node, key and record, to `out`.
   virtual void debug(FileStar& out, Record& scratch);
@@ -157,7 +165,8 @@ class BTree {
   // visit stopped the walk. Throws IOException when a node or record cannot
   // be read, a node is reached twice, the path passes MAX_DEPTH, or an
   // entry's key copy differs from its key.
-  bool accept(Visitor& visitor, Record& scratch);
+  virtual bool accept(Visitor& visitor, Record& scratch);
+  // "BTree order=255 open", "... open, no root" or "... closed".
   virtual Str toString() const;
   // Re-reads the headers and compares the stored order with the one in use;
   // logs "order mismatch, inmemory_order=%u, header_order=%u".
