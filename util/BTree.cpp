@@ -201,8 +201,8 @@ void BTree::close() {
 
 void BTree::addUpdate(const Key& key, const Record& record) {
   requireOpen("called debug on btree that isn't open");
-  const Key& blankKey = *_blankKey;
-  kassert(typeid(key) == typeid(blankKey));
+  const Key& blank = *_blankKey;
+  kassert(typeid(key) == typeid(blank));
   if (key == *_blankKey) {
     throw InvalidKeyException("cannot add the blank key " + key.toString());
   }
@@ -270,8 +270,8 @@ void BTree::_reloadRoot() {
 
 bool BTree::retrieve(const Key& key, Record& record) {
   requireOpen("called retrieve on btree that isn't open");
-  const Key& blankKey = *_blankKey;
-  kassert(typeid(key) == typeid(blankKey));
+  const Key& blank = *_blankKey;
+  kassert(typeid(key) == typeid(blank));
   if (key == *_blankKey) {
     throw InvalidKeyException("cannot retrieve the blank key " + key.toString());
   }

@@ -147,7 +147,7 @@ class BTree {
   // "Record::writeLE failure(2) in Node::_leafAddUpdate, Node @24 keys=[..]
   // children=[..]"; the root in memory is then read back from the file.
   // REQUIRES: `key` is of the blank key's class ("typeid(key) ==
-  // typeid(blankKey)").
+  // typeid(blank)").
   virtual void addUpdate(const Key& key, const Record& record);
   // True and `record` filled when `key` is present; false otherwise. Throws
   // as addUpdate, with "called retrieve on btree that isn't open" when
