@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "libbundle/IniFile.h"
 #include "util/Assert.h"
 #include "util/EnvironmentSubstitution.h"
 #include "util/Logger.h"
@@ -225,4 +226,10 @@ bool PropertiesMap::operator<(const PropertiesMap& other) const {
                                         if (x.first != y.first) return x.first < y.first;
                                         return x.second.value() < y.second.value();
                                       });
+}
+
+PropertiesMap::PropertiesMap(const IniStanza& stanza) {
+  for (auto it = stanza.settings().begin(); it != stanza.settings().end(); ++it) {
+    put(Str(StrSegment(it.key()).trim()), Str(StrSegment(it.value().value()).trim()));
+  }
 }

@@ -24,6 +24,8 @@ typedef Str PropertyName;
 // An absent key and a key with an empty value read alike everywhere
 // (get, fill, the typed accessors), but differ in one place: an empty value
 // is present, and so masks the same key in layers added after it.
+class IniStanza;
+
 class PropertiesMap {
  public:
   typedef std::map<PropertyName, Property> Map;
@@ -32,6 +34,9 @@ class PropertiesMap {
   PropertiesMap() = default;
   // A full copy; the permission objects are shared, not copied.
   PropertiesMap(const PropertiesMap&) = default;
+  // The settings of one stanza, in file order, each key and value trimmed of
+  // blanks and tabs; provenance stays at its defaults for the cache to set.
+  explicit PropertiesMap(const IniStanza& stanza);
   PropertiesMap& operator=(const PropertiesMap&) = default;
 
   // ---- The entries ----

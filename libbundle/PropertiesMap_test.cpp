@@ -9,7 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "libbundle/IniFile.h"
 #include "util/testing/LogCapture.h"
+#include "util/testing/TestTempDir.h"
 
 namespace {
 
@@ -64,6 +66,30 @@ TEST(PropertiesMap, AbsentAndEmptyReadAlike) {
   EXPECT_EQ("v", out);
   EXPECT_NE(nullptr, m.getProperty("empty"));  // present, unlike "absent"
   EXPECT_EQ(nullptr, m.getProperty("absent"));
+}
+
+// A stanza read from a file becomes a map of its trimmed settings, with
+// default provenance.
+TEST(PropertiesMap, FromAStanzaOfAFile) {
+  TestTempDir dir;
+  writeTestFile(dir.path() / "props.conf",
+                "[syslog]\n"
+                "TIME_FORMAT =  %b %d %H:%M:%S \t\n"
+                "\tMAX_TIMESTAMP_LOOKAHEAD\t=32\n"
+                "EMPTY =\n"
+                "# a comment\n"
+                "TZ=UTC\n");
+  IniFile file(dir.path() / "props.conf");
+  const IniStanza* stanza = file.stanzas().get(Str("syslog"));
+  ASSERT_NE(nullptr, stanza);
+  const PropertiesMap map(*stanza);
+  EXPECT_EQ("%b %d %H:%M:%S", map.get("TIME_FORMAT"));
+  EXPECT_EQ("32", map.get("MAX_TIMESTAMP_LOOKAHEAD"));
+  EXPECT_EQ("UTC", map.get("TZ"));
+  Str out("kept");
+  EXPECT_FALSE(map.fill("EMPTY", out));
+  EXPECT_EQ("kept", out);
+  EXPECT_EQ(SOURCE_UNSET, map.getHighestPriorityProperty().sourceType());
 }
 
 TEST(PropertiesMap, KeysSortBytewiseUnsignedWithCase) {

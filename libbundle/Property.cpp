@@ -1,6 +1,6 @@
 #include "libbundle/Property.h"
 
-#include "libbundle/DefaultStanza.h"
+#include "libbundle/IniFile.h"
 
 const Str Property::DEFAULT_APPLICATION("system");
 const Str Property::DISABLED_KEY("disabled");
@@ -20,4 +20,4 @@ const Str& Property::getPropertySourceName() const {
   return _sourceType == SOURCE_USER ? _sourceUser.name() : _sourceApplication;
 }
 
-bool Property::isPropertySourceStanzaDefault() const { return _sourceStanza == kDefaultStanzaName; }
+bool Property::isPropertySourceStanzaDefault() const { return _sourceStanza == IniFile::DEFAULT_STANZA; }
