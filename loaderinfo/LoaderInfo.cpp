@@ -110,7 +110,8 @@ int LoaderInfo::parseCommandLine(int argc, const char* const* argv, FILE* out, F
       // A lone "-" has no letter to name: the message still ends its line.
       Str message("Bad Option -");
       if (option != '\0') message += option;
-      return badOption(message + "\n");
+      message += '\n';
+      return badOption(message);
     }
     const char* value = word + 2;
     if (*value == '\0') {

@@ -58,7 +58,6 @@ const EvaluatorType* kNumber = &EvalDatum::NumericType::INSTANCE;
 const EvaluatorType* kBool = &EvalDatum::BoolType::INSTANCE;
 
 bool fitsNumber(const EvaluatorType* t) { return t->mightBeNumeric(); }
-bool fitsBool(const EvaluatorType* t) { return t->mightBeBoolean(); }
 
 // Whether `text` is a decimal number as expressions write them, with an
 // optional sign: "12", "-0.5", ".5", "+1e3"; not "0x1F", "1.", "1e".
