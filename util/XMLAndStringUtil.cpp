@@ -284,6 +284,10 @@ bool XMLAndStringUtil::tokenizeString(StrSegment text, StrVector& out) {
           token.push_back(q);
         }
       }
+    } else if (c == '\\' && p < end) {
+      token.push_back(c);
+      token.push_back(*p++);
+      inToken = true;
     } else if (BLANKS.contains(static_cast<unsigned char>(c))) {
       if (inToken) tokens.push_back(std::move(token));
       token.clear();

@@ -83,8 +83,9 @@ class XMLAndStringUtil {
   // no empty tokens.
   static void liteTokenize(StrSegment text, StrVector& out);
   // As liteTokenize, but a double-quoted stretch is part of its token with
-  // its blanks kept and its quotes removed, and inside quotes a backslash
-  // takes the next byte literally: `a "b c"d \"e` gives a, b cd, \"e.
+  // its blanks kept and its quotes removed. Inside quotes a backslash takes
+  // the next byte literally and is dropped; outside, it and the next byte
+  // are kept as they are: `a "b c"d \"e` gives a, b cd, \"e.
   // False, appending nothing, for an unterminated quote.
   static bool tokenizeString(StrSegment text, StrVector& out);
 };

@@ -66,13 +66,19 @@ bool XmlTypedReads<Self>::internal_trimmed(Str& out) const {
 template <class Self>
 bool XmlTypedReads<Self>::tryToLong(long& out) const {
   Str text;
-  return internal_trimmed(text) && text.tryToLong(out);
+  long value = 0;
+  if (!internal_trimmed(text) || !text.tryToLong(value)) return false;
+  out = value;
+  return true;
 }
 
 template <class Self>
 bool XmlTypedReads<Self>::tryToDouble(double& out) const {
   Str text;
-  return internal_trimmed(text) && text.tryToDouble(out);
+  double value = 0;
+  if (!internal_trimmed(text) || !text.tryToDouble(value)) return false;
+  out = value;
+  return true;
 }
 
 template <class Self>

@@ -130,7 +130,8 @@ class XmlNode : public XmlTypedReads<XmlNode> {
   // Appends a new element, empty or holding `text` as setContent would.
   XmlNode addChild(char const* name);
   XmlNode addChild(char const* name, char const* text);
-  // Appends a new element holding the `len` bytes at `data` as CDATA.
+  // Appends a new element holding the `len` bytes at `data` as CDATA. XML
+  // cannot carry a NUL byte: the written text stops at the first.
   XmlNode addCdataChild(char const* name, char const* data, unsigned long len);
 };
 
