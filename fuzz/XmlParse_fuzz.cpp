@@ -1,7 +1,8 @@
 // Parses arbitrary bytes as a document under each combination of the two
 // parse flags, and checks what holds for any input: a failure is an empty
 // document with error text and a line that is not negative; a success
-// serialises to text that parses again, whose own serialisation is stable;
+// without a DTD serialises to text that parses again, whose own
+// serialisation is stable;
 // every node, attribute and typed read can be walked without harm. The
 // stylesheet compiler gets the parsed document too, when asked. A broken
 // property aborts.
@@ -12,6 +13,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+
+#include <libxml/tree.h>
 
 #include "util/Logger.h"
 #include "util/Pathname.h"
@@ -88,14 +91,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   contents.trimDeclarationInPlace();
   check(contents.size() <= once.size(), "trimming never grows");
 
+  // A DTD is written without its parameter entity references, so an entity
+  // that only they declared is undefined when read back: the round trip is
+  // checked for documents without one, and merely exercised for the rest.
+  const bool hasDtd = doc.get()->intSubset != nullptr || doc.get()->extSubset != nullptr;
   XmlDocument again(StrSegment(once), "again.xml", replace, load);
-  if (again.empty()) {
-    fprintf(stderr, "reparse failed: %s (line %d)\n", again.error().c_str(), again.errorLine());
+  if (!hasDtd) {
+    if (again.empty()) {
+      fprintf(stderr, "reparse failed: %s (line %d)\n", again.error().c_str(),
+              again.errorLine());
+    }
+    check(!again.empty(), "a serialised document parses again");
+    const Str twice = Str().append(again);
+    XmlDocument third(StrSegment(twice), "third.xml", replace, load);
+    check(!third.empty() && Str().append(third) == twice, "serialisation is stable");
   }
-  check(!again.empty(), "a serialised document parses again");
-  const Str twice = Str().append(again);
-  XmlDocument third(StrSegment(twice), "third.xml", replace, load);
-  check(!third.empty() && Str().append(third) == twice, "serialisation is stable");
 
   XmlDocument copy(doc);
   check(Str().append(copy) == once, "a copy serialises alike");

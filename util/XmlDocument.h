@@ -74,7 +74,13 @@ class XmlDocument {
   // the root, `href` escaped as an attribute value.
   void addStylesheetRef(Str const& href);
 
+  // The library document, still owned by this; null when empty.
   _xmlDoc* get() const { return _doc; }
+
+ private:
+  friend class XmlContents;
+  friend class XsltStylesheet;
+
   // Gives up the library document to the caller, leaving this empty.
   _xmlDoc* release();
   // Takes ownership of `doc` (null to become empty), freeing the one held,
@@ -84,8 +90,6 @@ class XmlDocument {
   void setError(Str const& text, int line);
   // Ends the process when empty ("!empty()").
   void internal_assertNotEmpty() const;
-
- private:
   void init(int (*reader)(void* context, char* buffer, int len), void* context, char const* name,
             bool replaceEntities, bool loadDtdAttributes);
 

@@ -134,6 +134,11 @@ TEST(XmlDocumentParse, UnreadableFileIsAnErrorValueNamingIt) {
   EXPECT_EQ("Could not open \"" + std::string(dir / "missing.xml") + "\": No such file or directory",
             doc.error());
   EXPECT_EQ(0, doc.errorLine());
+
+  // A directory opens but cannot be read: the read error ends the parse.
+  XmlDocument ofDir(dir.path(), false, false);
+  EXPECT_TRUE(ofDir.empty());
+  EXPECT_FALSE(ofDir.error().empty());
 }
 
 TEST(XmlDocumentParse, ParseErrorNamesTheFile) {
