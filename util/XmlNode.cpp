@@ -56,15 +56,13 @@ bool XmlNodeLike::internal_text(Str& out) const {
   return true;
 }
 
-template <class Self>
-bool XmlTypedReads<Self>::internal_trimmed(Str& out) const {
+bool XmlTypedReads::internal_trimmed(Str& out) const {
   if (!internal_text(out)) return false;
   out.trimInPlace(xmlBlanks());
   return true;
 }
 
-template <class Self>
-bool XmlTypedReads<Self>::tryToLong(long& out) const {
+bool XmlTypedReads::tryToLong(long& out) const {
   Str text;
   long value = 0;
   if (!internal_trimmed(text) || !text.tryToLong(value)) return false;
@@ -72,8 +70,7 @@ bool XmlTypedReads<Self>::tryToLong(long& out) const {
   return true;
 }
 
-template <class Self>
-bool XmlTypedReads<Self>::tryToDouble(double& out) const {
+bool XmlTypedReads::tryToDouble(double& out) const {
   Str text;
   double value = 0;
   if (!internal_trimmed(text) || !text.tryToDouble(value)) return false;
@@ -81,35 +78,28 @@ bool XmlTypedReads<Self>::tryToDouble(double& out) const {
   return true;
 }
 
-template <class Self>
-bool XmlTypedReads<Self>::tryToPathname(Pathname& out) const {
+bool XmlTypedReads::tryToPathname(Pathname& out) const {
   Str text;
   if (!internal_trimmed(text) || text.empty()) return false;
   out = Pathname(std::move(text));
   return true;
 }
 
-template <class Self>
-bool XmlTypedReads<Self>::toBool(bool whenEmpty, bool whenInvalid) const {
+bool XmlTypedReads::toBool(bool whenEmpty, bool whenInvalid) const {
   Str text;
   if (!internal_trimmed(text)) return whenEmpty;
   return text.toBool(whenEmpty, whenInvalid);
 }
 
-template <class Self>
-Str XmlTypedReads<Self>::toStr(char const* dflt) const {
+Str XmlTypedReads::toStr(char const* dflt) const {
   Str text;
   return internal_text(text) ? text : Str(dflt);
 }
 
-template <class Self>
-Str XmlTypedReads<Self>::toStr(Str const& dflt) const {
+Str XmlTypedReads::toStr(Str const& dflt) const {
   Str text;
   return internal_text(text) ? text : dflt;
 }
-
-template class XmlTypedReads<XmlNode>;
-template class XmlTypedReads<XmlAttribute>;
 
 XmlAttribute XmlAttribute::next() const {
   assertValid();

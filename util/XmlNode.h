@@ -24,8 +24,8 @@ class XmlNodeLike {
   // needs a node ("_p.node != __null").
   void assertValid() const;
 
-  // The first node of `type` among `first` and its following siblings, or
-  // null.
+  // The first node of `type` called `name` (of any name when `name` is
+  // null) among `first` and its following siblings, or null.
   static _xmlNode* internal_find(char const* name, _xmlNode* first, xmlElementType type);
 
  protected:
@@ -46,7 +46,6 @@ class XmlNodeLike {
 // taken whole for tryToStr; the number, path and bool reads ignore blanks,
 // tabs and line ends around it ("<port> 8089\n</port>" is 8089). A failed
 // read leaves `out` alone.
-template <class Self>
 class XmlTypedReads : public XmlNodeLike {
  public:
   bool tryToStr(Str& out) const { return internal_text(out); }
@@ -67,7 +66,7 @@ class XmlTypedReads : public XmlNodeLike {
 };
 
 // One attribute of an element.
-class XmlAttribute : public XmlTypedReads<XmlAttribute> {
+class XmlAttribute : public XmlTypedReads {
  public:
   XmlAttribute() = default;
   explicit XmlAttribute(_xmlAttr* attr) : XmlTypedReads(attr) {}
@@ -88,7 +87,7 @@ class XmlAttributes : public XmlNodeLike {
 
 // One node, usually an element. Navigation returns null views rather than
 // failing; edits copy what they are given into this node's document.
-class XmlNode : public XmlTypedReads<XmlNode> {
+class XmlNode : public XmlTypedReads {
  public:
   XmlNode() = default;
   explicit XmlNode(_xmlNode* node) : XmlTypedReads(node) {}
@@ -134,6 +133,3 @@ class XmlNode : public XmlTypedReads<XmlNode> {
   // cannot carry a NUL byte: the written text stops at the first.
   XmlNode addCdataChild(char const* name, char const* data, unsigned long len);
 };
-
-extern template class XmlTypedReads<XmlNode>;
-extern template class XmlTypedReads<XmlAttribute>;

@@ -6,8 +6,11 @@
 
 #include "tools/dateprobe/DateprobeFront.h"
 #include "tools/dateprobe/NullDateprobeBack.h"
+#include "util/ScopedXmlLibInit.h"
 
 int main(int argc, char** argv) {
+  // First, before any thread: the XML libraries live as long as the entry.
+  ScopedXmlLibInit xmlInit;
   try {
     NullDateprobeBack back;
     return runDateprobe(argc, argv, back, stdout);
