@@ -156,14 +156,14 @@ TEST_F(ScopedXmlLibInitDeathTest, HandlersLogAtTheirLevels) {
         xmlStructuredError(xmlStructuredErrorContext, &err);
         err.level = XML_ERR_FATAL;
         xmlStructuredError(xmlStructuredErrorContext, &err);
-        xmlGenericError(xmlGenericErrorContext, "part %d", 1);
+        xmlGenericError(xmlGenericErrorContext, "piece %d", 1);
         xmlGenericError(xmlGenericErrorContext, " two\nthree");
         xmlGenericError(xmlGenericErrorContext, "\n");
         check.equal(
             "INFO f.xml:9: parser: node \"e\": boom\n"
             "ERROR parser: out of memory\n"
             "FATAL parser: out of memory\n"
-            "INFO part 1 two\n"
+            "INFO piece 1 two\n"
             "INFO three\n",
             log.text(), "logged");
         xmlFreeNode(element);

@@ -13,6 +13,18 @@ constexpr char CDATA_CLOSE[] = "]]>";
 
 void appendHexByte(Str& out, unsigned char c) { out.appendFormat("\\x%02X", c); }
 
+// The bytes xmlEscape changes; runs of the others are copied whole.
+const CharacterClass& bytesToEscape() {
+  static const CharacterClass kSet = [] {
+    CharacterClass cc(false);
+    for (int c = 0; c < 0x20; ++c) cc.set(static_cast<char>(c), true);
+    cc.set("\t\n\r", false);
+    cc.set("\"&'<>", true);
+    return cc;
+  }();
+  return kSet;
+}
+
 void openKey(Str& out, const char* indent, const char* name) {
   out.append(indent).append("<key name=\"");
   XMLAndStringUtil::xmlEscapeString(out, name);
@@ -66,8 +78,16 @@ void XMLAndStringUtil::xmlEscape(Str& out, char c) {
 }
 
 void XMLAndStringUtil::xmlEscapeString(Str& out, StrSegment in) {
+  const CharacterClass& special = bytesToEscape();
+  const char* p = in.data();
+  const char* end = p + in.size();
   out.reserve(out.size() + in.size());
-  for (char c : in) xmlEscape(out, c);
+  while (p < end) {
+    const char* run = p;
+    while (p < end && !special.contains(*p)) ++p;
+    out.append(run, static_cast<size_t>(p - run));
+    if (p < end) xmlEscape(out, *p++);
+  }
 }
 
 Str XMLAndStringUtil::xmlEscapeString(StrSegment in) {

@@ -64,6 +64,17 @@ TEST(XmlEscape, EachByteClass) {
     }
   }
   EXPECT_EQ("|a &lt;b&gt; &quot;c&quot; \\x01", escaped("a <b> \"c\" \x01"));
+  // The string form copies clean runs whole: it must agree with the byte
+  // form over every byte, at every position in a run.
+  std::string all;
+  Str oneByOne("|");
+  for (int b = 0; b < 256; ++b) {
+    all += "ab";
+    all.push_back(static_cast<char>(b));
+    oneByOne.append("ab");
+    XMLAndStringUtil::xmlEscape(oneByOne, static_cast<char>(b));
+  }
+  EXPECT_EQ(oneByOne, escaped(all));
   EXPECT_EQ("a&amp;b", std::string(XMLAndStringUtil::xmlEscapeString("a&b")));
 }
 
