@@ -11,6 +11,9 @@
 class HashedStrReference;
 class Pathname;
 class Str;
+class XmlAttribute;
+class XmlDocument;
+class XmlNode;
 
 // A stream pointer, null when closed. Copying copies the pointer, so a
 // FileStar borrows and never closes on its own. Thread story: one owner at
@@ -30,6 +33,10 @@ class FileStar {
   ssize_t write(const void* buf, size_t n) const;
   // The key's text, without its NUL.
   ssize_t write(const HashedStrReference& key) const;
+  // The serialised form, as Str::append gives it; write's result.
+  ssize_t write(const XmlNode& node) const;
+  ssize_t write(const XmlAttribute& attr) const;
+  ssize_t write(const XmlDocument& doc) const;
   // vfprintf's result.
   int format(const char* fmt, ...) const __attribute__((format(printf, 2, 3)));
 

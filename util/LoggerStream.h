@@ -13,6 +13,9 @@
 
 class HashedStrReference;
 class Logger;
+class XmlAttribute;
+class XmlDocument;
+class XmlNode;
 
 // A temporary owned by one thread. Made by Logger::debug() and kin with a
 // null logger when the level is disabled: every insertion then returns at
@@ -47,6 +50,11 @@ class LoggerStream {
   LoggerStream& operator<<(unsigned long v);
   LoggerStream& operator<<(unsigned long long v);
   LoggerStream& operator<<(double v);
+  // The serialised form, as Str::append gives it; nothing is serialised
+  // when inert.
+  LoggerStream& operator<<(const XmlNode& node);
+  LoggerStream& operator<<(const XmlAttribute& attr);
+  LoggerStream& operator<<(const XmlDocument& doc);
   // Anything a std::ostream can print, through a string stream, and only
   // when enabled.
   template <typename T>

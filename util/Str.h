@@ -16,6 +16,9 @@
 
 class HashedStrReference;
 class StrVector;
+class XmlAttribute;
+class XmlDocument;
+class XmlNode;
 
 class Str : public std::string, public StrSegmentVocabulary<Str> {
  public:
@@ -32,6 +35,8 @@ class Str : public std::string, public StrSegmentVocabulary<Str> {
   Str(std::string&& s) noexcept : std::string(std::move(s)) {}
   Str(const StrSegment& s) : std::string(s.data(), s.size()) {}
   explicit Str(const HashedStrReference& key);
+  // The node serialised as XmlContents writes it (XmlAppends.cpp).
+  explicit Str(const XmlNode& node);
   using std::string::operator=;
 
   // An empty Str to return by reference.
@@ -116,6 +121,12 @@ class Str : public std::string, public StrSegmentVocabulary<Str> {
   Str& append(const StrSegment& seg) { std::string::append(seg.data(), seg.size()); return *this; }
   Str& assign(const HashedStrReference& key);
   Str& prepend(const HashedStrReference& key);
+  // The serialised form, as XmlContents writes it: a node as markup
+  // ("<a x=\"1\">t</a>"), an attribute as x="1", a document with its XML
+  // declaration (XmlAppends.cpp). REQUIRES: as XmlContents.
+  Str& append(const XmlNode& node);
+  Str& append(const XmlAttribute& attr);
+  Str& append(const XmlDocument& doc);
   Str& prepend(const StrSegment& seg) { insert(0, seg.data(), seg.size()); return *this; }
 
   // Replaces each occurrence of `from`, left to right, never rescanning the

@@ -7,8 +7,11 @@
 #include "loaderinfo/SetupHelper.h"
 #include "tools/dateprobe/DateprobeFront.h"
 #include "tools/dateprobe/NullDateprobeBack.h"
+#include "util/ScopedXmlLibInit.h"
 
 int main(int argc, char** argv) {
+  // First, before any thread: the XML libraries live as long as the entry.
+  ScopedXmlLibInit xmlInit;
   // Before the arguments are looked at: without an install root the tool
   // has nothing to read, whatever it was asked.
   SetupHelper::initCommon(false, nullptr);
