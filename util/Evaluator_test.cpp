@@ -485,7 +485,9 @@ TEST(Evaluator, ArithmeticAndOrderingAgreeWithDirectComputation) {
     e.evaluate(&ctx);
     const EvalDatum& got = ctx.stack().singleValue();
     ASSERT_EQ(a.null, got.isNull()) << a.text;
-    if (!a.null) EXPECT_EQ(a.value, got.asDouble()) << a.text;
+    if (!a.null) {
+      EXPECT_EQ(a.value, got.asDouble()) << a.text;
+    }
 
     static const char* const kComparisons[] = {"<", "<=", ">", ">=", "=", "!="};
     const std::string op = kComparisons[seed % 6];
@@ -528,7 +530,7 @@ TEST(Evaluator, StrftimeAndStrptimeAgreeWithTheCLibraryInEachZone) {
                                 "Asia/Kolkata", "America/St_Johns", "Pacific/Chatham"};
   const char kFormat[] = "%Y-%m-%d %H:%M:%S %Z %z %a %j";
   Evaluator e;
-  e.parse(Str("strftime(t, \"") + kFormat + "\")");
+  e.parse(Str(std::string("strftime(t, \"") + kFormat + "\")"));
   Evaluator back;
   back.parse("strptime(text, \"%Y-%m-%d %H:%M:%S %Z %z\")");
   unsigned state = 12345;

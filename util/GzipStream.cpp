@@ -5,6 +5,7 @@
 #include <zlib.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -334,7 +335,9 @@ ssize_t ReadableGzipStream::read(void* buf, unsigned long n, unsigned long long 
   ssize_t streamResult = 1;
   int savedErrno = 0;
   while (_zs.outputLeft() > 0) {
-    if (timeoutMsec != 0 && _zs.consumedOutputSpaceFrom(n) == 0 &&
+    // A limit past the signed range is one that never runs out.
+    if (timeoutMsec != 0 && timeoutMsec <= static_cast<unsigned long long>(INT64_MAX) &&
+        _zs.consumedOutputSpaceFrom(n) == 0 &&
         Timeval::msecDifference(Timeval::now(), start) > static_cast<int64_t>(timeoutMsec)) {
       return -2;
     }
@@ -360,7 +363,11 @@ ssize_t ReadableGzipStream::read(void* buf, unsigned long n, unsigned long long 
     } else if (rc == Z_MEM_ERROR) {
       throw std::bad_alloc();
     } else if (rc == Z_DATA_ERROR || rc == Z_NEED_DICT) {
+      // The bytes made before the damage are good: they go out now, and
+      // the next call reports the damage (_damaged answers it).
       _damaged = true;
+      const size_t good = _zs.consumedOutputSpaceFrom(n);
+      if (good > 0) return static_cast<ssize_t>(good);
       errno = ENOEXEC;
       return -1;
     }

@@ -304,6 +304,37 @@ TEST(GzipStream, TimedReadGivesUpWhenNothingCame) {
   EXPECT_EQ(0, d.last);
 }
 
+// A limit too large for signed arithmetic never runs out.
+TEST(GzipStream, TimedReadWithAHugeLimitWaits) {
+  for (unsigned long long limit : {~0ULL, (1ULL << 63) + 5, 1ULL << 63}) {
+    ScopedFixedClock clock(Timeval(1000, 0));
+    SlowHeaderReader r(clock, withOptionalHeader(ourGzip("late\n"), 0x08, "", std::string(50, 'n'), ""));
+    char buf[16];
+    EXPECT_EQ(5, r.read(buf, sizeof buf, limit)) << limit;
+  }
+}
+
+// Damage in the compressed data after good bytes: the good bytes come out
+// first, the damage on the next call.
+TEST(GzipStream, GoodBytesBeforeDamageAreDelivered) {
+  const std::string text = "line one\nline two\nline three\n";
+  std::string member("\x1f\x8b\x08\x00\x00\x00\x00\x00\x00\xff", 10);
+  member += '\x00';  // a stored block, not the last
+  member += static_cast<char>(text.size());
+  member += '\x00';
+  member += static_cast<char>(~text.size());
+  member += '\xff';
+  member += text;
+  member += '\x07';  // a last block of the reserved type
+  StringGzipReader r(member);
+  char buf[4096];
+  ASSERT_EQ(static_cast<ssize_t>(text.size()), r.read(buf, sizeof buf));
+  EXPECT_EQ(text, std::string(buf, text.size()));
+  errno = 0;
+  EXPECT_EQ(-1, r.read(buf, sizeof buf));
+  EXPECT_EQ(ENOEXEC, errno);
+}
+
 TEST(GzipStream, ResetStartsOver) {
   StringGzipReader r("not gzip at all");
   char buf[8];
