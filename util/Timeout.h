@@ -95,7 +95,9 @@ class TimeoutHeap {
   // Changes the interval of `timo`, counting the part of the old interval
   // already served: a 1000 ms timer 400 ms from due, changed to 1500 ms, is
   // next due in 900 ms; changed to 500 ms, it is due now. An unscheduled
-  // timer is scheduled `msec` from `now`.
+  // timer is scheduled `msec` from `now`. Called by a timer's own handler,
+  // it takes the place of the count the handler returns: the timer is put
+  // back `msec` after the end of the pass, even when the count is 0.
   void modifyTimeoutInterval(Timeout* timo, const Timeval& now, unsigned long long msec);
   void modifyTimeoutInterval(Timeout* timo, unsigned long long msec);
 
@@ -165,6 +167,8 @@ class TimeoutHeap {
   Timeout* _timeouts;  // the root
   bool _in_poll;
   Timeout* _currently_running_timeout;
+  // Whether the running handler changed its own interval.
+  bool _currently_running_modified;
   Timeout* _runList;  // about to run, in due order
   Timeout** _runTail;
   Timeout* _putBackList;
