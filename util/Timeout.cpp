@@ -66,10 +66,10 @@ void Timeout::swapWithChild(Timeout* oc) {
 }
 
 TimeoutHeap::TimeoutHeap()
-    : _timeoutCount(0),
+    : _in_poll(false),
+      _timeoutCount(0),
       _pathMask(0),
       _timeouts(nullptr),
-      _in_poll(false),
       _currently_running_timeout(nullptr),
       _currently_running_modified(false),
       _runList(nullptr),

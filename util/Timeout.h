@@ -137,6 +137,8 @@ class TimeoutHeap {
   // Set by the loop around its poll; the heap may not change meanwhile.
   void setInPoll(bool inPoll) { _in_poll = inPoll; }
 
+  bool _in_poll;
+
  private:
   void addNonbusyTimeout(Timeout* t);
   void removePendingTimeout(Timeout* t);
@@ -165,7 +167,6 @@ class TimeoutHeap {
   unsigned _timeoutCount;
   unsigned _pathMask;
   Timeout* _timeouts;  // the root
-  bool _in_poll;
   Timeout* _currently_running_timeout;
   // Whether the running handler changed its own interval.
   bool _currently_running_modified;
