@@ -59,6 +59,10 @@ class EventLoop : public TimeoutHeap {
   EventLoop(const EventLoop&) = delete;
   EventLoop& operator=(const EventLoop&) = delete;
 
+  // The timer operations of TimeoutHeap, on the loop's thread.
+  using TimeoutHeap::add;
+  using TimeoutHeap::remove;
+
   // Registers `p` for `events` (defaultEvents() in the second form) on
   // `fd`, then calls p->after_add(). Allowed from a member during the
   // service walk. REQUIRES: "!p->isActive()", "fd.valid()", "!_in_poll".
