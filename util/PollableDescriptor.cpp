@@ -47,6 +47,11 @@ bool setIntOption(int fd, int level, int name, int value) {
 }  // namespace
 
 int PollableDescriptor::select_for(bool forWrite, int timeoutMs) const {
+  // poll skips a negative descriptor and would wait out the time.
+  if (_fd < 0) {
+    errno = EBADF;
+    return -1;
+  }
   pollfd p{_fd, static_cast<short>(forWrite ? POLLOUT : POLLIN), 0};
   const int n = ::poll(&p, 1, timeoutMs < 0 ? -1 : timeoutMs);
   if (n <= 0) return n;
