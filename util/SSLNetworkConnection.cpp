@@ -51,12 +51,9 @@ std::unique_ptr<SSLContext> SSLContext::makeServer(const Pathname& certChain,
     setError(error, "can't load certificate", certChain);
     return nullptr;
   }
+  // The library also refuses here a key that does not match the certificate.
   if (SSL_CTX_use_PrivateKey_file(ctx, privateKey.c_str(), SSL_FILETYPE_PEM) != 1) {
     setError(error, "can't load private key", privateKey);
-    return nullptr;
-  }
-  if (SSL_CTX_check_private_key(ctx) != 1) {
-    setError(error, "private key does not match certificate in", privateKey);
     return nullptr;
   }
   return out;

@@ -25,7 +25,8 @@ class SSLContext {
 
   // A server context with the certificate chain and the private key in PEM
   // files. Null, with the library's reason and the path in *error, when a
-  // file is missing or unreadable, or the key does not match.
+  // file is missing or unreadable, or the key does not match:
+  // "can't load private key \"/etc/key.pem\": ... key values mismatch".
   static std::unique_ptr<SSLContext> makeServer(const Pathname& certChain,
                                                 const Pathname& privateKey, Str* error);
   // A client context. With `caFile` non-empty, the peer must present a
