@@ -431,10 +431,19 @@ void EventLoop::internal_runInThread(InThreadActor* actor, bool wait) {
   if (!_actors.isRunning()) {
     const InThreadActorList::Claim claim = _actors.tryClaim();
     if (claim == InThreadActorList::CLAIMED) {
+      // An actor that throws gives up the claim on its way out.
+      struct Release {
+        InThreadActorList& list;
+        bool pending = true;
+        ~Release() {
+          if (pending) list.release();
+        }
+      } release{_actors};
       {
         ScopedUnlock unlocked(_actors.mutex());
         actor->callback();
       }
+      release.pending = false;
       _actors.drainAndRelease();
       return;
     }

@@ -108,16 +108,24 @@ bool InThreadActorList::waitAndClaim() {
   }
 }
 
+void InThreadActorList::release() {
+  kassert(isOwner());
+  _owner = ThreadToken();
+  _changed.wake_all();
+}
+
 void InThreadActorList::drainAndRelease() {
   kassert(isOwner());
+  // Given up however the actors end.
+  struct Release {
+    InThreadActorList* list;
+    ~Release() { list->release(); }
+  } release{this};
   while (_head != nullptr) {
-    InThreadActor* actor = _head;
-    removeFromPendingList(actor);
+    InThreadActor* actor = popPending();
     ScopedUnlock unlocked(_mutex);
     run(actor);
   }
-  _owner = ThreadToken();
-  _changed.wake_all();
 }
 
 size_t InThreadActorList::runInThreadWorkIfLoopDown() {
@@ -125,17 +133,19 @@ size_t InThreadActorList::runInThreadWorkIfLoopDown() {
   if (_running) return 0;
   const Claim claim = tryClaim();
   if (claim == BUSY) return 0;
+  struct Release {
+    InThreadActorList* list;
+    bool active;
+    ~Release() {
+      if (active) list->release();
+    }
+  } release{this, claim == CLAIMED};
   size_t count = 0;
   while (_head != nullptr) {
-    InThreadActor* actor = _head;
-    removeFromPendingList(actor);
+    InThreadActor* actor = popPending();
     ScopedUnlock unlocked(_mutex);
     run(actor);
     ++count;
-  }
-  if (claim == CLAIMED) {
-    _owner = ThreadToken();
-    _changed.wake_all();
   }
   return count;
 }

@@ -67,9 +67,12 @@ class InThreadActorList {
   // the list (null when none).
   bool hasPending() const { return _head != nullptr; }
   InThreadActor* popPending();
+  // Mutex held, and the caller's claim (REQUIRES "isOwner()"). Gives up
+  // the claim and wakes those waiting for it.
+  void release();
   // Mutex held, and the caller's claim (REQUIRES "isOwner()"). Runs
-  // every pending actor, the mutex released around each, then gives up the
-  // claim and wakes those waiting for it.
+  // every pending actor, the mutex released around each, then release(),
+  // also when an actor throws.
   void drainAndRelease();
   // Mutex held. Sleeps until an actor is added or the claim changes.
   void waitForChange() { _changed.wait(_mutex); }

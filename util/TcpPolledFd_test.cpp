@@ -42,16 +42,19 @@ bool atEnd(PollableDescriptor fd) {
 // A loop on its own thread with an echo service listening on 127.0.0.1.
 class TcpPolledFdTest : public ::testing::TestWithParam<EventLoop::PollMethod> {
  protected:
-  void start(EchoService* service, bool reverseDns = false) {
-    _service = service;
-    _accept = std::make_unique<AcceptFd>(&_user, &_loop, service, reverseDns);
+  // The service belongs to the fixture, so that it outlives the
+  // connections that TearDown closes.
+  EchoService& start(bool refuse = false, bool reverseDns = false) {
+    _service = std::make_unique<EchoService>(nullptr, refuse);
+    _accept = std::make_unique<AcceptFd>(&_user, &_loop, _service.get(), reverseDns);
     PollableDescriptor listener = loopback(0).make_listener(16, SOCK_STREAM, 0);
-    ASSERT_TRUE(listener.valid());
+    EXPECT_TRUE(listener.valid());
     SocketAddress bound;
-    ASSERT_TRUE(SocketAddress::localOf(listener, &bound));
+    EXPECT_TRUE(SocketAddress::localOf(listener, &bound));
     _port = bound.port();
     _running = std::make_unique<LoopThread>(_loop);
     inLoop(_loop, [&] { _loop.add(_accept.get(), listener); });
+    return *_service;
   }
   void TearDown() override {
     if (_running == nullptr) return;
@@ -73,7 +76,7 @@ class TcpPolledFdTest : public ::testing::TestWithParam<EventLoop::PollMethod> {
 
   EventLoop _loop{GetParam()};
   int _user = 0;
-  EchoService* _service = nullptr;
+  std::unique_ptr<EchoService> _service;
   std::unique_ptr<AcceptFd> _accept;
   std::unique_ptr<LoopThread> _running;
   uint16_t _port = 0;
@@ -84,8 +87,7 @@ INSTANTIATE_TEST_SUITE_P(BothMethods, TcpPolledFdTest,
                          pollMethodName);
 
 TEST_P(TcpPolledFdTest, EchoesForSeveralClientsAndForgetsThemAtTheirEnd) {
-  EchoService service;
-  start(&service);
+  EchoService& service = start();
   EXPECT_EQ(&_user, _accept->user());
   std::vector<std::unique_ptr<ScopedFileDescriptor>> clients;
   for (int i = 0; i < 5; ++i) clients.push_back(connect());
@@ -118,8 +120,7 @@ TEST_P(TcpPolledFdTest, EchoesForSeveralClientsAndForgetsThemAtTheirEnd) {
 }
 
 TEST_P(TcpPolledFdTest, ARefusedConnectionIsClosed) {
-  EchoService service(nullptr, true);
-  start(&service);
+  EchoService& service = start(true);
   std::unique_ptr<ScopedFileDescriptor> client = connect();
   ASSERT_TRUE(client->valid());
   EXPECT_TRUE(atEnd(PollableDescriptor(*client)));
@@ -128,8 +129,7 @@ TEST_P(TcpPolledFdTest, ARefusedConnectionIsClosed) {
 }
 
 TEST_P(TcpPolledFdTest, CloseAllConnectionsEndsEveryOne) {
-  EchoService service;
-  start(&service);
+  EchoService& service = start();
   std::vector<std::unique_ptr<ScopedFileDescriptor>> clients;
   for (int i = 0; i < 3; ++i) clients.push_back(connect());
   ASSERT_TRUE(service.created.waitFor([](const int& n) { return n == 3; }));
@@ -140,8 +140,7 @@ TEST_P(TcpPolledFdTest, CloseAllConnectionsEndsEveryOne) {
 }
 
 TEST_P(TcpPolledFdTest, AsksForThePeersNameWhenTold) {
-  EchoService service;
-  start(&service, true);
+  EchoService& service = start(false, true);
   std::unique_ptr<ScopedFileDescriptor> client = connect();
   ASSERT_EQ(1, client->write("x", 1));
   ASSERT_EQ("x", readExactly(PollableDescriptor(*client), 1));
@@ -159,8 +158,7 @@ TEST_P(TcpPolledFdTest, AsksForThePeersNameWhenTold) {
 }
 
 TEST_P(TcpPolledFdTest, AWorkerTakesAConnectionWritesAndHandsItBack) {
-  EchoService service;
-  start(&service);
+  EchoService& service = start();
   std::unique_ptr<ScopedFileDescriptor> client = connect();
   ASSERT_EQ(1, client->write("a", 1));
   ASSERT_EQ("a", readExactly(PollableDescriptor(*client), 1));
@@ -198,8 +196,7 @@ TEST_P(TcpPolledFdTest, AWorkerTakesAConnectionWritesAndHandsItBack) {
 }
 
 TEST_P(TcpPolledFdTest, ALoopThatLetsGoLeavesTheConnectionToItsWorker) {
-  EchoService service;
-  start(&service);
+  EchoService& service = start();
   std::unique_ptr<ScopedFileDescriptor> client = connect();
   ASSERT_TRUE(service.created.waitFor([](const int& n) { return n == 1; }));
   TcpPolledFd* member = nullptr;
@@ -217,8 +214,7 @@ TEST_P(TcpPolledFdTest, ALoopThatLetsGoLeavesTheConnectionToItsWorker) {
 }
 
 TEST_P(TcpPolledFdTest, AnEndReportedOffTheLoopsThreadIsOnlyLogged) {
-  EchoService service;
-  start(&service);
+  EchoService& service = start();
   ScopedLogCapture capture("TcpPolledFd");
   TcpRawDataFd stray(&service, 16);
   _accept->afterFdRemoved(PollableDescriptor(-1), &stray);

@@ -61,6 +61,18 @@ class Timeout {
   unsigned long long _initialMsec;
 };
 
+// A timer that runs once each time it is added: whatever its handler does,
+// the count it returns is 0.
+class OneShotTimeout : public Timeout {
+ public:
+  void when_expired(unsigned long long& msec) final {
+    msec = 0;
+    fire();
+  }
+  // What the timer does when due.
+  virtual void fire() = 0;
+};
+
 // A store of timers ordered by due time. It has no lock: it belongs to one
 // thread (an EventLoop's), and other threads reach it through that thread.
 //
