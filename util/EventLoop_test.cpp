@@ -530,6 +530,20 @@ TEST_P(EventLoopDeathTest, MisusesEndTheProcess) {
         m.reset();
       },
       "Assertion failed: !isActive\\(\\)");
+  // Nothing joins while the loop sits in its poll call.
+  struct Polling : EventLoop {
+    explicit Polling(PollMethod m) : EventLoop(m) {}
+    using TimeoutHeap::setInPoll;
+  };
+  EXPECT_DEATH(
+      {
+        Polling loop(method);
+        SocketPair pair;
+        ReadingMember m;
+        loop.setInPoll(true);
+        loop.add(&m, PollableDescriptor(pair.a));
+      },
+      "Assertion failed: !_in_poll");
 }
 
 }  // namespace
