@@ -34,13 +34,27 @@ void PolledFd::after_eof(PollableDescriptor) {}
 
 void PolledFd::unthrottleEvents(unsigned events) {
   if (!isActive()) return;
-  if (_mode == MODE_POLL && !_loop->isInThread()) {
+  if (_loop->isInThread()) {
+    changeEvents(ourEvents() | events);
+    return;
+  }
+  if (_mode == MODE_POLL) {
     // The loop's thread may be moving its arrays: it registers these itself.
     _pendingEvents.fetch_or(events);
     _loop->noteDeferredEvents();
     return;
   }
-  changeEvents(ourEvents() | events);
+  // epoll takes changes from any thread. The loop may have removed the
+  // member meanwhile, and then there is nothing to register.
+  const unsigned wanted = ourEvents() | events;
+  epoll_event ev{};
+  ev.events = wanted;
+  ev.data.ptr = this;
+  if (::syscall(SYS_epoll_ctl, _p.using_epoll.epfd, EPOLL_CTL_MOD, _fd.fd(), &ev) == 0) {
+    _events.store(wanted, std::memory_order_relaxed);
+  } else if (errno != ENOENT && errno != EBADF) {
+    EventLoopException::make(errno, "error from epoll_ctl");
+  }
 }
 
 void PolledFd::changeEvents(unsigned events) {

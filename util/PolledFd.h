@@ -32,7 +32,9 @@ class PolledFd : public Throttleable {
   ~PolledFd() override;
 
   // Polls for `events` again: ourEvents() | events. From another thread on
-  // the poll path the change waits for the loop's thread, which is woken.
+  // the poll path the change waits for the loop's thread, which is woken;
+  // on the epoll path it is registered at once, and a member that the loop
+  // removed meanwhile is left alone.
   void unthrottleEvents(unsigned events) override;
   // The events add() registers when given none: readable.
   virtual unsigned defaultEvents() const;
