@@ -31,14 +31,6 @@ int sys_epoll_wait(int epfd, epoll_event* events, int max, int ms) {
   return static_cast<int>(::syscall(SYS_epoll_wait, epfd, events, max, ms));
 }
 
-short toPollEvents(unsigned events) {
-  short out = 0;
-  if ((events & PolledFd::EV_READ) != 0) out |= POLLIN;
-  if ((events & PolledFd::EV_PRI) != 0) out |= POLLPRI;
-  if ((events & PolledFd::EV_WRITE) != 0) out |= POLLOUT;
-  return out;
-}
-
 unsigned fromPollRevents(short revents) {
   unsigned out = 0;
   if ((revents & (POLLIN | POLLRDNORM)) != 0) out |= PolledFd::EV_READ;
@@ -98,18 +90,6 @@ class ZeroCountPredicate : public RunInThreadWorkUntilPredicate {
 
  private:
   const unsigned* _count;
-};
-
-// Releases a held mutex for its scope and takes it back.
-class ScopedUnlock {
- public:
-  explicit ScopedUnlock(full_Mutex& mutex) : _mutex(mutex) { _mutex.unlock(); }
-  ~ScopedUnlock() { _mutex.lock(); }
-  ScopedUnlock(const ScopedUnlock&) = delete;
-  ScopedUnlock& operator=(const ScopedUnlock&) = delete;
-
- private:
-  full_Mutex& _mutex;
 };
 
 }  // namespace
@@ -215,7 +195,7 @@ void EventLoop::add(PolledFd* p, PollableDescriptor fd, unsigned events) {
     if (_p.using_poll.pfdCount == _p.using_poll.pfdMax) growPollArrays();
     const unsigned i = _p.using_poll.pfdCount++;
     _p.using_poll.pfd[i].fd = fd.fd();
-    _p.using_poll.pfd[i].events = toPollEvents(events);
+    _p.using_poll.pfd[i].events = PolledFd::toPollEvents(events);
     _p.using_poll.pfd[i].revents = 0;
     _p.using_poll.pev[i] = p;
     p->_p.using_poll.pfd = &_p.using_poll.pfd[i];

@@ -62,19 +62,6 @@ class DoneMarker {
   bool* _done;
 };
 
-// Releases a held mutex for its scope and takes it back, also when an
-// actor's callback throws.
-class ScopedUnlock {
- public:
-  explicit ScopedUnlock(full_Mutex& mutex) : _mutex(mutex) { _mutex.unlock(); }
-  ~ScopedUnlock() { _mutex.lock(); }
-  ScopedUnlock(const ScopedUnlock&) = delete;
-  ScopedUnlock& operator=(const ScopedUnlock&) = delete;
-
- private:
-  full_Mutex& _mutex;
-};
-
 }  // namespace
 
 void InThreadActorList::run(InThreadActor* actor) {

@@ -11,6 +11,20 @@
 
 class SelfPipe;
 
+// Releases a mutex the caller holds for its scope and takes it back, also
+// when the scope is left by an exception: for running callbacks without
+// the list's mutex. One owner.
+class ScopedUnlock {
+ public:
+  explicit ScopedUnlock(full_Mutex& mutex) : _mutex(mutex) { _mutex.unlock(); }
+  ~ScopedUnlock() { _mutex.lock(); }
+  ScopedUnlock(const ScopedUnlock&) = delete;
+  ScopedUnlock& operator=(const ScopedUnlock&) = delete;
+
+ private:
+  full_Mutex& _mutex;
+};
+
 // One per EventLoop. Exactly one thread at a time holds in-thread use: the
 // loop's thread while it runs, or, while it does not, a thread that claimed
 // it to run an actor itself. The mutex guards the list, the running flag,

@@ -6,39 +6,16 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
 
+#include "util/Deadline.h"
 #include "util/EventLoopException.h"
 #include "util/SSLNetworkConnection.h"
 #include "util/SocketAddress.h"
 
 namespace {
-
-int64_t monotonicMsec() {
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
-
-// A deadline in monotonic milliseconds; a negative timeout never expires.
-class Deadline {
- public:
-  explicit Deadline(int timeoutMs)
-      : _unlimited(timeoutMs < 0), _end(monotonicMsec() + (timeoutMs < 0 ? 0 : timeoutMs)) {}
-  // What is left for poll: -1 without a limit, else at least 0.
-  int left() const {
-    if (_unlimited) return -1;
-    const int64_t left = _end - monotonicMsec();
-    return left < 0 ? 0 : static_cast<int>(left);
-  }
-
- private:
-  bool _unlimited;
-  int64_t _end;
-};
 
 bool setIntOption(int fd, int level, int name, int value) {
   return ::setsockopt(fd, level, name, &value, sizeof(value)) == 0;

@@ -20,12 +20,6 @@
 
 namespace {
 
-SocketAddress loopback(uint16_t port) {
-  SocketAddress a;
-  EXPECT_TRUE(SocketAddress::fromNumeric("127.0.0.1", port, &a));
-  return a;
-}
-
 // A listener on 127.0.0.1 with a port of the system's choosing.
 struct Listener {
   Listener() : fd(loopback(0).make_listener(16, SOCK_STREAM, 0)) {

@@ -12,17 +12,13 @@
 #include "util/EventLoop.h"
 #include "util/EventLoopException.h"
 
-namespace {
-
-short toPollEvents(unsigned events) {
+short PolledFd::toPollEvents(unsigned events) {
   short out = 0;
-  if ((events & PolledFd::EV_READ) != 0) out |= POLLIN;
-  if ((events & PolledFd::EV_PRI) != 0) out |= POLLPRI;
-  if ((events & PolledFd::EV_WRITE) != 0) out |= POLLOUT;
+  if ((events & EV_READ) != 0) out |= POLLIN;
+  if ((events & EV_PRI) != 0) out |= POLLPRI;
+  if ((events & EV_WRITE) != 0) out |= POLLOUT;
   return out;
 }
-
-}  // namespace
 
 PolledFd::~PolledFd() { kassert(!isActive()); }
 

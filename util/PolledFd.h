@@ -76,6 +76,10 @@ class PolledFd : public Throttleable {
 
   enum Mode : unsigned char { MODE_NONE, MODE_POLL, MODE_EPOLL };
 
+  // The poll events that stand for an event mask; error and hang-up need
+  // none, poll reports them always.
+  static short toPollEvents(unsigned events);
+
   PollableDescriptor _fd;
   union {
     struct {

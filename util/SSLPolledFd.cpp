@@ -1,21 +1,14 @@
 #include "util/SSLPolledFd.h"
 
-#include <time.h>
-
 #include <cerrno>
 
 #include "util/Assert.h"
+#include "util/Deadline.h"
 #include "util/Logger.h"
 
 namespace {
 
 Logger gLogger("SSLPolledFd");
-
-int64_t monotonicMsec() {
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
 
 }  // namespace
 
@@ -78,7 +71,7 @@ bool SSLRawDataFd::handleEvent(PollableDescriptor) {
 }
 
 ssize_t SSLRawDataFd::blockingWrite(const char* data, size_t n, int timeoutMs) {
-  const int64_t end = monotonicMsec() + (timeoutMs < 0 ? 0 : timeoutMs);
+  const Deadline deadline(timeoutMs);
   size_t done = 0;
   while (done < n) {
     const ssize_t put = _ssl->write(data + done, n - done);
@@ -90,12 +83,7 @@ ssize_t SSLRawDataFd::blockingWrite(const char* data, size_t n, int timeoutMs) {
       errno = EPROTO;
       return -1;
     }
-    int left = -1;
-    if (timeoutMs >= 0) {
-      const int64_t l = end - monotonicMsec();
-      left = l < 0 ? 0 : static_cast<int>(l);
-    }
-    const int ready = descriptor().select_for_loop(_ssl->want() == EV_WRITE, left);
+    const int ready = descriptor().select_for_loop(_ssl->want() == EV_WRITE, deadline.left());
     if (ready < 0) return -1;
     if (ready == 0) {
       errno = ETIMEDOUT;

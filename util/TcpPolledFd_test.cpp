@@ -16,12 +16,6 @@
 
 namespace {
 
-SocketAddress loopback(uint16_t port) {
-  SocketAddress a;
-  EXPECT_TRUE(SocketAddress::fromNumeric("127.0.0.1", port, &a));
-  return a;
-}
-
 // Reads exactly `n` bytes, or what came before the end.
 std::string readExactly(PollableDescriptor fd, size_t n) {
   std::string out;

@@ -18,10 +18,18 @@
 #include "util/FileDescriptor.h"
 #include "util/InThreadActor.h"
 #include "util/PolledFd.h"
+#include "util/SocketAddress.h"
 
 // The two methods, named for parameterised test output.
 inline std::string pollMethodName(const ::testing::TestParamInfo<EventLoop::PollMethod>& info) {
   return info.param == EventLoop::USE_EPOLL ? "epoll" : "poll";
+}
+
+// 127.0.0.1 at `port` (0: the system's choice when binding).
+inline SocketAddress loopback(uint16_t port) {
+  SocketAddress a;
+  EXPECT_TRUE(SocketAddress::fromNumeric("127.0.0.1", port, &a));
+  return a;
 }
 
 // An actor that runs a function.
