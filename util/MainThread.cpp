@@ -1,6 +1,9 @@
 #include "util/MainThread.h"
 
+#include <atomic>
+
 #include "util/Assert.h"
+#include "util/EventLoop.h"
 #include "util/Mutex.h"
 #include "util/PthreadCondition.h"
 
@@ -14,6 +17,8 @@ struct JoinQueue {
   JoinHelper** tailp = &head;    // guarded by `mutex`
 };
 
+std::atomic<EventLoop*> gMainLoop{nullptr};
+
 JoinQueue& joinQueue() {
   static JoinQueue* queue = new JoinQueue;
   return *queue;
@@ -21,8 +26,13 @@ JoinQueue& joinQueue() {
 
 }  // namespace
 
+void MainThread::setEventLoop(EventLoop* loop) { gMainLoop.store(loop); }
+
 void MainThread::joinAndDeleteMe(Thread* thr) {
   kassert(thr->isCurrent());
+  EventLoop* loop = gMainLoop.load();
+  // Not waited for: the join can only end after this thread has returned.
+  if (loop != nullptr && loop->runInThreadOrFail(&thr->_joinHelper, false)) return;
   JoinQueue& q = joinQueue();
   ScopedLock hold(q.mutex);
   JoinHelper* helper = &thr->_joinHelper;

@@ -7,6 +7,8 @@
 #include "util/ConditionWaitTimeout.h"
 #include "util/Thread.h"
 
+class EventLoop;
+
 // One per process, made by the program's entry on its first thread. The
 // static hand-over methods are safe from any thread; running the handed-over
 // joins belongs to the main thread.
@@ -19,11 +21,16 @@ class MainThread : public Thread {
   // The process's first thread runs the program's entry, never this.
   void main() override {}
 
-  // For a thread that must end on its own and that nobody waits for: queues
-  // `thr` so that the main thread joins and deletes it once it has ended.
-  // The caller returns from main() soon after. REQUIRES: called on `thr`
+  // For a thread that must end on its own and that nobody waits for: hands
+  // `thr` to the main thread, which joins and deletes it once it has ended.
+  // While the main thread's event loop runs, the join runs there as an
+  // actor; otherwise it waits in a queue for runPendingJoins(). The caller
+  // returns from main() soon after. REQUIRES: called on `thr`
   // ("thr->isCurrent()"); `thr` was allocated with new.
   static void joinAndDeleteMe(Thread* thr);
+  // The event loop that the main thread runs, or null. Set before the
+  // threads that use joinAndDeleteMe start, cleared after the loop ended.
+  static void setEventLoop(EventLoop* loop);
 
   // Joins and deletes every queued thread, in the order queued, and returns
   // how many. REQUIRES: the main thread.

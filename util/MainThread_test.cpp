@@ -6,10 +6,12 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <functional>
 #include <utility>
 #include <string>
 #include <thread>
 
+#include "util/EventLoop.h"
 #include "util/ThreadException.h"
 #include "util/testing/ThrownText.h"
 
@@ -111,6 +113,51 @@ TEST(MainThread, JoinsAndDeletesThreadsThatGaveThemselvesUp) {
   for (bool b : wasMain) EXPECT_FALSE(b);
   EXPECT_EQ(0u, MainThread::runPendingJoins());
   EXPECT_FALSE(MainThread::waitForJoinRequest(ConditionWaitTimeout(0, 1000000)));
+}
+
+// A thread that gives itself up while the main thread runs its loop is
+// joined and deleted there, as an actor; nothing waits in the queue.
+TEST(MainThread, JoinsOnTheMainLoopWhileItRuns) {
+  MainThread main;
+  for (EventLoop::PollMethod method : {EventLoop::USE_REGULAR_POLL, EventLoop::USE_EPOLL}) {
+    EventLoop loop(method);
+    MainThread::setEventLoop(&loop);
+    std::atomic<int> deleted{0};
+    bool wasMain[4] = {true, true, true, true};
+    bool onLoop[4] = {false, false, false, false};
+    int joinedOnLoop = 0;  // the loop's thread only
+    struct Deleting : OrphanThread {
+      Deleting(std::atomic<int>* deleted, bool* wasMain, EventLoop* loop, bool* onLoop,
+               int* joined)
+          : OrphanThread(deleted, wasMain), _loop(loop), _onLoop(onLoop), _joined(joined) {}
+      ~Deleting() override {
+        *_onLoop = _loop->isInThread();
+        if (++*_joined == 4) _loop->terminate();
+      }
+      EventLoop* _loop;
+      bool* _onLoop;
+      int* _joined;
+    };
+    struct Starter : Timeout {
+      void when_expired(unsigned long long&) override { start(); }
+      std::function<void()> start;
+    } starter;
+    // Started from inside the loop, so that it surely runs.
+    starter.start = [&] {
+      for (int i = 0; i < 4; ++i) {
+        (new Deleting(&deleted, &wasMain[i], &loop, &onLoop[i], &joinedOnLoop))->go();
+      }
+    };
+    loop.add(&starter, 0);
+    loop.run();
+    MainThread::setEventLoop(nullptr);
+    EXPECT_EQ(4, deleted.load());
+    for (int i = 0; i < 4; ++i) {
+      EXPECT_FALSE(wasMain[i]);
+      EXPECT_TRUE(onLoop[i]) << i;
+    }
+    EXPECT_EQ(0u, MainThread::runPendingJoins());
+  }
 }
 
 TEST(MainThreadDeathTest, OnlyTheThreadItselfMayGiveItselfUp) {

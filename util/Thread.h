@@ -6,6 +6,7 @@
 
 #include <cstdint>
 
+#include "util/InThreadActor.h"
 #include "util/PthreadCondition.h"
 #include "util/Str.h"
 
@@ -33,13 +34,13 @@ class ThreadToken {
 
 // What the main thread runs for a thread that gave itself up with
 // MainThread::joinAndDeleteMe: join it, then delete it. Touched only by the
-// thread it belongs to and then by the main thread.
-class JoinHelper {
+// thread it belongs to and then by the main thread (or its event loop).
+class JoinHelper : public InThreadActor {
  public:
   explicit JoinHelper(Thread* thread) : _thread(thread), _next(nullptr) {}
   // Joins and deletes the thread, unless called on that thread itself, in
   // which case it does nothing.
-  void callback();
+  void callback() override;
 
  private:
   friend class MainThread;

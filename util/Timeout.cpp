@@ -66,11 +66,12 @@ void Timeout::swapWithChild(Timeout* oc) {
 }
 
 TimeoutHeap::TimeoutHeap()
-    : _timeoutCount(0),
+    : _in_poll(false),
+      _timeoutCount(0),
       _pathMask(0),
       _timeouts(nullptr),
-      _in_poll(false),
       _currently_running_timeout(nullptr),
+      _currently_running_modified(false),
       _runList(nullptr),
       _runTail(&_runList),
       _putBackList(nullptr),
@@ -218,10 +219,12 @@ void TimeoutHeap::remove(Timeout* timo) {
       // Its time has come: removal must not lose a one-shot. Being removed,
       // it cannot ask to repeat.
       Timeout* const running = _currently_running_timeout;
+      const bool runningModified = _currently_running_modified;
       _currently_running_timeout = timo;
       unsigned long long msec = 0;
       timo->when_expired(msec);
       _currently_running_timeout = running;
+      _currently_running_modified = runningModified;
     }
   } else {
     removePendingTimeout(timo);
@@ -231,6 +234,13 @@ void TimeoutHeap::remove(Timeout* timo) {
 
 void TimeoutHeap::modifyTimeoutInterval(Timeout* timo, const Timeval& now,
                                         unsigned long long msec) {
+  if (timo == _currently_running_timeout) {
+    // Its handler is running and it is linked nowhere: the pass puts it
+    // back with this interval once the handler returns.
+    timo->_initialMsec = msec;
+    _currently_running_modified = true;
+    return;
+  }
   const unsigned long long old = timo->_initialMsec;
   unsigned long long delay = msec;
   if (timo->_linkp == Timeout::ON_PUTBACK_LIST) {
@@ -268,10 +278,14 @@ void TimeoutHeap::modifyTimeoutInterval(Timeout* timo, unsigned long long msec) 
 
 void TimeoutHeap::internal_runOne(Timeout* t) {
   _currently_running_timeout = t;
+  _currently_running_modified = false;
   unsigned long long msec = t->_initialMsec;
   t->when_expired(msec);
   _currently_running_timeout = nullptr;
-  if (msec != 0) {
+  if (_currently_running_modified) {
+    _currently_running_modified = false;
+    appendToPutBackList(t);
+  } else if (msec != 0) {
     t->_initialMsec = msec;
     appendToPutBackList(t);
   }

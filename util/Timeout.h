@@ -61,6 +61,18 @@ class Timeout {
   unsigned long long _initialMsec;
 };
 
+// A timer that runs once each time it is added: whatever its handler does,
+// the count it returns is 0.
+class OneShotTimeout : public Timeout {
+ public:
+  void when_expired(unsigned long long& msec) final {
+    msec = 0;
+    fire();
+  }
+  // What the timer does when due.
+  virtual void fire() = 0;
+};
+
 // A store of timers ordered by due time. It has no lock: it belongs to one
 // thread (an EventLoop's), and other threads reach it through that thread.
 //
@@ -95,7 +107,9 @@ class TimeoutHeap {
   // Changes the interval of `timo`, counting the part of the old interval
   // already served: a 1000 ms timer 400 ms from due, changed to 1500 ms, is
   // next due in 900 ms; changed to 500 ms, it is due now. An unscheduled
-  // timer is scheduled `msec` from `now`.
+  // timer is scheduled `msec` from `now`. Called by a timer's own handler,
+  // it takes the place of the count the handler returns: the timer is put
+  // back `msec` after the end of the pass, even when the count is 0.
   void modifyTimeoutInterval(Timeout* timo, const Timeval& now, unsigned long long msec);
   void modifyTimeoutInterval(Timeout* timo, unsigned long long msec);
 
@@ -135,6 +149,8 @@ class TimeoutHeap {
   // Set by the loop around its poll; the heap may not change meanwhile.
   void setInPoll(bool inPoll) { _in_poll = inPoll; }
 
+  bool _in_poll;
+
  private:
   void addNonbusyTimeout(Timeout* t);
   void removePendingTimeout(Timeout* t);
@@ -163,8 +179,9 @@ class TimeoutHeap {
   unsigned _timeoutCount;
   unsigned _pathMask;
   Timeout* _timeouts;  // the root
-  bool _in_poll;
   Timeout* _currently_running_timeout;
+  // Whether the running handler changed its own interval.
+  bool _currently_running_modified;
   Timeout* _runList;  // about to run, in due order
   Timeout** _runTail;
   Timeout* _putBackList;

@@ -224,6 +224,48 @@ TEST_F(TimeoutHeapTest, ModifyIntervalDuringAPass) {
   EXPECT_EQ(at(150 + 900), putBack.when());
 }
 
+// A handler that changes its own interval through the heap, rather than
+// through the count, must not end up in the heap twice.
+TEST_F(TimeoutHeapTest, AHandlerMayModifyItsOwnInterval) {
+  std::vector<int> log;
+  const struct {
+    const char* name;
+    long long repeat;  // what the handler leaves in the count (-1: untouched)
+    unsigned long long newMsec;
+  } kCases[] = {
+      {"shorter, count left as found", -1, 500},
+      {"longer, count left as found", -1, 2500},
+      {"count set as well: the modify wins", 300, 500},
+      {"count cleared: the modify still repeats it", 0, 700},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    RecordingTimeout self(1, &log), other(2, &log);
+    TimeoutHeap heap;
+    heap.add(&other, at(0), 60000);
+    heap.add(&self, at(-1000), 1000);  // due at 0
+    self.repeat = c.repeat;
+    self.action = [&](unsigned long long&) {
+      heap.modifyTimeoutInterval(&self, at(0), c.newMsec);
+      _clock.set(at(40));  // the pass ends a little later
+    };
+    runAt(heap, 0);
+    ASSERT_TRUE(heap.verifyHeap());
+    EXPECT_EQ(2u, heap.timeoutCount());
+    EXPECT_EQ(at(40 + static_cast<int64_t>(c.newMsec)), self.when());
+    EXPECT_EQ(c.newMsec, self.initialMsec());
+    // It fires once at the new time and then keeps its new interval.
+    self.action = nullptr;
+    self.repeat = -1;
+    log.clear();
+    runAt(heap, 40 + static_cast<int64_t>(c.newMsec));
+    EXPECT_EQ(std::vector<int>({1}), log);
+    EXPECT_EQ(c.newMsec, self.givenMsec);
+    ASSERT_TRUE(heap.verifyHeap());
+    EXPECT_EQ(2u, heap.timeoutCount());
+  }
+}
+
 TEST_F(TimeoutHeapTest, ClockJumpsMoveOrClampTheTimers) {
   std::vector<int> log;
   const struct {
