@@ -14,8 +14,11 @@
 #include <libxml/valid.h>
 #include <libxml/xmlerror.h>
 
+#include <map>
+#include <memory>
 #include <random>
 #include <string>
+#include <vector>
 
 #include "util/FileDescriptor.h"
 #include "util/FileStar.h"
@@ -237,6 +240,47 @@ TEST(XmlReviewHook, LaterThreadsLogThroughTheHookToo) {
   ASSERT_FALSE(lines.empty());
   for (const auto& line : lines) {
     EXPECT_EQ(0u, line.find("INFO XmlParser thread.xml:2: parser: ")) << line;
+  }
+}
+
+// Parses bad documents named after itself, many times over.
+class NamedParsingThread : public Thread {
+ public:
+  explicit NamedParsingThread(int id) : Thread("xml parse %d", id), _name("t" + std::to_string(id)) {}
+  void main() override {
+    for (int i = 0; i < kRounds; ++i) {
+      const std::string text = std::string(i % 5 + 1, '\n') + "<a><b></a>";
+      XmlDocument doc(StrSegment(text.data(), text.size()), _name.c_str(), false, false);
+      if (doc.empty() && doc.errorLine() == i % 5 + 2) ++failures;
+    }
+  }
+  static constexpr int kRounds = 40;
+  int failures = 0;
+
+ private:
+  std::string _name;
+};
+
+TEST(XmlReviewHook, ThreadsParsingAtOnceKeepTheirOwnErrors) {
+  xmlReady();
+  ScopedLogCapture capture("XmlParser", "%c|%m%n");
+  std::vector<std::unique_ptr<NamedParsingThread>> threads;
+  for (int id = 0; id < 4; ++id) threads.push_back(std::make_unique<NamedParsingThread>(id));
+  for (auto& t : threads) t->go();
+  for (auto& t : threads) t->join();
+  std::map<std::string, int> perThread;
+  for (const auto& line : capture.lines()) {
+    ASSERT_EQ(0u, line.find("XmlParser|t")) << line;
+    const size_t colon = line.find(':');
+    ASSERT_NE(std::string::npos, colon) << line;
+    ++perThread[line.substr(10, colon - 10)];
+  }
+  for (int id = 0; id < 4; ++id) {
+    EXPECT_EQ(NamedParsingThread::kRounds, threads[id]->failures) << id;
+    // Every thread parsed the same documents, so each reports as often, and
+    // at least once per document.
+    EXPECT_LE(NamedParsingThread::kRounds, perThread["t" + std::to_string(id)]) << id;
+    EXPECT_EQ(perThread["t0"], perThread["t" + std::to_string(id)]) << id;
   }
 }
 
