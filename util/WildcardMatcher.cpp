@@ -175,10 +175,16 @@ Str WildcardMatcher::getPatternSuffix() const {
 }
 
 Str WildcardMatcher::debugOpaqueMatcher() const {
-  Str out = "pattern=\"" + _pattern + "\" literals=[";
+  // Appended piece by piece: the optimiser warns falsely about the
+  // temporaries of operator+ here.
+  Str out("pattern=\"");
+  out += _pattern;
+  out += "\" literals=[";
   for (size_t i = 0; i < _literalStarts.size(); ++i) {
     if (i != 0) out.push_back(',');
-    out += "\"" + Str(_literalStarts[i]) + "\"";
+    out.push_back('"');
+    out += _literalStarts[i];
+    out.push_back('"');
   }
   out.appendFormat("] hardStart=%d hardEnd=%d singleWord=%d", _hardStart ? 1 : 0,
                    _hardEnd ? 1 : 0, _singleWord ? 1 : 0);
