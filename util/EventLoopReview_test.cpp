@@ -785,4 +785,53 @@ TEST_P(ReviewLoopTest, AListenerTakesInEveryWaitingConnection) {
   ::close(listener.fd());
 }
 
+// Timers added in the last round: at the end of the run the zero-length
+// ones run once, the others stay scheduled for the next run.
+class CountingTimeout : public Timeout {
+ public:
+  explicit CountingTimeout(unsigned long long next) : _next(next) {}
+  void when_expired(unsigned long long& msec) override {
+    ++fired;
+    msec = _next;
+  }
+  int fired = 0;
+
+ private:
+  unsigned long long _next;
+};
+
+TEST_P(ReviewLoopTest, TheEndOfARunRunsZeroLengthTimersOnce) {
+  struct Case {
+    const char* name;
+    unsigned long long interval;
+    unsigned long long next;  // the count the handler leaves
+    int fired;
+    bool scheduledAfter;
+  };
+  const Case cases[] = {
+      {"one-shot", 0, 0, 1, false},
+      {"asks for a repeat", 0, 3600 * 1000ULL, 1, true},
+      {"an hour away", 3600 * 1000ULL, 0, 0, true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    SocketPair p;
+    ReadingMember m;
+    CountingTimeout t(c.next);
+    m.onEvent = [&](ReadingMember&) {
+      _loop.terminate();
+      _loop.add(&t, c.interval);
+      return false;
+    };
+    _loop.add(&m, PollableDescriptor(p.a));
+    writeAll(p.b, "x");
+    _loop.run();
+    EXPECT_EQ(c.fired, t.fired);
+    EXPECT_EQ(c.scheduledAfter, t.isScheduled());
+    EXPECT_TRUE(_loop.verifyHeap());
+    _loop.remove(&t);
+    _loop.removeActivePolledFd(&m);
+  }
+}
+
 }  // namespace
