@@ -54,6 +54,7 @@ TEST_F(TimeGuesserTest, GuessYearAroundNewYearAndLeapDays) {
       {"Jan 1 after Dec 31 in a stream", utcInstant(2025, 12, 31, 10), true, 1, 1, 2026},
       {"a stream crosses New Year", utcInstant(2025, 12, 28, 23), true, 1, 2, 2026},
       {"an old file read in January", utcInstant(2026, 1, 2), false, 12, 30, 2025},
+      {"long past is still this year", utcInstant(2023, 6, 10), false, 1, 5, 2023},
       // With a context only dates behind the stream change the year.
       {"a stream sees a date ahead", utcInstant(2026, 1, 2), true, 12, 30, 2026},
       {"4 days behind a stream", utcInstant(2025, 4, 11), true, 4, 7, 2026},
@@ -276,10 +277,12 @@ TEST_F(TimeGuesserTest, NumericOffsetsAndDescriptionsAreConstants) {
       {"-0800", -28800},
       {"+5", 18000},
       {"-08:00", -28800},
+      {"-08", -28800},
       {"+0545", 20700},
       {"W. Europe Standard Time", 3600},
       {"W. Europe Daylight Time", 7200},
       {"Coordinated Universal Time", 0},
+      {"Eastern Standard Time", -18000},  // the table wins over the zone file
       {"India Standard Time", 19800},
       {"Nepal Standard Time", 20700},
       {"Namibia Standard Time", 7200},  // daylight time is the western one
@@ -301,7 +304,8 @@ TEST_F(TimeGuesserTest, NumericOffsetsAndDescriptionsAreConstants) {
 
 TEST_F(TimeGuesserTest, NamedZonesComeFromTheZoneCache) {
   for (const char* name : {"America/Sao_Paulo", "Europe/Paris", "Eastern", "Pacific/Auckland",
-                           "Central Standard Time (Mexico)"}) {
+                           "Central Standard Time (Mexico)",
+                           "EST5EDT"}) {  // a digit ends the abbreviation search
     TimezoneGuessResult zone;
     ASSERT_TRUE(TimeGuesser::basic()->guessTimezone(name, &zone)) << name;
     EXPECT_FALSE(zone.isConstant) << name;
