@@ -194,9 +194,11 @@ TEST(GzipStream, RefusesWhatIsNotGzip) {
     std::string data;
   } kCases[] = {
       {"plain text", "hello world\n"},
+      {"first magic byte", std::string("\x1e\x8b", 2) + member.substr(2)},
       {"second magic byte", std::string("\x1f\x8c", 2) + member.substr(2)},
       {"method other than deflate", badMethod},
       {"reserved flag 0x20", withOptionalHeader(member, 0x20, "", "", "")},
+      {"reserved flag 0x40", withOptionalHeader(member, 0x40, "", "", "")},
       {"reserved flag 0x80", withOptionalHeader(member, 0x80, "", "", "")},
       {"garbage after a member", member + "trailing"},
   };
