@@ -12,6 +12,9 @@ TEST(DoubleWithSignificantFigures, FiguresAndPrecisionFromTheWayANumberIsWritten
       {"1.50", 3, 2},   {"0.0012", 2, 4}, {"100.", 3, 0},  {"1e3", 1, 0},   {"0.000", 4, 3},
       {"-2.5", 2, 1},   {"12.345", 5, 3}, {"1.5e-3", 2, 4}, {"2.50E2", 3, 0}, {"42", U, U},
       {"-7", U, U},     {"+0.10", 2, 2},  {".5", 1, 1},
+      {"007.10", 3, 2},    // leading zeros are no figures
+      {"1.2345e2", 5, 2},  // the exponent moves the precision, not the figures
+      {"0e0", 1, 0},    {"10.0", 3, 1},
   };
   for (const auto& c : kCases) {
     DoubleWithSignificantFigures d;
@@ -36,6 +39,11 @@ TEST(DoubleWithSignificantFigures, RendersWithItsFiguresOrPlainly) {
       {-42, U, 2, "-42"},           // one field unknown: plain
       {0.5, U, U, "0.500000"},
       {1e19, U, U, "10000000000000000000.000000"},  // integral but past 2^63
+      {9223372036854774784.0, U, U, "9223372036854774784"},  // the last double below 2^63
+      {9223372036854775808.0, U, U, "9223372036854775808.000000"},
+      {-9223372036854775808.0, U, U, "-9223372036854775808.000000"},
+      {99.96, 3, 1, "100.0"},  // rounding carries into a new digit
+      {5, 4, 0, "   5"},       // unused figures pad on the left
   };
   for (const auto& c : kCases) {
     DoubleWithSignificantFigures d{c.value, c.sigFigs, c.precision};
@@ -45,44 +53,11 @@ TEST(DoubleWithSignificantFigures, RendersWithItsFiguresOrPlainly) {
   }
 }
 
-TEST(EvalDatum, TypesAreSingletonsWithTheirNamesAndQuestions) {
-  const struct { const EvaluatorType* t; const char* name; bool str, num, boolean, null, multi; } kCases[] = {
-      {&EvalDatum::NullType::INSTANCE, "Null", false, false, false, true, false},
-      {&EvalDatum::BoolType::INSTANCE, "Bool", false, false, true, false, false},
-      {&EvalDatum::NumericType::INSTANCE, "Number", false, true, false, false, false},
-      {&EvalDatum::StringType::INSTANCE, "String", true, false, false, false, false},
-      {&EvalDatum::MultiValType::INSTANCE, "Multivalue", false, false, false, false, true},
-      {&EvaluatorTypeBothStringAndNumber::INSTANCE, "Number", true, true, false, false, false},
-  };
-  for (const auto& c : kCases) {
-    EXPECT_STREQ(c.name, c.t->name());
-    EXPECT_EQ(c.str, c.t->isStringLike()) << c.name;
-    EXPECT_EQ(c.num, c.t->isNumeric()) << c.name;
-    EXPECT_EQ(c.boolean, c.t->isBoolean()) << c.name;
-    EXPECT_EQ(c.null, c.t->isNull()) << c.name;
-    EXPECT_EQ(c.multi, c.t->isMultiVal()) << c.name;
-    // A run-time type might be exactly what it is.
-    EXPECT_EQ(c.str, c.t->mightBeStringLike()) << c.name;
-    EXPECT_EQ(c.num, c.t->mightBeNumeric()) << c.name;
-    EXPECT_TRUE(c.t->isType(c.name));
-  }
-  // The static types only might be.
-  const EvaluatorType* field = &EvalDatum::FieldValType::INSTANCE;
-  EXPECT_TRUE(field->mightBeNumeric() && field->mightBeStringLike() && field->mightBeMultiVal());
-  EXPECT_FALSE(field->isNumeric() || field->isStringLike() || field->mightBeBoolean());
-  const EvaluatorType* either = &EvalDatum::EitherStringOrNumberType::INSTANCE;
-  EXPECT_TRUE(either->mightBeNumeric() && either->mightBeStringLike() && !either->mightBeMultiVal());
-  const EvaluatorType* undetermined = &EvalUndeterminedType::INSTANCE;
-  EXPECT_TRUE(undetermined->mightBeBoolean() && undetermined->mightBeNull());
-  EvalDatum d;
-  d.changeType(field);
-  EXPECT_EQ("<instance of type \"FieldValue\">", d.stringify());
-}
-
 TEST(EvalDatum, TextFromAFieldIsBothStringAndNumberWhenItReads) {
   const struct { const char* text; bool numeric; double value; } kCases[] = {
       {"42", true, 42}, {"2.50", true, 2.5}, {"-1e3", true, -1000}, {"0x10", true, 16},  // the string converter reads hex
       {"abc", false, 0}, {"", false, 0},     {"1.5x", false, 0},    {" 1", false, 0},
+      {"1.2.3", false, 0},
   };
   for (const auto& c : kCases) {
     EvalDatum d;

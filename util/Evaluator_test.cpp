@@ -82,10 +82,15 @@ TEST(Evaluator, ArithmeticComparisonAndLogic) {
       {"!true", "False"},
       {"status > 400 && status < 600", "True"},
       {"1 = 1 || 1 = 2", "True"},
+      {"true OR false AND false", "True"},  // AND binds tighter
+      {"bytes > status", "True"},   // fields that read as numbers compare as numbers
+      {"\"1.0\" = 1", "False"},     // a string against a number: by text
+      {"bytes % 0", "null"},
       {"host . \":\" . bytes", "Web-01:2048"},
       {"\"a\" + \"b\"", "ab"},
       {"user + 1", "null"},         // neither two numbers nor two strings
       {"\"quote \\\" inside\"", "quote \" inside"},
+      {"\"b\\\\s\"", "b\\s"},
       {"'status' + 1", "504"},
       {"TRUE", "True"},
       {"null", "null"},
@@ -113,6 +118,8 @@ TEST(Evaluator, Functions) {
       {"substr(host, -2)", "01"},
       {"substr(word, 2, 1)", "\xC3\xA9"},
       {"substr(host, 10)", ""},
+      {"substr(host, -3, 2)", "-0"},
+      {"lower(\"\xC3\x84" "BC\")", "\xC3\xA4" "bc"},
       {"tonumber(\"ff\", 16)", "255"},
       {"tonumber(\"12\") + 1", "13"},
       {"tonumber(\"12x\")", "null"},
@@ -120,6 +127,8 @@ TEST(Evaluator, Functions) {
       {"tonumber(\"0x1F\")", "null"},      // base 10 reads decimals only
       {"tonumber(\".5\") * 2", "1"},
       {"tonumber(\"+5\")", "5"},
+      {"tonumber(\"zz\", 36)", "1295"},
+      {"tonumber(\"9\", 8)", "null"},    // a digit past the base
       {"tonumber(\"1.\")", "null"},
       {"tostring(255, \"hex\")", "0xFF"},
       {"tostring(1234567.891, \"commas\")", "1,234,567.89"},
@@ -129,6 +138,7 @@ TEST(Evaluator, Functions) {
       {"round(2.567, 2)", "2.57"},
       {"round(2.5)", "3"},
       {"round(-2.5)", "-3"},
+      {"round(-1.25, 1)", "-1.3"},
       {"abs(-4.25)", "4.25"},
       {"isnull(missing)", "True"},
       {"isnull(user)", "False"},
@@ -227,6 +237,10 @@ TEST(Evaluator, ParseAndTypeErrorsNameTheirKind) {
       {"strftime(1, \"%Q%\")", "Invalid function argument"},
       {"1.2.3", "Invalid number"},
       {"12ab", "Invalid number"},
+      {"1e", "Invalid number"},
+      {"a ANDb", "Unexpected token"},
+      {"a XOR", "Missing OR term"},
+      {"null * 2", "Operator requires numeric types"},
       {"true * 2", "Operator requires numeric types"},
       {"1 AND true", "Operator requires boolean types"},
       {"true + 1", "Operator '+' types incompatible"},
@@ -237,6 +251,7 @@ TEST(Evaluator, ParseAndTypeErrorsNameTheirKind) {
   // Nesting is bounded rather than left to the stack.
   EXPECT_EQ("error: Unexpected token", eval(std::string(5000, '(') + "1"));
   EXPECT_EQ("error: Unexpected token", eval(std::string(5000, '-') + "1"));
+  EXPECT_EQ("error: Unexpected token", eval(std::string(5000, '!') + "true"));
   EXPECT_EQ("1", eval(std::string(256, '(') + "1" + std::string(256, ')')));
   EXPECT_EQ("error: Unexpected token", eval(std::string(257, '(') + "1" + std::string(257, ')')));
 }
