@@ -241,20 +241,6 @@ TEST_P(ReviewLoopTest, WorkPendingWhenTheRunEndsStillRuns) {
   EXPECT_FALSE(_loop.isRunning());
 }
 
-TEST_P(ReviewLoopTest, WithTheLoopDownWorkRunsOnTheCallersThread) {
-  std::thread::id ranOn;
-  FunctionActor actor([&] { ranOn = std::this_thread::get_id(); });
-  _loop.internal_runInThread(&actor, true);
-  EXPECT_EQ(std::this_thread::get_id(), ranOn);
-  std::thread other([&] {
-    FunctionActor a2([&] { ranOn = std::this_thread::get_id(); });
-    _loop.internal_runInThread(&a2, false);
-  });
-  const std::thread::id otherId = other.get_id();
-  other.join();
-  EXPECT_EQ(otherId, ranOn);
-}
-
 TEST_P(ReviewLoopTest, RunInThreadOrFailWithoutWaitingRunsOnTheLoopLater) {
   LoopThread running(_loop);
   Waitable<int> ran;
@@ -285,22 +271,6 @@ TEST_P(ReviewLoopTest, OnTheLoopsThreadWorkRunsAtOnce) {
   });
 }
 
-class PipeMember : public SmartEventLoopMember {
- public:
-  void add_to_eventloop(EventLoop* loop) override {
-    addedInThread = loop->isInThread();
-    loop->add(&member, PollableDescriptor(pair.a));
-  }
-  void remove_from_eventloop(EventLoop* loop) override {
-    removedInThread = loop->isInThread();
-    if (member.isActive()) loop->removeActivePolledFd(&member);
-  }
-  SocketPair pair;
-  ReadingMember member;
-  bool addedInThread = false;
-  bool removedInThread = false;
-};
-
 class CountingCallback : public CallbackAfterEventService {
  public:
   explicit CountingCallback(EventLoop& loop) : _loop(loop) {}
@@ -314,36 +284,6 @@ class CountingCallback : public CallbackAfterEventService {
  private:
   EventLoop& _loop;
 };
-
-TEST_P(ReviewLoopTest, FromAnywhereOperationsFromSeveralThreads) {
-  LoopThread running(_loop);
-  constexpr int kThreads = 4;
-  std::vector<std::unique_ptr<PipeMember>> members;
-  for (int i = 0; i < kThreads; ++i) members.push_back(std::make_unique<PipeMember>());
-  std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i) {
-    threads.emplace_back([&, i] { _loop.addFromAnywhere(members[i].get()); });
-  }
-  for (auto& t : threads) t.join();
-  threads.clear();
-  for (auto& m : members) {
-    // Returned only once added: already active.
-    EXPECT_TRUE(m->addedInThread);
-    EXPECT_TRUE(m->member.isActive());
-  }
-  for (int i = 0; i < kThreads; ++i) {
-    threads.emplace_back([&, i] { _loop.removeFromAnywhere(members[i].get()); });
-  }
-  for (auto& t : threads) t.join();
-  for (auto& m : members) {
-    EXPECT_TRUE(m->removedInThread);
-    EXPECT_FALSE(m->member.isActive());
-  }
-  // The loop's own pipe is all that is left.
-  unsigned count = 0;
-  inLoop(_loop, [&] { count = _loop.memberCount(); });
-  EXPECT_EQ(1u, count);
-}
 
 TEST_P(ReviewLoopTest, ACallbackAfterServiceRunsOncePerQueueing) {
   LoopThread running(_loop);
@@ -368,27 +308,6 @@ class FlagTimeout : public OneShotTimeout {
   void fire() override { ++fired; }
   std::atomic<int> fired{0};
 };
-
-TEST_P(ReviewLoopTest, ATimeoutRemovedFromAnotherThreadNeverFires) {
-  LoopThread running(_loop);
-  FlagTimeout far, near;
-  inLoop(_loop, [&] {
-    _loop.add(&far, 3600 * 1000ULL);
-    _loop.add(&near, 3600 * 1000ULL);
-  });
-  _loop.removeFromAnywhere(&far);
-  bool farScheduled = true, nearScheduled = false;
-  inLoop(_loop, [&] {
-    farScheduled = far.isScheduled();
-    nearScheduled = near.isScheduled();
-    _loop.remove(&near);
-  });
-  EXPECT_FALSE(farScheduled);
-  EXPECT_TRUE(nearScheduled);
-  // Removing one that is no longer scheduled is harmless.
-  _loop.removeFromAnywhere(&far);
-  EXPECT_EQ(0, far.fired.load());
-}
 
 // A repeating timer whose handler changes its own interval ends up in the
 // heap once, at the new interval, whatever count the handler leaves.
