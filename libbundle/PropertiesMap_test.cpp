@@ -575,6 +575,9 @@ TEST(PropertiesMapCompare, LessComparesEmbeddedValuesThenEntries) {
       {"by key", make("e", {{"a", "9"}}), make("e", {{"b", "0"}}), true, false},
       {"a prefix first", make("e", {{"a", "1"}}), make("e", {{"a", "1"}, {"b", ""}}), true, false},
       {"by embedded value", make("a", {}), make("b", {}), true, false},
+      {"keys compare unsigned", make("e", {{"a", "1"}}), make("e", {{"\xff", "1"}}), true, false},
+      {"embedded values compare unsigned", make("\x80", {{"k", "1"}}), make("a", {}), false,
+       true},
       // The quirk kept on purpose: each is less than the other.
       {"embedded less, entries greater", make("a", {{"k", "2"}}), make("b", {{"k", "1"}}), true,
        true},
@@ -639,9 +642,11 @@ TEST(PropertiesMapTyped, TryWarnsOnceAndLeavesTheOutputAloneWhereToIsSilent) {
       {"bool", "0", true, "false"},
       {"bool", "F", true, "false"},
       {"bool", "on", false, "true(77)"},
+      {"bool", " ", false, "true(77)"},   // blanks are a value, not an empty one
       {"int", "12", true, "12"},
       {"int", "-3", true, "-3"},
       {"int", "12x", false, "77"},
+      {"int", "12 ", false, "77"},
       {"int", "0x10", false, "77"},        // base 10 only
       {"int", "010", true, "10"},          // no octal either
       {"int", "2147483648", false, "77"},

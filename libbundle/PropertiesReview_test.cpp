@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <functional>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -120,30 +119,6 @@ TEST(PropertiesLayers, KeyAlreadyInTargetKeepsTargetsProvenance) {
   EXPECT_TRUE(k->permissions().empty());
 }
 
-TEST(PropertiesLayers, RecordedStanzaOnAFilledTarget) {
-  const struct {
-    const char* embeddedStanza;
-    const char* stanzaName;
-    const char* recorded;
-  } kCases[] = {
-      {"", "arg", "arg"}, {"emb", "arg", "emb"}, {"emb", "", "emb"}, {"default", "arg", "default"},
-      {"", "", ""},  // the entry's own stanza does not survive the copy
-  };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(std::string(c.embeddedStanza) + "|" + c.stanzaName);
-    PropertiesMap target = mapOf({{"held", "1"}});
-    PropertiesMap layer;
-    putWith(layer, {"k", "v", SOURCE_APP, "own", "u", "a"});
-    layer.getEmbeddedProperty().setSourceStanza(c.embeddedStanza);
-    layer.getEmbeddedProperty().setValue("e");
-    layer.addLayerTo(target, false, c.stanzaName);
-    EXPECT_EQ(c.recorded, target.getProperty("k")->sourceStanza());
-    EXPECT_EQ("", target.getProperty("held")->sourceStanza());
-    EXPECT_EQ(c.recorded, target.getEmbeddedProperty().sourceStanza());
-    EXPECT_EQ("e", target.getEmbeddedProperty().value());
-  }
-}
-
 TEST(PropertiesLayers, EmbeddedPropertyIsTakenWhole) {
   PropertiesMap target;
   PropertiesMap first;  // still unset: taken, and replaced by the next layer
@@ -189,68 +164,6 @@ TEST(PropertiesLayers, ExpandedNameIsSetEvenToNothing) {
 }
 
 // ---- Typed readers ----
-
-namespace {
-
-// Runs one tryToX with the output preset to a sentinel; gives the result
-// and whether the output was left as it was.
-typedef std::function<std::pair<bool, bool>(const PropertiesMap&, const Str&)> TryFn;
-
-template <typename T, bool (PropertiesMap::*F)(const Str&, T&) const>
-TryFn tryOf(T sentinel) {
-  return [sentinel](const PropertiesMap& m, const Str& key) {
-    T out = sentinel;
-    const bool ok = (m.*F)(key, out);
-    return std::make_pair(ok, out == sentinel);
-  };
-}
-
-TryFn tryFor(const std::string& word) {
-  if (word == "bool") return tryOf<bool, &PropertiesMap::tryToBool>(true);
-  if (word == "int") return tryOf<int, &PropertiesMap::tryToInt>(-99);
-  if (word == "unsigned") return tryOf<unsigned, &PropertiesMap::tryToUnsigned>(99u);
-  if (word == "size_t") return tryOf<size_t, &PropertiesMap::tryToSizet>(99);
-  if (word == "unsigned long long")
-    return tryOf<unsigned long long, &PropertiesMap::tryToUnsignedLongLong>(99ull);
-  if (word == "unsigned long") return tryOf<unsigned long, &PropertiesMap::tryToUnsignedLong>(99ul);
-  return tryOf<long, &PropertiesMap::tryToLong>(-99l);
-}
-
-}  // namespace
-
-TEST(PropertiesTypedReaders, UnconvertibleTextWarnsWithTypeWordAndKeepsOutput) {
-  const struct {
-    const char* word;
-    const char* key;
-    const char* value;
-  } kCases[] = {
-      {"bool", "k", "2"},
-      {"bool", "k", " "},  // blanks are a value, not an empty one
-      {"int", "k", "  "},
-      {"int", "k", "12 "},
-      {"int", "k", "-2147483649"},
-      {"int", "k%d", "50%"},  // percent signs are text, never a format
-      {"unsigned", "k", " -1"},
-      {"size_t", "k", "18446744073709551616"},
-      {"size_t", "k", "1e3"},
-      {"unsigned long long", "k", "-1"},
-      {"unsigned long long", "k", "5 apples"},
-      {"unsigned long", "k", "18446744073709551616"},
-      {"long", "k", "-9223372036854775809"},
-      {"long", "k", "7 7"},
-  };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(std::string(c.word) + " <- " + c.value);
-    ScopedLogCapture capture("PropertiesMap");
-    PropertiesMap m = mapOf({{c.key, c.value}});
-    const auto [ok, untouched] = tryFor(c.word)(m, c.key);
-    EXPECT_FALSE(ok);
-    EXPECT_TRUE(untouched);
-    const std::string expected = std::string("WARN Cannot convert string \"") + c.value +
-                                 "\" into " + c.word + " for \"" + c.key + "\"";
-    EXPECT_EQ(std::vector<std::string>({expected}), capture.lines());
-  }
-}
 
 TEST(PropertiesTypedReaders, EveryFailureWarnsNoneIsHeldBack) {
   ScopedLogCapture capture("PropertiesMap");
@@ -400,34 +313,6 @@ TEST(PropertiesDifference, ReplacesSameKeyInOutAndKeepsTheRest) {
 }
 
 // ---- Comparison ----
-
-TEST(PropertiesCompare, LessIsNoStrictOrderWhenEmbeddedValuesDiffer) {
-  const struct {
-    const char* embA;
-    Entries a;
-    const char* embB;
-    Entries b;
-    bool aLess;
-    bool bLess;
-  } kCases[] = {
-      {"", {}, "", {}, false, false},
-      {"a", {{"k", "1"}}, "b", {{"k", "1"}}, true, false},  // greater embedded, equal entries
-      {"a", {{"k", "1"}}, "b", {{"k", "2"}}, true, false},
-      {"", {{"a", ""}}, "", {}, false, true},  // an empty entry still sorts after none
-      {"", {{"B", "1"}}, "", {{"a", "1"}}, true, false},
-      {"", {{"a", "1"}}, "", {{"\xff", "1"}}, true, false},
-      {"", {{"k", "\x7f"}}, "", {{"k", "\x80"}}, true, false},
-      {"\x80", {{"k", "1"}}, "a", {}, false, true},  // embedded values compare unsigned
-  };
-  int row = 0;
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(row++);
-    const PropertiesMap a = mapOf(c.a, c.embA);
-    const PropertiesMap b = mapOf(c.b, c.embB);
-    EXPECT_EQ(c.aLess, a < b);
-    EXPECT_EQ(c.bLess, b < a);
-  }
-}
 
 TEST(PropertiesCompare, ProvenanceDoesNotOrder) {
   PropertiesMap a, b;
