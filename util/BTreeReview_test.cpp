@@ -183,36 +183,6 @@ TEST(BTreeReviewLayout, SplitsFollowTheHalvingRules) {
   EXPECT_EQ(24 + 8 * nodeSize(3), f.index.size());
 }
 
-// ---------------------------------------------------------------- checkValid
-
-TEST(BTreeReviewCheckValid, NodeFailuresAndTheirMessages) {
-  const std::string header = IMAGIC + putLe64(3);
-  const int64_t n = static_cast<int64_t>(nodeSize(3));
-  const struct {
-    const char* name;
-    std::string index, records;
-    const char* message;
-  } kCases[] = {
-      {"leaf entry at end of record file", header + encodeNode(3, {5}, {40}),
-       RMAGIC + entry(1, 2, 5), "0th child has invalid offset: indexsize=80 recordsize=40, (Leaf)"},
-      {"internal child past index end",
-       header + encodeNode(3, {5}, {24 + n, 24 + 5 * n}) + encodeNode(3, {1}, {16}),
-       RMAGIC + entry(1, 2, 1), "1th child has invalid offset: indexsize=136 recordsize=40, (Internal)"},
-  };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.name);
-    TestTempDir dir;
-    writeTestFile(dir / "btree_index.dat", c.index);
-    writeTestFile(dir / "btree_records.dat", c.records);
-    bt::BTree tree(U64Key(0), 3);
-    ASSERT_TRUE(tree.open(dir.path()));
-    ScopedLogCapture log("BTree");
-    PairRecord scratch;
-    EXPECT_FALSE(tree.checkValid(scratch));
-    EXPECT_TRUE(has(log.text(), c.message)) << log.text();
-  }
-}
-
 // ---------------------------------------------------------------- walks
 
 struct CountingVisitor : bt::BTree::Visitor {
