@@ -118,7 +118,7 @@ TEST_F(DateParserGuesserTest, WithoutSourceDateTheStreamPlacesTheTime) {
 
 TEST_F(DateParserGuesserTest, NameCacheHitsGiveTheSameZone) {
   DateParserGuesser g;
-  const char* names[] = {"EST", "est", "+05:30", "Tokyo", "CET", "EST"};
+  const char* names[] = {"EST", "est", "+05:30", "Tokyo", "CET", "EST", "Etc/UTC"};
   for (const char* name : names) {
     TimezoneGuessResult miss;
     ASSERT_TRUE(g.guessTimezone(name, &miss)) << name;
@@ -137,6 +137,7 @@ TEST_F(DateParserGuesserTest, NameCacheHitsGiveTheSameZone) {
   TimezoneGuessResult zone;
   const uint64_t before = g.nameCacheHits();
   for (int i = 0; i < 3; ++i) ASSERT_TRUE(g.guessTimezone("America/Sao_Paulo", &zone));
+  for (int i = 0; i < 2; ++i) ASSERT_TRUE(g.guessTimezone("GMT-0700", &zone));
   ASSERT_TRUE(g.guessTimezone("-0800", &zone));
   EXPECT_EQ(before, g.nameCacheHits());
   EXPECT_EQ(-28800, zone.offset);
