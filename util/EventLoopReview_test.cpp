@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -31,18 +30,6 @@
 #include "util/testing/ThrownText.h"
 
 namespace {
-
-// Asks `check` on the loop's thread, round after round, until it holds;
-// bounded, so that a broken loop fails the test instead of hanging it.
-bool eventuallyInLoop(EventLoop& loop, const std::function<bool()>& check) {
-  for (int i = 0; i < 100000; ++i) {
-    bool done = false;
-    inLoop(loop, [&] { done = check(); });
-    if (done) return true;
-    std::this_thread::yield();
-  }
-  return false;
-}
 
 void writeAll(const FileDescriptor& fd, const std::string& text) {
   ASSERT_EQ(static_cast<ssize_t>(text.size()), fd.write(text.data(), text.size()));
@@ -435,43 +422,6 @@ TEST_P(ReviewLoopTest, ThrottlingCutsOnlyTheHeldEventsOfAReadiness) {
     EXPECT_EQ(0u, group.throttledCount());
     _loop.removeActivePolledFd(&m);
   }
-}
-
-// Two reasons to throttle need two releases before a waiting reader gets
-// its data.
-TEST_P(ReviewLoopTest, AReaderWaitsForTheLastOfSeveralThrottles) {
-  LoopThread running(_loop);
-  ThrottleGroup group;
-  unsigned count = 0;
-  SocketPair p;
-  ReadingMember m;
-  Waitable<int> events;
-  m.onEvent = [&](ReadingMember&) {
-    events.update([](int& n) { ++n; });
-    return false;
-  };
-  group.add(&m);
-  group.maybe_throttle(PolledFd::EV_READ, &count);
-  group.maybe_throttle(PolledFd::EV_READ, &count);
-  EXPECT_EQ(2u, count);
-  inLoop(_loop, [&] { _loop.add(&m, PollableDescriptor(p.a)); });
-  writeAll(p.b, "a");
-  // The first event finds it throttled: nothing read, read no longer polled.
-  ASSERT_TRUE(eventuallyInLoop(_loop, [&] { return (m.ourEvents() & PolledFd::EV_READ) == 0; }));
-  EXPECT_EQ(0, events.get());
-  EXPECT_EQ(1u, group.throttledCount());
-  group.maybe_unthrottle(PolledFd::EV_READ, &count);
-  EXPECT_EQ(1u, count);
-  EXPECT_EQ(static_cast<unsigned>(PolledFd::EV_READ), group.mask());
-  inLoop(_loop, [] {});
-  inLoop(_loop, [] {});
-  EXPECT_EQ(0, events.get());
-  group.maybe_unthrottle(PolledFd::EV_READ, &count);
-  EXPECT_EQ(0u, count);
-  EXPECT_EQ(0u, group.mask());
-  EXPECT_TRUE(events.waitFor([](const int& n) { return n >= 1; }));
-  EXPECT_TRUE(eventuallyInLoop(_loop, [&] { return m.text == "a"; }));
-  inLoop(_loop, [&] { _loop.removeActivePolledFd(&m); });
 }
 
 // A member of a frozen group is never served, and its readable event stays
