@@ -493,19 +493,6 @@ TEST(StreamsReviewDecompressor, EarlyCloseAndDestructionDoNotHang) {
   }
 }
 
-TEST(StreamsReviewDecompressor, CommandWordsAreQuoted) {
-  TempDir dir;
-  writeFile(dir.file("in"), "payload");
-  std::string tool = dir.file("my tool");
-  writeFile(tool, "#!/bin/sh\nprintf '%s|' \"$@\"\ncat\n");
-  chmod(tool.c_str(), 0755);
-  Str out, err;
-  Str cmd(std::string("'") + tool + "' --stdout \"two words\" a\\ b");
-  ASSERT_TRUE(Decompressor::decompress(Pathname(dir.file("in").c_str()), cmd, out, 1000, err))
-      << err;
-  EXPECT_EQ("--stdout|two words|a b|payload", std::string(out));
-}
-
 // ---------- Archives ----------
 
 TEST(StreamsReviewArchive, ReadsWhatTheToolsWrite) {
