@@ -117,24 +117,6 @@ bool has(const std::string& text, const std::string& part) {
 
 PairRecord rec(uint64_t k) { return PairRecord(k * 10, k * 100); }
 
-// Stops after the given number of successful writes, then fails with ENOSPC.
-int gWritesLeft = 0;
-ssize_t countedWrite(int fd, const void* buf, size_t n) {
-  if (gWritesLeft-- <= 0) {
-    errno = ENOSPC;
-    return -1;
-  }
-  return bt::systemWrite(fd, buf, n);
-}
-struct ScopedFailingWrites {
-  explicit ScopedFailingWrites(int allowed) {
-    gWritesLeft = allowed;
-    _prev = bt::setWriteCall(&countedWrite);
-  }
-  ~ScopedFailingWrites() { bt::setWriteCall(_prev); }
-  bt::WriteCall _prev;
-};
-
 // ---------------------------------------------------------------- layout
 
 TEST(BTreeReviewLayout, RecordsAppendInOrderOfFirstInsertion) {
@@ -249,25 +231,6 @@ void damageRightInternal(const Pathname& dir) {
   io.write(far.data(), 8);
 }
 
-TEST(BTreeReviewCP, IOExceptionInUpdateRestoresAndRetries) {
-  TestTempDir dir;
-  ScopedFixedClock clock(Timeval(T0, 0));
-  PairRecord scratch;
-  bt::BTreeCP tree(U64Key(0), scratch, 100, 3);
-  fillWithSnapshot(tree, clock, dir.path());
-  damageRightInternal(dir.path());
-  ScopedLogCapture log("BTreeCP");
-  tree.addUpdate(U64Key(12), rec(12));
-  EXPECT_TRUE(has(log.text(), "addUpdate: IOException caught: BTree::Exception: ")) << log.text();
-  ASSERT_TRUE(tree.isOpen());
-  PairRecord r;
-  for (uint64_t k = 1; k <= 10; ++k) EXPECT_TRUE(tree.retrieve(U64Key(k), r)) << k;
-  EXPECT_FALSE(tree.retrieve(U64Key(11), r));
-  ASSERT_TRUE(tree.retrieve(U64Key(12), r));
-  EXPECT_EQ(rec(12), r);
-  EXPECT_TRUE(exists(dir / "corrupt" / "btree_index.dat"));
-}
-
 TEST(BTreeReviewCP, ACorruptTreeNeverReplacesTheSnapshot) {
   TestTempDir dir;
   ScopedFixedClock clock(Timeval(T0, 0));
@@ -303,31 +266,6 @@ TEST(BTreeReviewCP, CopyAndMoveTheLiveFiles) {
   EXPECT_EQ(live.index, readTestFile(dir / "moved" / "btree_index.dat"));
   EXPECT_FALSE(exists(dir / "btree_index.dat"));
   EXPECT_FALSE(exists(dir / "btree_records.dat"));
-}
-
-TEST(BTreeReviewCP, OpenWhoseRestoreCannotCopyThrows) {
-  TestTempDir dir;
-  ScopedFixedClock clock(Timeval(T0, 0));
-  {
-    PairRecord scratch;
-    bt::BTreeCP tree(U64Key(0), scratch, 100, 3);
-    fillWithSnapshot(tree, clock, dir.path());
-  }
-  fs::resize_file(std::string(dir / "btree_index.dat"), 10);
-  PairRecord scratch;
-  bt::BTreeCP tree(U64Key(0), scratch, 100, 3);
-  ScopedLogCapture log("BTreeCP");
-  std::string text;
-  {
-    ScopedFailingWrites fail(0);
-    text = thrownText<bt::BTree::IOException>([&] { tree.open(dir.path()); });
-  }
-  EXPECT_EQ("BTree::Exception: open failed to restore checkpoint", text);
-  EXPECT_FALSE(tree.isOpen());
-  EXPECT_TRUE(has(log.text(), "Checkpoint restore failure.  Try shutting down kestro, copying "
-                              "contents of " + std::string(dir / "snapshot") + " to " +
-                              std::string(dir.path()) + " manually, and restart"))
-      << log.text();
 }
 
 TEST(BTreeReviewCP, CheckpointClearsAStaleOldAndLogsSuccess) {
