@@ -433,34 +433,19 @@ TEST(StreamsReviewGzipWrite, ZlibRefusalsAreEnoexec) {
 
 // ---------- GZLineReader ----------
 
-TEST(StreamsReviewGZLineReader, LinesAcrossMembersAndTruncation) {
+// Cut inside the last footer: every line comes out, and the end is still a
+// truncation.
+TEST(StreamsReviewGZLineReader, CutInTheLastFooterKeepsEveryLine) {
   TempDir dir;
-  const std::string text1 = "one\r\ntwo\nthr", text2 = "ee\nfour\r\nfive";
-  const std::string data = gzipMember(text1) + gzipMember(text2);
-  writeFile(dir.file("whole.gz"), data);
+  const std::string data = gzipMember("one\r\ntwo\nthr") + gzipMember("ee\nfour\r\nfive");
   writeFile(dir.file("cut.gz"), data.substr(0, data.size() - 3));
-  {
-    GZLineReader lr{Pathname(dir.file("whole.gz").c_str())};
-    ASSERT_TRUE(lr.valid());
-    std::vector<std::string> lines;
-    Str line;
-    while (lr.readline(line)) lines.push_back(line);
-    EXPECT_EQ((std::vector<std::string>{"one", "two", "three", "four", "five"}), lines);
-    ASSERT_TRUE(lr.rewind());
-    ASSERT_TRUE(lr.readline(line));
-    EXPECT_EQ("one", std::string(line));
-  }
-  {
-    // Cut inside the last footer: every line comes out, and the end is
-    // still a truncation.
-    GZLineReader lr{Pathname(dir.file("cut.gz").c_str())};
-    std::vector<std::string> lines;
-    Str line;
-    errno = 0;
-    while (lr.readline(line)) lines.push_back(line);
-    EXPECT_EQ(ENOEXEC, errno);
-    EXPECT_EQ((std::vector<std::string>{"one", "two", "three", "four", "five"}), lines);
-  }
+  GZLineReader lr{Pathname(dir.file("cut.gz").c_str())};
+  std::vector<std::string> lines;
+  Str line;
+  errno = 0;
+  while (lr.readline(line)) lines.push_back(line);
+  EXPECT_EQ(ENOEXEC, errno);
+  EXPECT_EQ((std::vector<std::string>{"one", "two", "three", "four", "five"}), lines);
 }
 
 // ---------- Decompressor ----------
