@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "util/Logger.h"
+#include "util/SaturatingMath.h"
 #include "util/TimeFormatRawParseResult.h"
 
 namespace {
@@ -20,12 +21,6 @@ constexpr int32_t NO_HOUR_KEY = -1;
 long floorDiv(long a, long b) {
   const long q = a / b;
   return (a % b != 0 && (a < 0) != (b < 0)) ? q - 1 : q;
-}
-
-long saturatingAdd(long a, long b) {
-  long r;
-  if (__builtin_add_overflow(a, b, &r)) return b > 0 ? LONG_MAX : LONG_MIN;
-  return r;
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "util/Assert.h"
+#include "util/SaturatingMath.h"
 #include "util/Timeval.h"
 #include "util/Timezone.h"
 
@@ -69,20 +70,6 @@ long localOffset(const render_tm_ops*, const StructTm* t) {
 
 constexpr render_tm_ops GMT_RENDER_OPS = {&gmtToEpoch, &gmtTzname, &gmtOffset};
 constexpr render_tm_ops LOCAL_RENDER_OPS = {&localToEpoch, &localTzname, &localOffset};
-
-// A zone's offsets come from data (a serialized record may hold any), so
-// sums with them saturate as all time arithmetic here does.
-long saturatingAdd(long a, long b) {
-  long r;
-  if (!__builtin_add_overflow(a, b, &r)) return r;
-  return b < 0 ? LONG_MIN : LONG_MAX;
-}
-
-long saturatingSub(long a, long b) {
-  long r;
-  if (!__builtin_sub_overflow(a, b, &r)) return r;
-  return b < 0 ? LONG_MAX : LONG_MIN;
-}
 
 // timegm of a copy of the fields, normalised into *out; false when the
 // platform refuses them (a result of -1 alone is 1969-12-31 23:59:59).

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "util/DateTime.h"
+#include "util/SaturatingMath.h"
 #include "util/TimeFormat.h"
 #include "util/TimeFormatRawParseResult.h"
 #include "util/Timeval.h"
@@ -25,23 +26,6 @@ constexpr int NEW_YEAR_SLACK_DAYS = 3;
 constexpr __int128 PAST_WEIGHT = 8;
 // Abbreviations are at most this long; longer names are looked up whole.
 constexpr size_t MAX_ABBREVIATION = 7;
-
-long saturatingAdd(long a, long b) {
-  long r;
-  if (__builtin_add_overflow(a, b, &r)) return b > 0 ? LONG_MAX : LONG_MIN;
-  return r;
-}
-
-long saturatingSub(long a, long b) {
-  long r;
-  if (__builtin_sub_overflow(a, b, &r)) return b < 0 ? LONG_MAX : LONG_MIN;
-  return r;
-}
-
-long floorMod(long a, long m) {
-  const long r = a % m;
-  return r < 0 ? r + m : r;
-}
 
 // The weighted distance of `x` from `now`.
 __int128 distanceFromNow(long x, long now) {

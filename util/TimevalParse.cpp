@@ -7,6 +7,7 @@
 #include "util/Assert.h"
 #include "util/DateTime.h"
 #include "util/ExtraTimevalParseInfo.h"
+#include "util/SaturatingMath.h"
 #include "util/Str.h"
 #include "util/TimeFormat.h"
 #include "util/TimeFormatRawParseResult.h"
@@ -18,18 +19,6 @@ namespace {
 using R = TimeFormatRawParseResult;
 
 constexpr long HALF_DAY = 43200;
-
-long saturatingAdd(long a, long b) {
-  long r;
-  if (__builtin_add_overflow(a, b, &r)) return b > 0 ? LONG_MAX : LONG_MIN;
-  return r;
-}
-
-long saturatingSub(long a, long b) {
-  long r;
-  if (__builtin_sub_overflow(a, b, &r)) return b < 0 ? LONG_MAX : LONG_MIN;
-  return r;
-}
 
 // The zone name of a raw result, which points into the parsed text, as a
 // NUL-terminated copy: on the stack for every name a log is likely to give.

@@ -5,16 +5,9 @@
 #include <cstring>
 
 #include "util/Assert.h"
+#include "util/SaturatingMath.h"
 
 namespace {
-
-// Local and UTC readings move by offsets that a serialized record may make
-// arbitrarily large, so every step saturates instead of wrapping.
-long saturatingSub(long a, long b) {
-  long r;
-  if (!__builtin_sub_overflow(a, b, &r)) return r;
-  return b < 0 ? LONG_MAX : LONG_MIN;
-}
 
 bool sameReading(const Timezone& a, const TimezoneOffset* ta, const Timezone& b,
                  const TimezoneOffset* tb) {

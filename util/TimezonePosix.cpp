@@ -5,6 +5,7 @@
 
 #include "util/Assert.h"
 #include "util/DateTime.h"
+#include "util/SaturatingMath.h"
 #include "util/Timezone.h"
 
 namespace {
@@ -16,12 +17,6 @@ constexpr int MAX_OFFSET_HOURS = 23;
 constexpr int MAX_ENDPOINT_HOURS = 167;
 
 int floorMod7(long a) { return static_cast<int>(((a % 7) + 7) % 7); }
-
-long saturatingAdd(long a, long b) {
-  long r;
-  if (!__builtin_add_overflow(a, b, &r)) return r;
-  return b < 0 ? LONG_MIN : LONG_MAX;
-}
 
 bool isAsciiLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
