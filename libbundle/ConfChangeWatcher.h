@@ -27,8 +27,8 @@ class ConfChangeWatcher : public FilesystemChangeWatcher {
   // The delay, in milliseconds, before a change is reported again.
   static constexpr unsigned long DEFER_MSEC = 4200;
   // Told after a mapper accepted a complete change: the root and the
-  // mapper. The caches of Part of the pages layer mark themselves dirty
-  // here. Runs on the watcher's thread.
+  // mapper. The property page caches mark themselves dirty here. Runs on
+  // the watcher's thread.
   typedef std::function<void(const BundlesSetup&, IConfPathMapper*)> Listener;
 
   // The interval is ConfSettings::getStatInterval() of `setup`.

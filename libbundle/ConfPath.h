@@ -89,8 +89,8 @@ class ConfPathBase {
 // A path in one configuration root, with the user who acts on it. The
 // permission checks and the write go to the mappers of that root.
 // A plain value; the operations that touch the store lock per mapper and
-// are meant to run under the caller's write mutex (Part of the cache's
-// contract: cmergeNoLock takes no lock of its own).
+// are meant to run under the caller's write mutex: cmergeNoLock takes no
+// lock of its own.
 class ConfPath : public ConfPathBase {
  public:
   typedef std::set<Str> RoleSet;
