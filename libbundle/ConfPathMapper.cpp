@@ -108,7 +108,10 @@ bool ConfPathMapper::cpmSearch(const ConfPathBase& query, ConfPathTrie& out) {
       // Every stanza read carries an empty embedded value: it says the
       // stanza exists here, and with what provenance.
       ConfPathTrie::Node& stanzaNode = out.insert(stanzaPath);
-      if (!stanzaNode.hasValue()) stanzaNode.setValue(Str(), _writable, loaded.modTime);
+      if (!stanzaNode.hasValue()) {
+        stanzaNode.setValue(Str(), _writable, loaded.modTime);
+        stanzaNode.setBundleRoot(_root);
+      }
       for (auto s = st.value().settings().begin(); s != st.value().settings().end(); ++s) {
         const Str key = s.key().trim();
         if (!query.setting().empty() && query.setting() != key) continue;

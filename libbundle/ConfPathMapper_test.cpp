@@ -70,6 +70,10 @@ TEST(ConfPathMapper, SearchKeepsTheFirstMappersValueWithItsRemovableFlag) {
   // A stanza carries an empty embedded value: it exists in that layer.
   ASSERT_NE(nullptr, at(trie, P("nobody", "search", "props", "access")));
   EXPECT_TRUE(at(trie, P("nobody", "search", "props", "access"))->hasValue());
+  // The stanza remembers the bundle root of the layer that supplied it.
+  EXPECT_EQ(t.path("apps/search"),
+            at(trie, P("nobody", "search", "props", "access"))->bundleRoot());
+  EXPECT_EQ(t.path("system"), at(trie, P("nobody", "system", "props", "syslog"))->bundleRoot());
   // Narrow queries: one stanza, one setting.
   const ConfPathTrie one = searchAll(t, P("", "search", "props", "syslog", "TZ"));
   EXPECT_EQ("/alice/search/props/syslog = \n/alice/search/props/syslog/TZ = alice\n"

@@ -11,6 +11,10 @@ void copyInto(ConfPathTrie::Node& to, const ConfPathTrie::Node& from, bool keepE
     to.setValue(from.value(), from.isValueRemovable(), from.valueModTime());
   }
   if (from.hasMetadata() && (!keepExisting || !to.hasMetadata())) to.setMetadata(from.metadata());
+  if (!from.bundleRoot().empty() && (!keepExisting || to.bundleRoot().empty())) {
+    to.setBundleRoot(from.bundleRoot());
+  }
+  if (!from.alias().empty() && (!keepExisting || to.alias().empty())) to.setAlias(from.alias());
   for (const auto& [name, child] : from.children()) {
     copyInto(to.getOrAddChild(name), *child, keepExisting);
   }

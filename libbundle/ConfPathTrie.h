@@ -10,6 +10,7 @@
 
 #include "libbundle/ConfPath.h"
 #include "libbundle/ConfPathMetadata.h"
+#include "util/Pathname.h"
 #include "util/Str.h"
 #include "util/Timeval.h"
 
@@ -42,6 +43,15 @@ class ConfPathTrie {
     void setValue(const Str& value, bool removable = false, const Timeval& modTime = Timeval());
     void clearValue();
 
+    // For stanza names with a "://./" marker: the root of the bundle whose
+    // layer supplied the node's value ("" when unknown), set by the mapper
+    // along with the value; and the expanded name, "" for none. Copies and
+    // merges carry both; a node keeps what it has, like its value.
+    const Pathname& bundleRoot() const { return _bundleRoot; }
+    void setBundleRoot(const Pathname& root) { _bundleRoot = root; }
+    const Str& alias() const { return _alias; }
+    void setAlias(const Str& alias) { _alias = alias; }
+
     bool hasMetadata() const { return _metadata != nullptr; }
     // REQUIRES: hasMetadata().
     const ConfPathMetadata& metadata() const;
@@ -60,6 +70,8 @@ class ConfPathTrie {
     bool _valueRemovable = false;
     Str _value;
     Timeval _valueModTime;
+    Pathname _bundleRoot;
+    Str _alias;
     std::unique_ptr<ConfPathMetadata> _metadata;
   };
 

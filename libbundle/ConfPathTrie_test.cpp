@@ -45,8 +45,11 @@ TEST(ConfPathBase, LevelsAndDefaults) {
 TEST(ConfPathTrie, MergeKeepsOwnValueAndTakesOnlyMissingOnes) {
   ConfPathTrie first;
   first.setValue(P("nobody", "search", "props", "syslog", "TZ"), "UTC", true);
+  first.insert(P("nobody", "search", "props", "syslog")).setBundleRoot("/first");
   ConfPathTrie second;
   second.setValue(P("nobody", "search", "props", "syslog", "TZ"), "PST");
+  second.insert(P("nobody", "search", "props", "syslog")).setBundleRoot("/second");
+  second.insert(P("nobody", "search", "props", "syslog")).setAlias("expanded");
   second.setValue(P("nobody", "search", "props", "syslog", "LINE"), "1");
   ConfPathMetadata md;
   md.setExport(ConfPathMetadata::EXPORT_GLOBAL);
@@ -58,6 +61,8 @@ TEST(ConfPathTrie, MergeKeepsOwnValueAndTakesOnlyMissingOnes) {
   EXPECT_TRUE(tz->isValueRemovable());
   EXPECT_EQ("1", first.find(P("nobody", "search", "props", "syslog", "LINE"))->value());
   EXPECT_TRUE(first.find(P("nobody", "search", "props"))->hasMetadata());
+  EXPECT_EQ("/first", first.find(P("nobody", "search", "props", "syslog"))->bundleRoot());
+  EXPECT_EQ("expanded", first.find(P("nobody", "search", "props", "syslog"))->alias());
   // The source is left as it was.
   EXPECT_EQ("PST", second.find(P("nobody", "search", "props", "syslog", "TZ"))->value());
 }
