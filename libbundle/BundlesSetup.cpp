@@ -54,7 +54,7 @@ Pathname BundlesSetup::commonConfigPath() {
 }
 
 bool BundlesSetup::valid() const {
-  if (!isDefaultRoot()) return _valid;
+  if (!isDefaultRoot()) return _valid && ConfPathMapperManager::instance().isSetupValid(*this);
   return gDefaultState.load() != 3;
 }
 

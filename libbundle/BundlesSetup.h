@@ -26,8 +26,8 @@ class BundlesSetup {
   BundlesSetup();
   // `root` with environment variables substituted. When that equals the
   // common configuration path the root is emptied and this is the default
-  // setup; otherwise the root is used as it is and valid() is true (the
-  // mappers of a non-default root are set up on first use).
+  // setup; otherwise the root is used as it is (the mappers of a
+  // non-default root are set up on first use).
   explicit BundlesSetup(const Pathname& root);
 
   // The install's common configuration path, absolute: LoaderInfo's
@@ -35,7 +35,9 @@ class BundlesSetup {
   static Pathname commonConfigPath();
 
   bool isDefaultRoot() const { return _root.empty(); }
-  // For the default root: whether the once-per-process setup succeeded.
+  // Whether the setup of this root's mappers succeeded: for the default
+  // root the once-per-process setup; for another root its collection's
+  // (true until it is built). Never builds anything.
   bool valid() const;
   // runSetup() once per process for the default root and remember the
   // result; later calls give the remembered result.

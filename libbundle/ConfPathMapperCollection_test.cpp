@@ -63,6 +63,8 @@ TEST(ConfPathMapperCollection, InstallTreeGivesMappersInBootstrapThenPathOrder) 
   ScopedGlobalSettings restore;
   BundleTree t;
   buildInstall(t);
+  EXPECT_TRUE(ConfPathMapperManager::instance().setupMappers(t.setup()));
+  EXPECT_TRUE(t.setup().valid());
   const std::vector<std::string> expected = {
       "conf users/Alice/search/local",
       "conf users/_encoded/u626f6220736d697468/search/local",
@@ -249,7 +251,9 @@ TEST(ConfPathMapperCollection, MissingBootstrapOrStanzaLeavesNoMappers) {
   {
     BundleTree t("[writes]\n");
     ScopedLogCapture log("ConfPathMapperCollection");
+    EXPECT_TRUE(t.setup().valid());  // nothing tried yet
     EXPECT_FALSE(ConfPathMapperManager::instance().setupMappers(t.setup()));
+    EXPECT_FALSE(t.setup().valid());
     EXPECT_TRUE(hasLine(log, "Could not find 'bootstrap' stanza in bootstrapping conf: " +
                                  t.path("system/default/conf.conf")));
     EXPECT_TRUE(mapperList(t).empty());

@@ -25,17 +25,23 @@ ConfPathMapperCollection& ConfPathMapperManager::collectionLocked(const BundlesS
   std::unique_ptr<ConfPathMapperCollection>& slot = _collections[setup];
   if (slot == nullptr) {
     slot = std::make_unique<ConfPathMapperCollection>(setup);
-    if (!slot->runBaseSetup()) {
-      gLogger.error("No configuration mappers for root: %s", setup.getRoot().c_str());
-    }
+    const bool ok = slot->runBaseSetup();
+    _setupOk[setup] = ok;
+    if (!ok) gLogger.error("No configuration mappers for root: %s", setup.getRoot().c_str());
   }
   return *slot;
 }
 
 bool ConfPathMapperManager::setupMappers(const BundlesSetup& setup) {
   ScopedLock lock(_mutex);
-  const ConfPathMapperCollection& c = collectionLocked(setup);
-  return c.getSetupIni().isOpened() && c.getSetupIni().findStanza("bootstrap") != nullptr;
+  collectionLocked(setup);
+  return _setupOk[setup];
+}
+
+bool ConfPathMapperManager::isSetupValid(const BundlesSetup& setup) {
+  ScopedLock lock(_mutex);
+  auto it = _setupOk.find(setup);
+  return it == _setupOk.end() || it->second;
 }
 
 bool ConfPathMapperManager::setupNewMappers(const BundlesSetup& setup) {
@@ -88,6 +94,7 @@ void ConfPathMapperManager::forgetNonDefault() {
       ++it;
     } else {
       _retired.push_back(std::move(it->second));
+      _setupOk.erase(it->first);
       it = _collections.erase(it);
     }
   }

@@ -40,6 +40,9 @@ class ConfPathMapperManager {
   // Builds the collection of `setup` when it has none (runBaseSetup).
   // False when the setup fails; the root then has no mappers.
   bool setupMappers(const BundlesSetup& setup);
+  // False when the collection of `setup` was built and its setup failed;
+  // true before it is built (nothing failed yet) and after success.
+  bool isSetupValid(const BundlesSetup& setup);
   // redoSetup() of the collection (built first when missing).
   bool setupNewMappers(const BundlesSetup& setup);
   // The mappers of `setup`, setting it up on first use. Empty for a root
@@ -73,5 +76,6 @@ class ConfPathMapperManager {
 
   Mutex _mutex;  // guards everything below
   std::map<BundlesSetup, std::unique_ptr<ConfPathMapperCollection>> _collections;
+  std::map<BundlesSetup, bool> _setupOk;
   std::vector<std::unique_ptr<ConfPathMapperCollection>> _retired;
 };
