@@ -1,10 +1,9 @@
 #include "libbundle/ConfPath.h"
 
-#include <cassert>
-
 #include "libbundle/ConfPathMapperManager.h"
 #include "libbundle/ConfPathPruners.h"
 #include "libbundle/ConfPathTrie.h"
+#include "util/Assert.h"
 #include "util/Logger.h"
 
 namespace {
@@ -48,12 +47,12 @@ const Str& ConfPathBase::segment(size_t i) const {
 }
 
 void ConfPathBase::push(const Str& segment) {
-  assert(level() < MAX_LEVEL);
+  kassert(level() < MAX_LEVEL);
   _segments.push_back(segment);
 }
 
 void ConfPathBase::pop() {
-  assert(level() > 0);
+  kassert(level() > 0);
   _segments.pop_back();
 }
 

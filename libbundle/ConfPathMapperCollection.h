@@ -96,7 +96,6 @@ class ConfPathMapperCollection {
   UsernameMapper& usernameMapper() { return _usernames; }
 
  private:
-  std::unique_ptr<IConfPathMapper> makeMapper(const Str& handler, BundleHandlerData& data);
   bool globPattern(const Pathname& pattern, const Str& handler, ReaddirCache& readdir);
 
   BundlesSetup _setup;

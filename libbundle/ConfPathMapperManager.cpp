@@ -1,8 +1,7 @@
 #include "libbundle/ConfPathMapperManager.h"
 
-#include <cassert>
-
 #include "libbundle/ConfPathMapperCollection.h"
+#include "util/Assert.h"
 #include "util/Logger.h"
 
 namespace {
@@ -12,7 +11,7 @@ Logger gLogger("ConfPathMapperManager");
 }  // namespace
 
 IConfPathMapper* ConfPathMapperManager::Mappers::data() const {
-  assert(!isDone());
+  kassert(!isDone());
   return _mappers[_at];
 }
 

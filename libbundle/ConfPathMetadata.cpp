@@ -140,7 +140,7 @@ bool ConfPathMetadata::decodeStanzaName(const Str& name, std::vector<Str>& out) 
       result.push_back(current);
       current.clear();
     } else if (c == '%') {
-      if (i + 2 >= name.size() + 0 && i + 2 > name.size() - 1) return false;
+      if (i + 2 >= name.size()) return false;
       const Str code = name.substr(i + 1, 2);
       if (code == "25") current.push_back('%');
       else if (code == "2F" || code == "2f") current.push_back('/');

@@ -1,8 +1,7 @@
 #include "libbundle/ConfPathTrie.h"
 
-#include <cassert>
-
 #include "libbundle/ConfPathPruners.h"
+#include "util/Assert.h"
 
 namespace {
 
@@ -72,7 +71,7 @@ void ConfPathTrie::Node::clearValue() {
 }
 
 const ConfPathMetadata& ConfPathTrie::Node::metadata() const {
-  assert(_metadata != nullptr);
+  kassert(_metadata != nullptr);
   return *_metadata;
 }
 
