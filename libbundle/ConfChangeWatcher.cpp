@@ -1,7 +1,6 @@
 #include "libbundle/ConfChangeWatcher.h"
 
 #include "libbundle/ConfPathMapperManager.h"
-#include "libbundle/ConfSettings.h"
 #include "util/Logger.h"
 
 namespace {
@@ -14,7 +13,9 @@ ConfChangeWatcher::ConfChangeWatcher(const BundlesSetup& setup)
     : ConfChangeWatcher(setup, ConfSettings::forSetup(setup)->getStatInterval()) {}
 
 ConfChangeWatcher::ConfChangeWatcher(const BundlesSetup& setup, unsigned long intervalMsec)
-    : FilesystemChangeWatcher(intervalMsec), _setup(setup) {}
+    : FilesystemChangeWatcher(intervalMsec),
+      _setup(setup),
+      _settings(ConfSettings::forSetup(setup)) {}
 
 bool ConfChangeWatcher::init() {
   setupConfWatches();
@@ -27,7 +28,7 @@ void ConfChangeWatcher::setupConfWatches() {
 }
 
 bool ConfChangeWatcher::shouldWatchPath(const Pathname& path, WatchedFileState*) {
-  return ConfSettings::forSetup(_setup)->shouldWatchPath(path);
+  return _settings->shouldWatchPath(path);
 }
 
 WatchedFileState* ConfChangeWatcher::new_WatchedFileState() { return new WatchedConfState; }

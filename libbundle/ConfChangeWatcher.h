@@ -7,8 +7,10 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 
 #include "libbundle/BundlesSetup.h"
+#include "libbundle/ConfSettings.h"
 #include "libbundle/IConfPathMapper.h"
 #include "util/FilesystemChangeWatcher.h"
 
@@ -44,7 +46,7 @@ class ConfChangeWatcher : public FilesystemChangeWatcher {
   void setDeferMsec(unsigned long msec) { _deferMsec = msec; }
 
  protected:
-  // ConfSettings::shouldWatchPath.
+  // ConfSettings::shouldWatchPath, of the settings read at construction.
   bool shouldWatchPath(const Pathname& path, WatchedFileState* state) override;
   // Logs "%s: Possible file change". A directory: DISPOSITION_DESCEND; a
   // symbolic link: DISPOSITION_FOLLOW. A file first seen by the initial
@@ -59,6 +61,7 @@ class ConfChangeWatcher : public FilesystemChangeWatcher {
 
  private:
   BundlesSetup _setup;
+  std::shared_ptr<const ConfSettings> _settings;
   Listener _listener;
   unsigned long _deferMsec = DEFER_MSEC;
 };
