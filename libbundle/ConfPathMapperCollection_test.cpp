@@ -66,6 +66,7 @@ TEST(ConfPathMapperCollection, InstallTreeGivesMappersInBootstrapThenPathOrder) 
   EXPECT_TRUE(ConfPathMapperManager::instance().setupMappers(t.setup()));
   EXPECT_TRUE(t.setup().valid());
   const std::vector<std::string> expected = {
+      "conf system/local",
       "conf users/Alice/search/local",
       "conf users/_encoded/u626f6220736d697468/search/local",
       "conf apps/disabledapp/local",
@@ -74,7 +75,6 @@ TEST(ConfPathMapperCollection, InstallTreeGivesMappersInBootstrapThenPathOrder) 
       "conf apps/search/default",
       "conf bundles/default",
       "conf bundles/oldapp",
-      "conf system/local",
       "conf system/default",
       "confdb apps/search/metadata/local.meta",
       "confdb apps/search/metadata/default.meta",
@@ -200,7 +200,7 @@ TEST(ConfPathMapperCollection, UserWhitelistIsCaseless) {
   GlobalConfSettings::setUserWhitelist({"ALICE"});
   ScopedLogCapture log("ConfPathMapperCollection");
   const std::vector<std::string> mappers = mapperList(t);
-  EXPECT_EQ("conf users/Alice/search/local", mappers.front());
+  EXPECT_EQ("conf users/Alice/search/local", mappers[1]);
   EXPECT_TRUE(hasLine(log, "Skipping path for omitted user: " +
                                t.path("users/_encoded/u626f6220736d697468/search/local")));
 }
@@ -213,10 +213,11 @@ TEST(ConfPathMapperCollection, MinimalInitLoadsOnlyDefaultUserConfBundles) {
   ScopedLogCapture log("ConfPathMapperCollection");
   const std::vector<std::string> mappers = mapperList(t);
   const std::vector<std::string> expected = {
-      "conf apps/disabledapp/local", "conf apps/search/local", "conf apps/disabledapp/default",
+      "conf system/local",          "conf apps/disabledapp/local",
+      "conf apps/search/local",     "conf apps/disabledapp/default",
       "conf apps/search/default",   "conf bundles/default",
-      "conf bundles/oldapp",        "conf system/local",
-      "conf system/default",        "confdb system/metadata/default.meta",
+      "conf bundles/oldapp",        "conf system/default",
+      "confdb system/metadata/default.meta",
   };
   EXPECT_EQ(expected, mappers);
   EXPECT_TRUE(hasLine(log, "Skipping user-specific data during minimal init: " +
@@ -324,8 +325,9 @@ TEST(ConfPathMapperCollection, WriteMapperIsMadeOnDemandInItsPatternsPlace) {
   EXPECT_EQ(t.path("users/Carol/search/local"), w.cpmPath());
   EXPECT_EQ("carol", w.cpmUser().name());
   const std::vector<std::string> mappers = mapperList(t);
-  // Among the users' bundles, in path order, before every application.
-  EXPECT_EQ("conf users/Carol/search/local", mappers[1]) << mappers[1];
+  // Among the users' bundles, in path order, after the system's local
+  // layer and before every application.
+  EXPECT_EQ("conf users/Carol/search/local", mappers[2]) << mappers[2];
   // A write that no bundle takes.
   BundleTree none("[bootstrap]\nsystem/local = conf\n[writes]\n");
   EXPECT_THROW(manager.getWriteMapper(none.setup(), ConfPathBase(User("x"), "y", "z"), 0),
