@@ -119,7 +119,7 @@ void BaseConfCache::maybePollForUpdate() {
 }
 
 void BaseConfCache::updateConfCacheWithTrie(const ConfPathTrie& trie, bool overwrite) {
-  BaseConfCacheBuilder builder(_stanzas, _confName, _contextApplication, overwrite);
+  BaseConfCacheBuilder builder(_stanzas, _setup, _confName, _contextApplication, overwrite);
   builder.build(trie);
 }
 

@@ -1,5 +1,6 @@
 #include "libbundle/BaseConfCacheBuilder.h"
 
+#include "libbundle/ExpandedStanzaName.h"
 #include "util/Logger.h"
 
 namespace {
@@ -42,7 +43,7 @@ void BaseConfCacheBuilder::build(const ConfPathTrie& trie) {
       const auto [it, created] = _stanzas.try_emplace(path.stanza());
       stanza = &it->second;
       if (node.hasMetadata()) stanza->mergePermissions(node.metadata().permissions());
-      setExpandedName(*stanza, path, node);
+      setExpandedName(*stanza, path);
       Property& embedded = stanza->getEmbeddedProperty();
       setProperty(embedded, embedded.sourceType() == SOURCE_UNSET, path, node, type);
     } else if (level == ConfPathBase::LEVEL_SETTING && node.hasValue() && stanza != nullptr) {
@@ -57,6 +58,26 @@ void BaseConfCacheBuilder::build(const ConfPathTrie& trie) {
     }
     return level < ConfPathBase::LEVEL_SETTING;
   });
+}
+
+void BaseConfCacheBuilder::setExpandedName(PropertiesMap& stanza, const ConfPathBase& path) {
+  Pathname root;
+  if (path.isApplicationDefault()) {
+    root = _setup.getSystem();
+  } else if (!path.isUserDefault()) {
+    root = _setup.getUsers() / path.user().name() / path.application();
+  } else {
+    root = _setup.getApps() / path.application();
+  }
+  const ExpandedStanzaName expanded(path.stanza(), root);
+  if (!expanded.isExpanded()) return;
+  const Str& existing = stanza.getExpandedName();
+  if (existing.empty()) {
+    stanza.setExpandedName(expanded.str());
+  } else if (existing != expanded.str()) {
+    gLogger.warn("Stanza has an expansion [%s], ignoring alternate expansion [%s] in %s.conf",
+                 existing.c_str(), expanded.str().c_str(), _confName.c_str());
+  }
 }
 
 void BaseConfCacheBuilder::setProperty(Property& target, bool isNew, const ConfPathBase& path,

@@ -14,16 +14,21 @@ class BaseConfCacheBuilder {
   // With `overwrite` off a value already in the map stays; with it on, a
   // value is replaced by one of a source type not lower, so among equal
   // types the later path in trie order wins.
-  BaseConfCacheBuilder(BaseConfCache::StanzaMap& stanzas, const Str& confName,
-                       const Str& contextApplication, bool overwrite)
+  BaseConfCacheBuilder(BaseConfCache::StanzaMap& stanzas, const BundlesSetup& setup,
+                       const Str& confName, const Str& contextApplication, bool overwrite)
       : _stanzas(stanzas),
+        _setup(setup),
         _confName(confName),
         _contextApplication(contextApplication),
         _overwrite(overwrite) {}
 
   // Walks `trie` in order. At a stanza (level 4) the entry is created if
   // missing, offered the metadata's permissions (mergePermissions) and
-  // given its expanded name; the stanza's embedded property and each
+  // given its expanded name (ExpandedStanzaName with the root of the
+  // path's bundle: system, apps/<app> or users/<user>/<app>; a stanza seen
+  // with two different expansions keeps the first and warns "Stanza has an
+  // expansion [%s], ignoring alternate expansion [%s] in %s.conf"); the
+  // stanza's embedded property and each
   // setting's (level 5, with a value) are then set as above: value, source
   // type, application, modification time, user (the metadata's owner, else
   // the path's user), permissions and removable (the metadata's, else the
@@ -41,10 +46,12 @@ class BaseConfCacheBuilder {
                                              const Str& contextApplication);
 
  private:
+  void setExpandedName(PropertiesMap& stanza, const ConfPathBase& path);
   void setProperty(Property& target, bool isNew, const ConfPathBase& path,
                    const ConfPathTrie::Node& node, PropertySourceType type);
 
   BaseConfCache::StanzaMap& _stanzas;
+  const BundlesSetup& _setup;
   const Str& _confName;
   const Str& _contextApplication;
   const bool _overwrite;

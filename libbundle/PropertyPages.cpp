@@ -131,18 +131,18 @@ PropertyPages* PropertyPages::inputInstance() { return instance("inputs"); }
 PropertyPages::PropertyPages(const Str& name, const PropertyPagesContext& context,
                              const User& actingUser)
     : _name(name), _context(context), _actingUser(actingUser) {
-  if (_name != "app" && _context.hasApplicationContext() &&
-      _context.application() != ConfPath::getDefaultApplication()) {
-    const ApplicationInfo info =
-        ApplicationManager::instance(_context.bundlesSetup()).getApplicationInfo(
-            _context.application());
-    if (!info.known || info.disabled) {
+  if (_name != "app" && _context.hasApplicationContext()) {
+    ApplicationInfo info;
+    if (!ApplicationManager::instance(_context.bundlesSetup())
+             .getApplicationInfo(_context.application(), info) ||
+        info.disabled) {
       throw PropertyPagesContextException("Application is disabled: " + _context.application());
     }
   }
   if (_context.hasUserContext() && !_context.hasApplicationContext()) {
-    throw PropertyPagesContextException(toDebugString() +
-                                        ": Invalid configuration context: Missing app context");
+    Str message = toDebugString();
+    message += ": Invalid configuration context: Missing app context";
+    throw PropertyPagesContextException(message);
   }
 }
 

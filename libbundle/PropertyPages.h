@@ -4,6 +4,7 @@
 // LegacyPropertyPages and UserPropertyPages.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <set>
 
@@ -18,6 +19,7 @@
 #include "util/StrSegment.h"
 
 class ConfPath;
+class ConfPathMetadata;
 
 // Pages live for the process and are shared by all threads: every read and
 // write may be called from any thread. Reads hold the cache's mutex for
@@ -173,7 +175,6 @@ class PropertyPages {
   void setCache(std::unique_ptr<IConfCache> cache);
 
  private:
-  friend class PropertyPagesWriter;
   // The shared frame of every write: see PropertyPagesWrite.cpp.
   void deferredWrite(const Str& application, const Str& stanza, const PropertiesMap& desired,
                      bool overwriteAll, bool toMeta);
@@ -181,6 +182,12 @@ class PropertyPages {
   // acting as the acting user.
   ConfPath makeConfPath(const Str& application, const Str& stanza,
                         const Str& setting = Str::EMPTY_STR) const;
+  // Changes the metadata of the stanza (or of its setting `key`) in the
+  // writing layer, starting from what the store holds; throws
+  // ConfPathException "No entity '...' exists and is eligible for an
+  // access control" when the page has no such stanza or setting.
+  void writeMetadata(const Str& stanza, const Str& key,
+                     const std::function<void(ConfPathMetadata&)>& change);
   // The application writes go to: the context's, else "system".
   const Str& writeApplication() const;
 
