@@ -29,11 +29,15 @@ class ConfPathMetadata;
 // cache mutex, pattern lock.
 class PropertyPages {
  public:
-  // The selection of the listing calls: bits that may be or-ed.
+  // The selection of the listing calls, bits that may be or-ed. Without
+  // GET_BY_FILTER a stanza is taken when its name starts with the text
+  // (case counts); with it, when the name contains the text in any case.
+  // propsObjByFilterAndMode sets GET_BY_FILTER itself.
   enum GetModes : unsigned {
-    GET_BY_PREFIX = 0,        // stanzas whose name starts with the text
-    GET_BY_FILTER = 1,        // stanzas whose name contains the text, caseless
-    GET_EXPANDED_NAMES = 2,   // file stanzas under their expanded names
+    GET_BY_PREFIX = 0,
+    GET_BY_FILTER = 1,
+    // Stanzas under their expanded names (StanzaCollection::expandStanzaNames).
+    GET_EXPANDED_NAMES = 2,
   };
 
   virtual ~PropertyPages();
@@ -84,7 +88,7 @@ class PropertyPages {
 
   // ---- Listings ----
   // The stanzas of this page selected by `text` and `modes` (GetModes),
-  // into `out` (cleared first); "" selects all.
+  // each with its metadata, into `out` (cleared first); "" selects all.
   void propsObjByFilterAndMode(const Str& text, unsigned modes, StanzaCollection& out);
   void propsObjByPrefixAndMode(const Str& text, unsigned modes, StanzaCollection& out);
   // Every stanza of this type per (user, application) context the acting
