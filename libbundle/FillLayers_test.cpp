@@ -5,33 +5,11 @@
 #include <map>
 #include <vector>
 
-#include "libbundle/BaseConfCache.h"
 #include "libbundle/PropertiesMap.h"
+#include "libbundle/testing/FixedConfCache.h"
 #include "util/testing/LogCapture.h"
 
 namespace {
-
-// A cache whose stanzas the test sets; a rebuild copies them in.
-class FixedConfCache : public BaseConfCache {
- public:
-  explicit FixedConfCache(const Str& name = "props") : BaseConfCache(name) {}
-  void set(const std::map<Str, PropertiesMap>& stanzas) {
-    _source = stanzas;
-    markDirty();
-  }
-  void updateConfCache() override {
-    ++rebuilds;
-    _stanzas.clear();
-    for (const auto& [name, map] : _source) {
-      static_cast<PropertiesMap&>(_stanzas[name]) = map;
-    }
-  }
-  bool findDeletableConf(unsigned, ConfPathTrie&) override { return false; }
-  int rebuilds = 0;
-
- private:
-  std::map<Str, PropertiesMap> _source;
-};
 
 struct StanzaSpec {
   const char* name;
