@@ -40,19 +40,25 @@ class ConfChangeWatcher : public FilesystemChangeWatcher {
   // Watches getApps() and getUsers().
   void setupConfWatches();
   void setListener(Listener listener) { _listener = std::move(listener); }
+  // The delay before a change counts; DEFER_MSEC unless a test shortens it.
+  void setDeferMsec(unsigned long msec) { _deferMsec = msec; }
 
  protected:
   // ConfSettings::shouldWatchPath.
   bool shouldWatchPath(const Pathname& path, WatchedFileState* state) override;
   // Logs "%s: Possible file change". A directory: DISPOSITION_DESCEND; a
-  // symbolic link: DISPOSITION_FOLLOW. Otherwise the owning mapper's
-  // cpmChangeNotify; a fresh change (created or modified) and an
-  // incomplete one are reported again after DEFER_MSEC; a deferred
-  // complete change goes to the listener.
+  // symbolic link: DISPOSITION_FOLLOW. A file first seen by the initial
+  // walk is no change. Otherwise the owning mapper (found once and cached
+  // in the state; a file of a new bundle first makes its mapper through
+  // setupNewMappers) gets cpmChangeNotify; a fresh change (created or
+  // modified) and an incomplete one are reported again after the defer
+  // delay; a deferred complete change, and a removal at once, go to the
+  // listener.
   int fileChanged(WatchedFileState* state, const Timeval& now) override;
   WatchedFileState* new_WatchedFileState() override;
 
  private:
   BundlesSetup _setup;
   Listener _listener;
+  unsigned long _deferMsec = DEFER_MSEC;
 };

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <map>
+#include <set>
 #include <memory>
 #include <vector>
 
@@ -103,5 +104,6 @@ class ConfPathMapperCollection {
   IniFile _ini;
   Patterns _patterns;
   std::map<Pathname, IConfPathMapper*> _byPath;
+  std::set<Pathname> _seen;  // every path a pattern matched, mapper or not
   std::vector<std::unique_ptr<IConfPathMapper>> _owned;
 };

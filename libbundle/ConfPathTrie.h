@@ -117,5 +117,8 @@ class ConfPathTrie {
   Str toString() const;
 
  private:
+  static void pruneNode(Node& node, ConfPathBase& path, IConfPathTriePruner& pruner);
+  static void cutNode(Node& node, size_t depth, size_t level);
+
   Node _root;
 };
