@@ -13,7 +13,11 @@ PropertySourceType BaseConfCacheBuilder::pathToSourceType(const ConfPathBase& pa
                                                           const ConfPathTrie::Node& node,
                                                           PropertySourceType parentType,
                                                           const Str& contextApplication) {
-  if (path.isApplicationDefault()) return SOURCE_SYSTEM_DEFAULT;
+  // A user node has no application yet: only from level 2 on does an empty
+  // application segment mean nothing.
+  if (path.level() >= ConfPathBase::LEVEL_APPLICATION && path.isApplicationDefault()) {
+    return SOURCE_SYSTEM_DEFAULT;
+  }
   if (!path.isUserDefault()) return SOURCE_USER;
   const ConfPathMetadata::Export exportTo =
       node.hasMetadata() ? node.metadata().exportTo() : ConfPathMetadata::EXPORT_NONE;
