@@ -26,13 +26,23 @@ TEST(PropertyPagesDefaultRoot, PropsInstanceEndsWithTheStockDefaultStanza) {
   const PropertiesMap expected(*dflt);
   ASSERT_FALSE(expected.empty());
 
-  for (const char* context : {"syslog", "", "source::/no/such/file.log|host::nowhere"}) {
+  // A context that nothing else matches gets exactly the stock "default".
+  PropertiesMap alone;
+  PropertyPages::propsInstance()->fillLayers(&alone, "source::/no/such/file.log|host::nowhere",
+                                             true);
+  EXPECT_EQ(expected.size(), alone.size());
+  for (const auto& [key, property] : expected) {
+    const Property* got = alone.getProperty(key);
+    ASSERT_NE(nullptr, got) << key;
+    EXPECT_EQ(property.value(), got->value()) << key;
+    EXPECT_EQ("default", got->sourceStanza()) << key;
+  }
+  // Any other context still has every key of it, as the last layer.
+  for (const char* context : {"syslog", ""}) {
     PropertiesMap props;
     PropertyPages::propsInstance()->fillLayers(&props, context, true);
     for (const auto& [key, property] : expected) {
-      const Property* got = props.getProperty(key);
-      ASSERT_NE(nullptr, got) << context << ": " << key;
-      if (got->sourceStanza() == "default") EXPECT_EQ(property.value(), got->value()) << key;
+      EXPECT_NE(nullptr, props.getProperty(key)) << context << ": " << key;
     }
   }
 }
