@@ -223,6 +223,10 @@ void PropertyPages::recomputeAllFromDisk(const BundlesSetup& setup) {
   recomputeAll(setup);
 }
 
+void PropertyPages::confChanged(const BundlesSetup& setup, IConfPathMapper*) {
+  recomputeAll(setup);
+}
+
 void PropertyPages::updateRoleMappings(const User& user) {
   forEachPage([&user](const BundlesSetup&,
                       PropertyPages& page) { return page.actingUser().isSameUser(user); },

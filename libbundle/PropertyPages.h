@@ -19,6 +19,7 @@
 #include "util/StrSegment.h"
 
 class ConfPath;
+class IConfPathMapper;
 class ConfPathMetadata;
 
 // Pages live for the process and are shared by all threads: every read and
@@ -154,6 +155,9 @@ class PropertyPages {
   static void recomputeAll(const BundlesSetup& setup);
   // Reloads every mapper of `setup`, sets up new ones, then recomputeAll.
   static void recomputeAllFromDisk(const BundlesSetup& setup);
+  // The listener for ConfChangeWatcher::setListener: a bundle of `setup`
+  // changed on disk, so every page of that root is marked dirty.
+  static void confChanged(const BundlesSetup& setup, IConfPathMapper* mapper);
   // Marks dirty the pages acting as `user` (caseless).
   static void updateRoleMappings(const User& user);
   // Marks dirty every page of this name and root.

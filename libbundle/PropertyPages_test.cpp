@@ -9,8 +9,11 @@
 #include <map>
 #include <thread>
 
+#include "libbundle/ConfPath.h"
 #include "libbundle/ConfPathException.h"
+#include "libbundle/DeletabilityCache.h"
 #include "libbundle/UserInfoProvider.h"
+#include "util/testing/FixedClock.h"
 #include "util/testing/LogCapture.h"
 #include "util/testing/TestTempDir.h"
 #include "util/testing/ThrownText.h"
@@ -477,6 +480,108 @@ TEST(PropertyPagesWrite, CanDeleteOnlyWhatALocalLayerHolds) {
   EXPECT_TRUE(page->canDelete("syslog", "a"));       // in system/local
   EXPECT_FALSE(page->canDelete("syslog", "d"));      // only in a default layer
   EXPECT_FALSE(page->canDelete("nothing", ""));
+}
+
+TEST(PropertyPagesList, StanzasPerContextFilteredByUserApplicationAndPermission) {
+  Tree t;
+  writeLayers(t);
+  t.write("users/alice/search/local/props.conf", "[syslog]\na = alice\n");
+  t.write("users/bob/other/local/props.conf", "[bobs]\nx = 1\n");
+  TestUserInfo info;
+  info.current = "admin";
+  info.admins = {"admin"};
+  ScopedProvider provider(&info);
+  PropertyPages* page = t.page("props", "admin", "search");
+  auto names = [](const ContextPropertiesVector& v) {
+    std::set<std::string> out;
+    for (const ContextProperties& cp : v) {
+      out.insert(cp.user().name() + "/" + cp.application() + "/" + cp.name());
+    }
+    return out;
+  };
+  ContextPropertiesVector all;
+  page->propsWithContext({}, {}, all);
+  EXPECT_EQ((std::set<std::string>{"alice/search/syslog", "bob/other/bobs",
+                                   "nobody/search/source::/var/log/*.log", "nobody/search/syslog",
+                                   "nobody/system/default", "nobody/system/syslog"}),
+            names(all));
+  for (const ContextProperties& cp : all) {
+    if (cp.user().name() == "alice") EXPECT_EQ("alice", cp.map().get("a"));
+  }
+  ContextPropertiesVector onlyAlice;
+  page->propsWithContext({"alice"}, {}, onlyAlice);
+  EXPECT_EQ((std::set<std::string>{"alice/search/syslog"}), names(onlyAlice));
+  ContextPropertiesVector onlyOther;
+  page->propsWithContext({}, {"other"}, onlyOther);
+  EXPECT_EQ((std::set<std::string>{"bob/other/bobs"}), names(onlyOther));
+
+  // A current user who may not act for others loses the others' contexts.
+  info.current = "carol";
+  info.admins.clear();
+  ScopedLogCapture capture("PropertyPages");
+  ContextPropertiesVector asCarol;
+  t.page("props", "carol", "search")->propsWithContext({}, {}, asCarol);
+  EXPECT_EQ(0u, names(asCarol).count("alice/search/syslog"));
+  EXPECT_EQ(1u, names(asCarol).count("nobody/system/syslog"));
+  EXPECT_NE(std::string::npos,
+            capture.text().find("Skipping entities from context: " +
+                                PropertyPagesContext(t.setup, User("alice"), "search").toString() +
+                                ": User 'carol' could not act as: alice"))
+      << capture.text();
+}
+
+TEST(PropertyPagesList, DeletabilityFollowsTheWritableLayer) {
+  Tree t;
+  writeLayers(t);
+  TestUserInfo info;
+  ScopedProvider provider(&info);
+  PropertyPages* page = t.page("props", "", "search");
+  PropertiesMap mine;
+  mine.put("x", "1");
+  page->saveStanza("mine", mine, false);
+  const PropertyPagesContext here(t.setup, ConfPath::getDefaultUser(), "search");
+  DeletableStanzasCache stanzas("props");
+  stanzas.init(*page);
+  EXPECT_TRUE(stanzas.isInitialized());
+  EXPECT_TRUE(stanzas.isStanzaDeletable(here, "mine"));
+  EXPECT_FALSE(stanzas.isStanzaDeletable(here, "source::/var/log/*.log"));  // default layer
+  DeletablePropertiesCache properties("props");
+  properties.init(*page);
+  EXPECT_FALSE(properties.isPropertyDeletable(here, "source::/var/log/*.log", "s"));
+  // A page without user or application caches nothing.
+  DeletableStanzasCache legacy("props");
+  legacy.init(*t.page("props"));
+  EXPECT_TRUE(legacy.isInitialized());
+  EXPECT_FALSE(legacy.isStanzaDeletable(here, "mine"));
+}
+
+TEST(PropertyPagesPolling, PooledCachesPollForChangesAtTheirInterval) {
+  Tree t;
+  const Pathname pool = t.dir / "pool";
+  t.write("system/default/conf.conf",
+          (std::string(kBootstrap) + "[pooling]\nstate = enabled\nstorage = " + pool +
+           "\npoll.interval.rebuild = 10s\n")
+              .c_str());
+  writeTestFile(pool / "etc/apps/search/default/props.conf", "[syslog]\na = 1\n");
+  ScopedFixedClock clock(Timeval(1000000, 0));
+  PropertyPages* page = t.page("props");
+  EXPECT_EQ("1", fill(page, "syslog", "a"));
+  writeTestFile(pool / "etc/apps/search/default/props.conf", "[syslog]\na = 22\n");
+  ScopedLogCapture capture("BaseConfCache");
+  clock.set(Timeval(1000005, 0));
+  EXPECT_EQ("1", fill(page, "syslog", "a"));  // the interval has not passed
+  clock.set(Timeval(1000011, 0));
+  EXPECT_EQ("22", fill(page, "syslog", "a"));
+  EXPECT_NE(std::string::npos,
+            capture.text().find("INFO [" + (pool / "etc/apps/search/default") +
+                                "] detected change in type props " + t.setup.toString()))
+      << capture.text();
+  clock.set(Timeval(999000, 0));
+  fill(page, "syslog", "a");
+  EXPECT_NE(std::string::npos,
+            capture.text().find("WARN Current time (999000.000000) precedes previous poll time "
+                                "(1000011.000000)."))
+      << capture.text();
 }
 
 }  // namespace

@@ -47,13 +47,14 @@ bool patternText(const Str& name, bool pageFlag, Str& out) {
 }  // namespace
 
 const Regex* getRegexPatternFromFilePattern(const Str& name, bool pageFlag) {
-  Str text;
-  if (!patternText(name, pageFlag, text)) return nullptr;
+  if (name.find("::") == Str::npos) return nullptr;
   {
     ScopedReader reader(gPatternMutex());
     const auto it = gPatternToRegex().find(name);
     if (it != gPatternToRegex().end()) return it->second.get();
   }
+  Str text;
+  if (!patternText(name, pageFlag, text)) return nullptr;
   gLogger.info("Expanded file pattern %s into %s", name.c_str(), text.c_str());
   auto compiled = std::make_unique<Regex>();
   try {
