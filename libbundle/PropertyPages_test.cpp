@@ -487,45 +487,51 @@ TEST(PropertyPagesList, StanzasPerContextFilteredByUserApplicationAndPermission)
   writeLayers(t);
   t.write("users/alice/search/local/props.conf", "[syslog]\na = alice\n");
   t.write("users/bob/other/local/props.conf", "[bobs]\nx = 1\n");
+  t.write("apps/other/default/props.conf", "[o]\nx = 1\n");
   TestUserInfo info;
-  info.current = "admin";
-  info.admins = {"admin"};
+  info.current = "alice";
   ScopedProvider provider(&info);
-  PropertyPages* page = t.page("props", "admin", "search");
+  PropertyPages* page = t.page("props", "alice", "search");
   auto names = [](const ContextPropertiesVector& v) {
     std::set<std::string> out;
     for (const ContextProperties& cp : v) {
-      out.insert(cp.user().name() + "/" + cp.application() + "/" + cp.name());
+      out.insert(std::string(cp.user().name()) + "/" + std::string(cp.application()) + "/" +
+                 std::string(cp.name()));
     }
     return out;
   };
   ContextPropertiesVector all;
   page->propsWithContext({}, {}, all);
-  EXPECT_EQ((std::set<std::string>{"alice/search/syslog", "bob/other/bobs",
+  // Another user's layer is never listed: bob's stanza is not there.
+  EXPECT_EQ((std::set<std::string>{"alice/search/syslog", "nobody/other/o",
                                    "nobody/search/source::/var/log/*.log", "nobody/search/syslog",
                                    "nobody/system/default", "nobody/system/syslog"}),
             names(all));
   for (const ContextProperties& cp : all) {
-    if (cp.user().name() == "alice") EXPECT_EQ("alice", cp.map().get("a"));
+    if (cp.user().name() == "alice") {
+      EXPECT_EQ("alice", cp.map().get("a"));
+      EXPECT_EQ(SOURCE_USER, cp.map().getProperty("a")->sourceType());
+    }
   }
   ContextPropertiesVector onlyAlice;
   page->propsWithContext({"alice"}, {}, onlyAlice);
   EXPECT_EQ((std::set<std::string>{"alice/search/syslog"}), names(onlyAlice));
   ContextPropertiesVector onlyOther;
   page->propsWithContext({}, {"other"}, onlyOther);
-  EXPECT_EQ((std::set<std::string>{"bob/other/bobs"}), names(onlyOther));
+  EXPECT_EQ((std::set<std::string>{"nobody/other/o"}), names(onlyOther));
 
-  // A current user who may not act for others loses the others' contexts.
+  // The same page asked while another user is current: alice's context
+  // can no longer be used, and is skipped.
   info.current = "carol";
-  info.admins.clear();
   ScopedLogCapture capture("PropertyPages");
   ContextPropertiesVector asCarol;
-  t.page("props", "carol", "search")->propsWithContext({}, {}, asCarol);
+  page->propsWithContext({}, {}, asCarol);
   EXPECT_EQ(0u, names(asCarol).count("alice/search/syslog"));
   EXPECT_EQ(1u, names(asCarol).count("nobody/system/syslog"));
   EXPECT_NE(std::string::npos,
             capture.text().find("Skipping entities from context: " +
-                                PropertyPagesContext(t.setup, User("alice"), "search").toString() +
+                                std::string(PropertyPagesContext(t.setup, User("alice"), "search")
+                                                .toString()) +
                                 ": User 'carol' could not act as: alice"))
       << capture.text();
 }
@@ -559,7 +565,7 @@ TEST(PropertyPagesPolling, PooledCachesPollForChangesAtTheirInterval) {
   Tree t;
   const Pathname pool = t.dir / "pool";
   t.write("system/default/conf.conf",
-          (std::string(kBootstrap) + "[pooling]\nstate = enabled\nstorage = " + pool +
+          (std::string(kBootstrap) + "[pooling]\nstate = enabled\nstorage = " + std::string(pool) +
            "\npoll.interval.rebuild = 10s\n")
               .c_str());
   writeTestFile(pool / "etc/apps/search/default/props.conf", "[syslog]\na = 1\n");
@@ -573,8 +579,9 @@ TEST(PropertyPagesPolling, PooledCachesPollForChangesAtTheirInterval) {
   clock.set(Timeval(1000011, 0));
   EXPECT_EQ("22", fill(page, "syslog", "a"));
   EXPECT_NE(std::string::npos,
-            capture.text().find("INFO [" + (pool / "etc/apps/search/default") +
-                                "] detected change in type props " + t.setup.toString()))
+            capture.text().find("INFO [" + std::string(pool / "etc/apps/search/default") +
+                                "] detected change in type props " +
+                                std::string(t.setup.toString())))
       << capture.text();
   clock.set(Timeval(999000, 0));
   fill(page, "syslog", "a");
