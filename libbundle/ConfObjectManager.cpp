@@ -95,7 +95,7 @@ bool ConfObjectManager::cpmChangeNotify(const Pathname& path) {
 
 void ConfObjectManager::cpmMerge(const ConfPathTrie& changes) {
   requireWritable();
-  const ConfPathTrie::Node* base = changes.find(bundleBase());
+  const ConfPathTrie::Node* base = ownSubtree(changes);
   if (base == nullptr) return;
   ScopedLock lock(_mutex);
   _loaded = false;

@@ -32,6 +32,14 @@ bool BaseConfPathMapper::admits(const ConfPathBase& query) const {
 
 ConfPathBase BaseConfPathMapper::bundleBase() const { return ConfPathBase(_user, _application); }
 
+const ConfPathTrie::Node* BaseConfPathMapper::ownSubtree(const ConfPathTrie& changes) const {
+  for (const auto& [name, userNode] : changes.root().children()) {
+    if (!User(name).isSameUser(_user)) continue;
+    if (const ConfPathTrie::Node* app = userNode->child(_application)) return app;
+  }
+  return nullptr;
+}
+
 Str BaseConfPathMapper::fingerprintOf(const Pathname& file) {
   PathnameStat st;
   if (!file.stat(&st)) return Str().format("%s -\n", file.c_str());
@@ -155,7 +163,7 @@ bool ConfPathMapper::cpmChangeNotify(const Pathname& path) {
 
 void ConfPathMapper::cpmMerge(const ConfPathTrie& changes) {
   requireWritable();
-  const ConfPathTrie::Node* base = changes.find(bundleBase());
+  const ConfPathTrie::Node* base = ownSubtree(changes);
   if (base == nullptr) return;
   ScopedLock lock(_mutex);
   for (const auto& [type, typeNode] : base->children()) {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "libbundle/BundleHandlerData.h"
+#include "libbundle/ConfPathTrie.h"
 #include "libbundle/IConfPathMapper.h"
 #include "libbundle/IniFile.h"
 #include "util/Mutex.h"
@@ -32,6 +33,9 @@ class BaseConfPathMapper : public IConfPathMapper {
   bool admits(const ConfPathBase& query) const;
   // The path (cpmUser(), cpmApplication()).
   ConfPathBase bundleBase() const;
+  // The node of this bundle's (user, application) in `changes`, the user
+  // matched without regard to case; null when absent.
+  const ConfPathTrie::Node* ownSubtree(const ConfPathTrie& changes) const;
   // "name size inode mtime\n" of `file`, "name -\n" when missing.
   static Str fingerprintOf(const Pathname& file);
 

@@ -29,6 +29,27 @@ Pathname firstElementUnder(const Pathname& path, const Pathname& dir) {
   return rest.empty() ? Pathname() : rest[0];
 }
 
+// Whether the leaf, or any element between the root (or the pooled
+// storage) and the leaf, begins with ".": "apps/.old/default" is as hidden
+// as "apps/.old" itself.
+bool hasDotElement(const Pathname& path, const BundlesSetup& setup) {
+  if (path.toLeaf().startswith('.')) return true;
+  Pathname base;
+  for (const Pathname& candidate : {setup.getPooledStorageOrRoot(), setup.getRoot()}) {
+    if (candidate.size() > base.size() && path.startswith(StrSegment(candidate)) &&
+        path.size() > candidate.size() && path[candidate.size()] == Pathname::SEP) {
+      base = candidate;
+    }
+  }
+  if (base.empty()) return false;
+  PathnameVector rest;
+  Pathname(path.substr(base.size())).splitOnSepInto(rest);
+  for (const Pathname& element : rest) {
+    if (element.startswith('.')) return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 ConfPathMapperCollection::ConfPathMapperCollection(const BundlesSetup& setup) : _setup(setup) {}
@@ -84,7 +105,7 @@ bool ConfPathMapperCollection::globPattern(const Pathname& pattern, const Str& h
 bool ConfPathMapperCollection::callHandler(const Str& handler, const Pathname& path,
                                            BundleHandlerData& data, const Pathname& pattern) {
   if (_byPath.count(path) != 0) return true;
-  if (path.toLeaf().startswith('.')) {
+  if (hasDotElement(path, _setup)) {
     gLogger.info("Ignoring dot file: %s", path.c_str());
     return false;
   }
@@ -111,7 +132,8 @@ bool ConfPathMapperCollection::callHandler(const Str& handler, const Pathname& p
     }
   }
   if (handler == "default") {
-    BundlesIterator::registerIteratorPath(_setup, path);
+    PathnameStat st;
+    if (path.stat(&st) && st.isDir()) BundlesIterator::registerIteratorPath(_setup, path);
     return false;
   }
   if (handler == "ignore") return false;

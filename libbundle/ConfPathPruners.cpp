@@ -84,7 +84,21 @@ bool PermissionPruner::keep(const ConfPathBase& path, const ConfPathTrie::Node& 
     return path.isUserDefault() || path.user().isSameUser(_user);
   }
   const ConfPathPermissions* p = effectivePermissions(node);
-  return p == nullptr || allows(*p, ConfPathPermissions::ALLOW_GET, _roles);
+  if (p == nullptr || allows(*p, ConfPathPermissions::ALLOW_GET, _roles)) return true;
+  // A node's own permissions override those it would inherit, so a
+  // readable stanza keeps the path to it open.
+  return opensBelow(node);
+}
+
+bool PermissionPruner::opensBelow(const ConfPathTrie::Node& node) const {
+  for (const auto& [name, child] : node.children()) {
+    if (child->hasMetadata() && !child->metadata().permissions().empty() &&
+        allows(child->metadata().permissions().get(), ConfPathPermissions::ALLOW_GET, _roles)) {
+      return true;
+    }
+    if (opensBelow(*child)) return true;
+  }
+  return false;
 }
 
 ConfPathMetadata::Export SingleUserAppContextPruner::effectiveExport(

@@ -71,7 +71,10 @@ class DisabledApplicationPruner : public IConfPathTriePruner {
 // the default user nor `user`, without regard to case) is removed. Below,
 // the nearest metadata at or above a node that has permissions decides:
 // one of `roles`, or "*", must be allowed ALLOW_GET. No permissions on the
-// way up: readable. An empty `user` is the system and keeps everything.
+// way up: readable. A node's own permissions override what it inherits, so
+// an unreadable node stays when a node below it is readable by its own
+// permissions (and its other children are decided one by one). An empty
+// `user` is the system and keeps everything.
 class PermissionPruner : public IConfPathTriePruner {
  public:
   PermissionPruner(const User& user, const std::set<Str>& roles) : _user(user), _roles(roles) {}
@@ -84,6 +87,8 @@ class PermissionPruner : public IConfPathTriePruner {
                      const std::set<Str>& roles);
 
  private:
+  bool opensBelow(const ConfPathTrie::Node& node) const;
+
   User _user;
   std::set<Str> _roles;
 };

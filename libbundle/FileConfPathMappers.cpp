@@ -19,11 +19,9 @@ bool isDirectory(const Pathname& p) {
 
 }  // namespace
 
-FileConfPathMapper::FileConfPathMapper(const Str& handler, BundleHandlerData& data)
-    : BaseConfPathMapper(handler, data,
-                         data.path().toLeaf() == BundlesSetup::BUNDLES_PATH_LOCAL ||
-                             data.path().toParent().toLeaf() == BundlesSetup::BUNDLES_PATH_LOCAL) {
-}
+FileConfPathMapper::FileConfPathMapper(const Str& handler, BundleHandlerData& data,
+                                       bool writable)
+    : BaseConfPathMapper(handler, data, writable) {}
 
 bool FileConfPathMapper::cpmSearch(const ConfPathBase& query, ConfPathTrie& out) {
   if (!admits(query)) return false;
@@ -67,7 +65,7 @@ bool FileConfPathMapper::cpmChangeNotify(const Pathname& path) {
 
 void FileConfPathMapper::cpmMerge(const ConfPathTrie& changes) {
   requireWritable();
-  const ConfPathTrie::Node* base = changes.find(bundleBase());
+  const ConfPathTrie::Node* base = ownSubtree(changes);
   if (base == nullptr) return;
   ScopedLock lock(_mutex);
   const std::vector<Entry> existing = listEntries();
@@ -99,7 +97,9 @@ bool FileConfPathMapper::cpmRemoveLayer(const ConfPathBase& path) {
   return false;
 }
 
-JSONConfPathMapper::JSONConfPathMapper(BundleHandlerData& data) : FileConfPathMapper("xml", data) {}
+JSONConfPathMapper::JSONConfPathMapper(BundleHandlerData& data)
+    : FileConfPathMapper("xml", data,
+                         data.path().toParent().toLeaf() == BundlesSetup::BUNDLES_PATH_LOCAL) {}
 
 std::vector<FileConfPathMapper::Entry> JSONConfPathMapper::listEntries() const {
   std::vector<Entry> out;
@@ -128,7 +128,7 @@ Str JSONConfPathMapper::valueOf(const Entry& entry) const {
 }
 
 LookupTableConfPathMapper::LookupTableConfPathMapper(const Str& handler, BundleHandlerData& data)
-    : FileConfPathMapper(handler, data) {}
+    : FileConfPathMapper(handler, data, true) {}
 
 std::vector<FileConfPathMapper::Entry> LookupTableConfPathMapper::listEntries() const {
   std::vector<Entry> out;

@@ -3,7 +3,9 @@
 // stanza <name> of <type> with the file's contents as its value) and
 // LookupTableConfPathMapper ("lookups", "searchscripts", "history": every
 // file "<bundle>/<name>" is the stanza <name> of the type named after the
-// handler, with the file's path as its value).
+// handler, with the file's path as its value). A document bundle is
+// writable when it lies in "local" ("<app>/local/data"); a lookup bundle is
+// the application's own directory of tables and always writable.
 #pragma once
 
 #include "libbundle/ConfPathMapper.h"
@@ -22,7 +24,7 @@ class FileConfPathMapper : public BaseConfPathMapper {
   bool cpmRemoveLayer(const ConfPathBase& path) override;
 
  protected:
-  FileConfPathMapper(const Str& handler, BundleHandlerData& data);
+  FileConfPathMapper(const Str& handler, BundleHandlerData& data, bool writable);
   struct Entry {
     Str type;
     Str stanza;
