@@ -16,8 +16,7 @@ namespace {
 TEST(LiteralsLoader, FillsTheCatalogueFromTheLiteralsPage) {
   TestTempDir home;
   writeTestFile(home / "etc/system/default/conf.conf",
-                "[bootstrap]\nsystem/local = conf\n${apps-base}/*/default = conf\n"
-                "system/default = conf\n");
+                readTestFile(Pathname(KESTRO_SOURCE_DIR) / "home/etc/system/default/conf.conf"));
   writeTestFile(home / "etc/system/default/literals.conf",
                 "[LOGIN]\nFAILED = Login failed for %s\nOK = fine\n");
   writeTestFile(home / "etc/system/local/literals.conf", "[LOGIN]\nOK = local wins\n");

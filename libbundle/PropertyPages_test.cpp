@@ -13,35 +13,13 @@
 #include "libbundle/ConfPathException.h"
 #include "libbundle/DeletabilityCache.h"
 #include "libbundle/UserInfoProvider.h"
+#include "libbundle/testing/BundleTree.h"
 #include "util/testing/FixedClock.h"
 #include "util/testing/LogCapture.h"
 #include "util/testing/TestTempDir.h"
 #include "util/testing/ThrownText.h"
 
 namespace {
-
-// The bootstrap file of every test tree: the precedence of a page without
-// user or application follows this order (first bundle wins), and writes
-// go to the local bundle of the path's user and application.
-const char kBootstrap[] = R"([bootstrap]
-system/local = conf
-${apps-base}/*/local = conf
-${users-base}/*/*/local = conf
-${apps-base}/*/default = conf
-system/default = conf
-system/metadata/local.meta = confdb
-${apps-base}/*/metadata/local.meta = confdb
-${apps-base}/*/metadata/default.meta = confdb
-${users-base}/*/*/metadata/local.meta = confdb
-
-[writes]
-data:nobody:system:${type} = system/local
-data:nobody:${app}:${type} = ${apps-base}/${app}/local
-data:${user}:${app}:${type} = ${users-base}/${user}/${app}/local
-meta:nobody:system:${type} = system/metadata/local.meta
-meta:nobody:${app}:${type} = ${apps-base}/${app}/metadata/local.meta
-meta:${user}:${app}:${type} = ${users-base}/${user}/${app}/metadata/local.meta
-)";
 
 // Answers for the identity layer, set by each test.
 class TestUserInfo : public IUserInfoProvider {
@@ -75,25 +53,25 @@ class ScopedProvider {
   const IUserInfoProvider* _p;
 };
 
-// A configuration root of its own in a temporary directory.
+// A configuration root of its own in a temporary directory, with the
+// install's bootstrap file unless another is given.
 class Tree {
  public:
-  Tree() : root(dir / "etc"), setup(root) {
-    write("system/default/conf.conf", kBootstrap);
-  }
-  void write(const char* relative, const char* text) { writeTestFile(root / relative, text); }
-  std::string read(const char* relative) const { return readTestFile(root / relative); }
+  explicit Tree(const char* bootstrap = nullptr)
+      : tree(bootstrap), root(tree.root()), setup(tree.setup()) {}
+  void write(const char* relative, const char* text) { tree.put(relative, text); }
+  std::string read(const char* relative) const { return tree.read(relative); }
   PropertyPages* page(const char* name, const char* user = "", const char* app = "") {
     return PropertyPages::instance(name, PropertyPagesContext(setup, User(user), app));
   }
 
-  TestTempDir dir;
+  BundleTree tree;
   Pathname root;
   BundlesSetup setup;
 };
 
-// system default < application default < application local < system
-// local in a page without user or application, and "default" last.
+// The same stanza in the system's and an application's default and local
+// layers, a pattern stanza, and "default".
 void writeLayers(Tree& t) {
   t.write("system/default/props.conf",
           "[default]\nd = sysdefault\nk = sysdefault\n"
@@ -308,18 +286,19 @@ TEST(PropertyPagesWrite, WritesOnlyTheDifferenceToTheLocalLayer) {
   writeLayers(t);
   PropertyPages* page = t.page("props");
   PropertiesMap desired;
-  desired.put("a", "syslocal");   // already what the layers give
-  desired.put("b", "sysdefault"); // differs from the effective "appdefault"
+  desired.put("a", "syslocal");    // already what the layers give
+  desired.put("d", "sysdefault");  // given by "default"
   desired.put("n", "new");
   page->saveStanza("syslog", desired, false);
+  EXPECT_EQ("[syslog]\na = syslocal\nn = new\n", t.read("system/local/props.conf"));
+  PropertiesMap changed;
+  changed.put("a", "changed");
+  page->saveStanza("syslog", changed, false);
+  EXPECT_EQ("[syslog]\na = changed\nn = new\n", t.read("system/local/props.conf"));
   PropertiesMap written;
   ASSERT_TRUE(page->getStanza("syslog", written));
-  EXPECT_EQ("sysdefault", written.get("b"));
+  EXPECT_EQ("changed", written.get("a"));
   EXPECT_EQ("new", written.get("n"));
-  const std::string local = t.read("system/local/props.conf");
-  EXPECT_NE(std::string::npos, local.find("n = new")) << local;
-  EXPECT_NE(std::string::npos, local.find("b = sysdefault")) << local;
-  EXPECT_EQ(std::string::npos, local.find("d =")) << local;  // nothing from "default"
   // The other bundles are untouched.
   EXPECT_EQ("[syslog]\nc = applocal\n", t.read("apps/search/local/props.conf"));
 }
@@ -358,10 +337,15 @@ TEST(PropertyPagesWrite, PutFormsGoToTheirApplicationsAndOverwriteAllReplaces) {
   page->deleteStanza("dflt");
   EXPECT_FALSE(page->propsExist("dflt"));
   // A stanza of a default layer stays visible after its local part goes.
-  page->putAttribute("syslog", "c", "mine");
+  TestUserInfo info;
+  ScopedProvider provider(&info);
+  PropertyPages* search = t.page("props", "", "search");
+  search->putAttribute("syslog", "c", "mine");
+  EXPECT_EQ("mine", fill(search, "syslog", "c"));
   EXPECT_EQ("mine", fill(page, "syslog", "c"));
-  page->deleteStanza("syslog");
-  EXPECT_EQ("applocal", fill(page, "syslog", "c"));
+  search->deleteStanza("syslog");
+  EXPECT_EQ("appdefault", fill(search, "syslog", "c"));
+  EXPECT_EQ("appdefault", fill(page, "syslog", "c"));
 }
 
 TEST(PropertyPagesWrite, FailuresAreLoggedAndLeaveFilesWhole) {
@@ -562,12 +546,14 @@ TEST(PropertyPagesList, DeletabilityFollowsTheWritableLayer) {
 }
 
 TEST(PropertyPagesPolling, PooledCachesPollForChangesAtTheirInterval) {
-  Tree t;
-  const Pathname pool = t.dir / "pool";
-  t.write("system/default/conf.conf",
-          (std::string(kBootstrap) + "[pooling]\nstate = enabled\nstorage = " + std::string(pool) +
-           "\npoll.interval.rebuild = 10s\n")
-              .c_str());
+  TestTempDir poolDir;
+  const Pathname pool = poolDir.path();
+  std::string bootstrap =
+      readTestFile(Pathname(KESTRO_SOURCE_DIR) / "home/etc/system/default/conf.conf");
+  const size_t state = bootstrap.find("state = disabled");
+  ASSERT_NE(std::string::npos, state);
+  bootstrap.replace(state, 16, "state = enabled\nstorage = " + std::string(pool));
+  Tree t(bootstrap.c_str());
   writeTestFile(pool / "etc/apps/search/default/props.conf", "[syslog]\na = 1\n");
   ScopedFixedClock clock(Timeval(1000000, 0));
   PropertyPages* page = t.page("props");
