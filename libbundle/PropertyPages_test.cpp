@@ -577,4 +577,28 @@ TEST(PropertyPagesPolling, PooledCachesPollForChangesAtTheirInterval) {
       << capture.text();
 }
 
+TEST(PropertyPagesList, ExpandedNamesComeFromTheBundleRoot) {
+  Tree t;
+  t.write("apps/search/default/inputs.conf", "[monitor://./logs]\nindex = a\n");
+  t.write("apps/zeta/default/inputs.conf", "[monitor://./logs]\nindex = z\n[plain]\nx = 1\n");
+  ScopedLogCapture capture("BaseConfCacheBuilder");
+  PropertyPages* page = t.page("inputs");
+  StanzaCollection written;
+  page->propsObjByPrefixAndMode("", PropertyPages::GET_BY_PREFIX, written);
+  EXPECT_EQ(2u, written.size());
+  StanzaCollection expanded;
+  page->propsObjByPrefixAndMode("", PropertyPages::GET_EXPANDED_NAMES, expanded);
+  // The first application in trie order gives the expansion; the second's
+  // is refused with a warning.
+  const Str first = "monitor://" + t.root + "/apps/search/logs";
+  EXPECT_EQ(1u, expanded.count(first));
+  EXPECT_EQ(1u, expanded.count("plain"));
+  EXPECT_EQ(2u, expanded.size());
+  EXPECT_NE(std::string::npos,
+            capture.text().find("WARN Stanza has an expansion [" + std::string(first) +
+                                "], ignoring alternate expansion [monitor://" +
+                                std::string(t.root) + "/apps/zeta/logs] in inputs.conf"))
+      << capture.text();
+}
+
 }  // namespace
