@@ -614,4 +614,56 @@ TEST(PropertyPagesReview, EqualSourceTypesGoToTheLastApplicationInUserPages) {
   EXPECT_EQ("mmm from s", layered(r.page("props", "alice", "mmm"), "s", "k"));
 }
 
+// The context is a view: only its own bytes count, whatever follows them.
+TEST(PropertyPagesReview, ContextIsTheViewNotTheBufferBehindIt) {
+  Root r;
+  r.tree.put("system/default/props.conf",
+             "[a]\nk = a\n[ab]\nk = ab\n[b]\nk = b\nj = b\n"
+             "[source::/l/*]\nk = pat\n[default]\nd = 1\n");
+  PropertyPages* page = r.page("props");
+  const char buffer[] = "a|bc|source::/l/x/y";
+  const struct {
+    size_t length;
+    const char* k;
+    const char* j;
+  } kCases[] = {
+      {0, "", ""},   // the empty context: only "default"
+      {1, "a", ""},  // "a", not "a|bc..."
+      {2, "a", ""},  // "a" and ""
+      {3, "a", "b"},  // "a|b"
+      {4, "a", ""},  // "a|bc"
+  };
+  for (const auto& c : kCases) {
+    PropertiesMap out;
+    page->fillLayers(&out, StrSegment(buffer, c.length), true);
+    EXPECT_EQ(c.k, out.get("k")) << c.length;
+    EXPECT_EQ(c.j, out.get("j")) << c.length;
+    EXPECT_EQ("1", out.get("d")) << c.length;
+  }
+  const char tail[] = "source::/l/x/y";
+  PropertiesMap out;
+  page->fillLayers(&out, StrSegment(tail, 12), true);  // "source::/l/x"
+  EXPECT_EQ("pat", out.get("k"));
+}
+
+// A disabled application's bundles give no layers, its pattern stanzas
+// included; its "local" saying "enabled" brings them back.
+TEST(PropertyPagesReview, DisabledApplicationsGiveNoLayers) {
+  Root r;
+  r.tree.put("system/default/props.conf", "[s]\nk = sys\n[source::/l/*]\np = sys\n");
+  for (const char* app : {"off", "relit"}) {
+    r.tree.put(std::string("apps/") + app + "/default/app.conf", "[install]\nstate = disabled\n");
+    r.tree.put(std::string("apps/") + app + "/default/props.conf",
+               std::string("[s]\nk = ") + app + "\n[source::/l/x*]\np = " + app + "\n");
+  }
+  r.tree.put("apps/relit/local/app.conf", "[install]\nstate = enabled\n");
+  PropertyPages* page = r.page("props");
+  EXPECT_EQ("relit from s", layered(page, "s", "k"));
+  EXPECT_EQ("relit from source::/l/x*", layered(page, "source::/l/x", "p"));
+  r.tree.put("apps/relit/local/app.conf", "[install]\nstate = disabled\n");
+  PropertyPages::recomputeAll(r.tree.setup());
+  EXPECT_EQ("sys from s", layered(page, "s", "k"));
+  EXPECT_EQ("sys from source::/l/*", layered(page, "source::/l/x", "p"));
+}
+
 }  // namespace
