@@ -100,11 +100,14 @@ void PropertyPages::deferredWrite(const Str& application, const Str& stanza,
   gLogger.info("%s", what.c_str());
   ScopedLock writeLock(gWriteMutex());
   ScopedConfMutex confMutex(_context.bundlesSetup(), what);
-  path.verifyCanModify();
   ConfPathTrie changes;
   ConfPathMetadata metadata;
   if (!findMetadata(path, metadata)) changes.setMetadata(path, metadata);
+  // Only a replacement of the whole stanza asks first: it removes what
+  // others wrote, while a plain write adds only its difference to the
+  // caller's own layer.
   if (overwriteAll) {
+    path.verifyCanModify();
     removeFromWriters(path);
     _cache->markDirty();
   }

@@ -244,7 +244,7 @@ Regex::Regex() = default;
 
 Regex::Regex(const Str& pattern, bool study, int options) { _internal_init(pattern, study, options); }
 
-Regex::Regex(const Regex& other) {
+Regex::Regex(const Regex& other) : _tolerant(other._tolerant) {
   if (other._program) {
     _internal_init(other._pattern, other._study, other._options);
   } else {
@@ -285,6 +285,7 @@ void Regex::_internal_init(const Str& pattern, bool study, int options) {
   CompileSettings settings;
   if (const char* refusal = translateOptions(options, &settings)) throw RegexException(refusal);
   settings.options |= PCRE2_UTF;
+  if (_tolerant) settings.options |= PCRE2_MATCH_INVALID_UTF;
   int errorCode = 0;
   std::unique_ptr<Program> program = Program::build(pattern, settings, study, &errorCode);
   if (!program) throw RegexException("Regex: " + compileErrorText(errorCode));
@@ -337,6 +338,18 @@ bool Regex::matches(const StrSegment& subject, RegexMatch* out) const {
 bool Regex::matchesWhole(const StrSegment& subject, RegexMatch* out) const {
   StrSegment s(subject);
   return matchBase(s, out, false, MATCH_WHOLE);
+}
+
+bool Regex::matchOffsets(const char* data, size_t len, int* offsets, uint32_t pairs) const {
+  if (_program == nullptr || len > static_cast<size_t>(INT_MAX)) return false;
+  if (data == nullptr) data = "";
+  const PCRE2_SIZE* ov = nullptr;
+  bool partial = false;
+  if (!runMatch(_program->code, pairs, data, len, 0, &ov, &partial)) return false;
+  for (uint32_t i = 0; i < 2 * pairs; ++i) {
+    offsets[i] = ov[i] == PCRE2_UNSET ? -1 : static_cast<int>(ov[i]);
+  }
+  return true;
 }
 
 bool Regex::matchBase(StrSegment& subject, RegexMatch* out, bool advance, MatchMode mode) const {

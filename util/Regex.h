@@ -168,6 +168,19 @@ class Regex {
   // Whether a whole-string form compiled beside the pattern.
   bool hasWholeStringForm() const { return _wholeProgram != nullptr; }
 
+ protected:
+  // For a subclass whose subjects come from outside: from the next
+  // _internal_init on, both compiled forms tolerate invalid UTF-8, so a
+  // stray byte matches no pattern item while the text around it matches as
+  // usual, instead of failing the whole subject. Copies keep the choice.
+  void tolerateInvalidUtf8() { _tolerant = true; }
+  // A search of the base form that allocates nothing once the thread's
+  // match buffer has grown: on a hit fills offsets[0, 2 * pairs) with the
+  // start and end of the match and of each group (-1 for a group that took
+  // no part) and returns true. `pairs` must be getCaptureCount() + 1.
+  // False for an empty Regex, no match, or a subject of 2 GiB or more.
+  bool matchOffsets(const char* data, size_t len, int* offsets, uint32_t pairs) const;
+
  private:
   friend class StrSegment;
   struct Program;
@@ -186,4 +199,5 @@ class Regex {
   std::unique_ptr<Program> _wholeProgram;
   bool _study = false;
   int _options = 0;
+  bool _tolerant = false;
 };
