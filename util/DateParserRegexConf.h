@@ -40,7 +40,7 @@ class DateParserRegexConf {
 
   // The `define` name under which `regex` is stored; null when it is none
   // of this file's (after a redefinition the replaced one is gone).
-  const Str* getPatternName(const class DateTimeRegex* regex) const;
+  const Str* getPatternName(const DateTimeRegex* regex) const;
   // The pattern stored under `name`, or null.
   const DateTimeRegex* find(const Str& name) const;
 
