@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <ctime>
 
 #include "util/Pathname.h"
@@ -38,13 +39,16 @@ class DateParserConfigRef {
   void assignTo(DateParser* parser) const;
 
   bool isNone() const { return _conf == nullptr; }
-  bool isCurrent() const { return _conf == CURRENT_VALUE; }
+  bool isCurrent() const { return _conf == currentValue(); }
   // The configuration, or null for "NONE" and "CURRENT".
   const DateParserRegexConf* get() const { return isCurrent() ? nullptr : _conf; }
 
  private:
-  // The special pointer value 1 that stands for "CURRENT".
-  static DateParserRegexConf* const CURRENT_VALUE;
+  // The special pointer value 1 that stands for "CURRENT"; a function, so
+  // that it needs no static initialisation.
+  static DateParserRegexConf* currentValue() {
+    return reinterpret_cast<DateParserRegexConf*>(uintptr_t{1});
+  }
 
   DateParserRegexConf* _conf = nullptr;
 };

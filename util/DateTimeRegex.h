@@ -32,7 +32,8 @@ class DateTimeRegexExtractions {
   const char* ptr[NUM_CODES];
   // Length of each code's text; never 0 for a set code.
   size_t len[NUM_CODES];
-  // The number of codes set.
+  // The number of groups stored: the codes set, unless two groups of one
+  // code both took part.
   size_t count;
 };
 
