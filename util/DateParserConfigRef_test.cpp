@@ -17,7 +17,6 @@
 
 #include "util/DateParseException.h"
 #include "util/DateParserRegexConf.h"
-#include "util/testing/PatternListScoring.h"
 #include "util/testing/TestTempDir.h"
 #include "util/testing/ThrownText.h"
 #include "util/testing/XmlTestInit.h"

@@ -11,7 +11,6 @@
 #include "util/DateParseException.h"
 #include "util/DateParserConfigRef.h"
 #include "util/testing/LogCapture.h"
-#include "util/testing/PatternListScoring.h"
 #include "util/testing/TestTempDir.h"
 #include "util/testing/ThrownText.h"
 #include "util/testing/XmlTestInit.h"
