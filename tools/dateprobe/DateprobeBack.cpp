@@ -33,8 +33,9 @@ DateParser& DateprobeBack::parser() {
 }
 
 void DateprobeBack::setSource(const Str& text) {
-  const HashedStr context{StrSegment(text)};
+  const HashedStrReference context = HashedStrReference::_allocMem(text.data(), text.size());
   parser().setContext(context);
+  context._freeMem();
   parser().setDateByString(StrSegment(text), true);
 }
 
