@@ -11,7 +11,15 @@
 #include <string>
 #include <vector>
 
+#include <fstream>
+
 #include <gtest/gtest.h>
+
+#include "loaderinfo/LoaderInfo.h"
+#include "tools/dateprobe/DateprobeBack.h"
+#include "tools/dateprobe/LineProbe.h"
+#include "util/testing/ScopedTz.h"
+#include "util/testing/XmlTestInit.h"
 
 #include "tools/dateprobe/DateprobeTestDoubles.h"
 #include "tools/dateprobe/SelfTestCase.h"
@@ -202,6 +210,65 @@ TEST(Dateprobe, StartsOnlyWithAnInstallRoot) {
   EXPECT_EQ(0, o.status);
   EXPECT_EQ("Using logging configuration at " + std::string(staged) + "/etc/log-cmdline.cfg.\n",
             o.errors);
+}
+
+// The log lines of the timestamp corpus, in file order.
+std::vector<std::string> corpusLines() {
+  std::ifstream in(std::string(KESTRO_SOURCE_DIR) +
+                   "/tools/dateprobe/testdata/timestamp_corpus.tsv");
+  std::vector<std::string> lines;
+  for (std::string text; std::getline(in, text);) {
+    if (text.empty() || text[0] == '#') continue;
+    size_t at = 0;
+    for (int tab = 0; tab < 5 && at != std::string::npos; ++tab) at = text.find('\t', at) + 1;
+    lines.push_back(text.substr(at));
+  }
+  return lines;
+}
+
+// The binary over the corpus prints what the library prints for the same
+// file in this process, line for line, with the progress lines of a long
+// file. Both read the clock, which only the date guesses of lines without
+// a year or a date depend on, and both run within the same second.
+TEST(Dateprobe, FileModeOverTheCorpusPrintsWhatTheLibraryFinds) {
+  const std::vector<std::string> lines = corpusLines();
+  ASSERT_GE(lines.size(), 460u);
+  TestTempDir dir;
+  const Pathname path = dir / "corpus.log";
+  std::string content;
+  size_t count = 0;
+  while (count < 2500) {
+    for (const std::string& line : lines) {
+      if (count++ == 2500) break;
+      content += line + "\n";
+    }
+  }
+  writeTestFile(path, content);
+
+  const Outcome o = runDateprobe({"file", std::string(path), "syslog"}, {}, "", "UTC");
+  EXPECT_EQ(0, o.status);
+
+  ScopedTz zone("UTC");
+  LoaderInfo::getInstance().populateFromEnvironment();
+  const Pathname home = LoaderInfo::getInstance().getKestroHome();
+  DateprobeBack back(defaultStanzaOnlyFiller(home), home);
+  back.setUp("syslog");
+  char* buffer = nullptr;
+  size_t size = 0;
+  FILE* out = open_memstream(&buffer, &size);
+  ASSERT_EQ(0, probeFile(back, Str(std::string(path)), "syslog", out));
+  fclose(out);
+  const std::string expected(buffer, size);
+  free(buffer);
+  EXPECT_EQ(expected, o.output);
+
+  EXPECT_NE(std::string::npos, o.output.find("\n1000 lines\n"));
+  EXPECT_NE(std::string::npos, o.output.find("\n2000 lines\n"));
+  EXPECT_EQ(o.output.size() - 11, o.output.rfind("count=2500\n"));
+  // Only lines ahead of the first dated one find nothing; after it, every
+  // line has at least the previous time.
+  const size_t firstDated = o.output.find("From:\t");
+  EXPECT_EQ(std::string::npos, o.output.find("Unable to parse", firstDated));
 }
 
 }  // namespace
