@@ -17,6 +17,20 @@ Logger gLogger("LoadDateParserRegexes");
   throw DateParseException(errLogger, text.c_str());
 }
 
+// Each use copies a whole expression, so a chain of defines that use their
+// predecessor twice doubles at every step; no real pattern comes near this.
+constexpr size_t MAX_PATTERN_BYTES = 1 << 20;
+
+void appendBounded(Str& text, const Str& part, const Str& name, Logger* errLogger) {
+  if (text.size() + part.size() > MAX_PATTERN_BYTES) {
+    Str message;
+    Logger::format(message, "regex of define \"%s\" grows past %zu bytes", name.c_str(),
+                   MAX_PATTERN_BYTES);
+    fail(errLogger, message);
+  }
+  text += part;
+}
+
 bool isNamed(const XmlNode& node, const char* name) { return std::strcmp(node.name(), name) == 0; }
 
 // The `name` attribute of `node`; false when it has none.
@@ -77,7 +91,7 @@ void DateParserRegexConf::readPatterns(const XmlNode& root, const Pathname& path
         if (isNamed(child, "text")) {
           Str part;
           child.tryToStr(part);
-          text += part;
+          appendBounded(text, part, name, errLogger);
         } else if (isNamed(child, "use")) {
           Str used;
           if (!nameOf(child, used)) {
@@ -89,7 +103,7 @@ void DateParserRegexConf::readPatterns(const XmlNode& root, const Pathname& path
             Logger::format(text, "couldn't find 'use' reference named: %s", used.c_str());
             fail(errLogger, text);
           }
-          text += earlier->getPattern();
+          appendBounded(text, earlier->getPattern(), name, errLogger);
         } else {
           fail(errLogger, "invalid node name.  Must be 'use' or 'text'");
         }

@@ -33,7 +33,9 @@ class DateParserRegexConf {
   // in messages. Every failure throws DateParseException with `errLogger`
   // (may be null) as its logger; a failure while the defines are read,
   // a pattern that does not compile included, is wrapped as "Error parsing
-  // regex XML file: <path> - <text>". Debug lines go to the channel
+  // regex XML file: <path> - <text>". A composed expression past 1 MiB is
+  // refused ("regex of define \"<name>\" grows past 1048576 bytes"): uses
+  // that double at every step would otherwise grow without bound. Debug lines go to the channel
   // "LoadDateParserRegexes". After a throw this object is only fit to be
   // destroyed. REQUIRES: called once, on a default-constructed object.
   void readPatterns(const XmlNode& root, const Pathname& path, Logger* errLogger);

@@ -11,7 +11,6 @@
 #include "util/DateParseException.h"
 #include "util/DateParserConfigRef.h"
 #include "util/testing/LogCapture.h"
-#include "util/testing/PatternListScoring.h"
 #include "util/testing/TestTempDir.h"
 #include "util/testing/ThrownText.h"
 #include "util/testing/XmlTestInit.h"
@@ -96,6 +95,24 @@ TEST(DateParserRegexConf, EachMalformedFileGivesItsMessageAndNoEntry) {
     EXPECT_TRUE(ref.isNone());
     EXPECT_FALSE(CachedDateParserConfig::contains(path));
   }
+}
+
+TEST(DateParserRegexConf, DoublingDefinesStopAtTheSizeBound) {
+  TestTempDir dir;
+  const Pathname path = dir / "doubling.xml";
+  // Comments compile to nothing, so only the text's own size can stop this.
+  std::string xml = "<d><define name='p0'><text>(?#a)</text></define>";
+  for (int i = 1; i <= 40; ++i) {
+    const std::string prev = "p" + std::to_string(i - 1);
+    xml += "<define name='p" + std::to_string(i) + "'><use name='" + prev + "'/><use name='" +
+           prev + "'/></define>";
+  }
+  writeTestFile(path, xml + "<timePatterns/><datePatterns/></d>");
+  DateParserConfigRef ref;
+  // p17 holds 5 << 17 bytes, p18 would hold 5 << 18, past 1 << 20.
+  EXPECT_EQ("Error parsing regex XML file: " + std::string(path) +
+                " - regex of define \"p18\" grows past 1048576 bytes",
+            thrownText<DateParseException>([&] { ref.load(path, false); }));
 }
 
 TEST(DateParserRegexConf, FailuresLogOnlyWhenAsked) {
