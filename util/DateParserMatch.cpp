@@ -10,6 +10,8 @@ namespace {
 // Cuts `text` after `characters` UTF-8 characters: a byte that is no
 // continuation byte (10xxxxxx) starts a character.
 void cutToCharacters(StrSegment& text, int characters) {
+  // A text no longer in bytes than the limit holds no more characters.
+  if (text.size() <= static_cast<size_t>(characters)) return;
   const unsigned char* p = reinterpret_cast<const unsigned char*>(text.data());
   const size_t n = text.size();
   int seen = 0;

@@ -3,10 +3,19 @@
 #include <utility>
 
 #include "libbundle/DatetimeInitUtils.h"
+#include "libbundle/IniFile.h"
 #include "util/Assert.h"
 #include "util/ExtraTimevalParseInfo.h"
 #include "util/HashedStr.h"
 #include "util/TimezoneCache.h"
+
+DateprobePropsFiller defaultStanzaOnlyFiller(const Pathname& home) {
+  return [home](PropertiesMap& props, const Str& /*context*/) {
+    const IniFile file(home / "etc" / "system" / "default" / "props.conf");
+    const IniStanza* stanza = file.findStanza("default");
+    if (stanza != nullptr) props = PropertiesMap(*stanza);
+  };
+}
 
 DateprobeBack::DateprobeBack(DateprobePropsFiller fillProps, const Pathname& home)
     : _fillProps(std::move(fillProps)), _home(home) {}
@@ -33,8 +42,9 @@ DateParser& DateprobeBack::parser() {
 }
 
 void DateprobeBack::setSource(const Str& text) {
-  const HashedStr context{StrSegment(text)};
+  const HashedStrReference context = HashedStrReference::_allocMem(text.data(), text.size());
   parser().setContext(context);
+  context._freeMem();
   parser().setDateByString(StrSegment(text), true);
 }
 

@@ -15,6 +15,12 @@
 // `context`, the highest precedence first.
 typedef std::function<void(PropertiesMap& props, const Str& context)> DateprobePropsFiller;
 
+// INTERIM, until the layered configuration is wired in: a filler that
+// reads only the "default" stanza of <home>/etc/system/default/props.conf,
+// whatever the context. The real lookup fills every layer that matches the
+// context, highest precedence first, and replaces it.
+DateprobePropsFiller defaultStanzaOnlyFiller(const Pathname& home);
+
 // One owner, the tool's main thread. setUp builds the parser; the parse
 // calls need it.
 class DateprobeBack : public MDateprobeBack {

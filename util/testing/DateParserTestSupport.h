@@ -35,3 +35,38 @@ struct ShippedDateParser {
   DateParser* operator->() { return parser.get(); }
   DateParser& operator*() { return *parser; }
 };
+
+// A small pattern file whose every score is easy to follow: times with
+// seconds (and a fraction), with AM/PM, with a zone; a leading epoch;
+// year-first and day-first dates.
+constexpr const char* MINI_PATTERNS = R"(<datetime>
+  <define name="hms_time" extract="hour,minute,second,subsecond">
+    <text>(?&lt;!\d)(\d{1,2}):(\d\d):(\d\d)(?:[.,](\d+))?(?!\d)</text>
+  </define>
+  <define name="hms_ampm_time" extract="hour,minute,second,ampm">
+    <text>(?&lt;!\d)(\d{1,2}):(\d\d):(\d\d) ?([ap]m)\b</text>
+  </define>
+  <define name="hms_zone_time" extract="hour,minute,second,zone">
+    <text>(?&lt;!\d)(\d\d):(\d\d):(\d\d) ([+-]\d{4}|utc|pdt)\b</text>
+  </define>
+  <define name="epoch_time" extract="utcepoch">
+    <text>^(\d{10})(?!\d)</text>
+  </define>
+  <define name="ymd_date" extract="year,month,day">
+    <text>(?&lt;!\d)(\d{4})-(\d\d)-(\d\d)(?!\d)</text>
+  </define>
+  <define name="dmy_date" extract="day,month,year">
+    <text>(?&lt;!\d)(\d\d)/(\d\d)/(\d{4})(?!\d)</text>
+  </define>
+  <timePatterns>
+    <use name="hms_zone_time"/>
+    <use name="hms_time"/>
+    <use name="hms_ampm_time"/>
+    <use name="epoch_time"/>
+  </timePatterns>
+  <datePatterns>
+    <use name="ymd_date"/>
+    <use name="dmy_date"/>
+  </datePatterns>
+</datetime>
+)";
