@@ -1,8 +1,10 @@
-// Consistency of testdata/timestamp_corpus.tsv, the corpus of log lines and
-// the instants the date parser must give them. The parser's own tests read
-// the file; these catch a hand edit that leaves it contradicting itself.
+// testdata/timestamp_corpus.tsv, the corpus of log lines and the instants
+// the date parser must give them: first its consistency, which catches a
+// hand edit that leaves it contradicting itself, then the parser on the
+// shipped patterns held to every row.
 
 #include <cstdlib>
+#include <map>
 #include <ctime>
 #include <fstream>
 #include <set>
@@ -10,6 +12,10 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include "util/testing/DateParserTestSupport.h"
+#include "util/testing/FixedClock.h"
+#include "util/testing/XmlTestInit.h"
 
 namespace {
 
@@ -117,6 +123,102 @@ TEST(TimestampCorpus, EveryRowAgreesWithItselfAndTheWindow) {
   EXPECT_GE(dated, 400);
   EXPECT_GE(datedShapes.size(), 120u);
   EXPECT_GE(undated, 60);
+}
+
+// What the parser made of one row: the instant, or seconds "-" for none.
+struct Outcome {
+  std::string seconds;
+  std::string usec;
+};
+
+// Parses every row in file order with `parser`, against the corpus clock.
+// Each row starts with no previous event, as the corpus assumes, while the
+// parser keeps its memory of patterns and date text from row to row. Counts
+// the define that won each part of a dated row in *wins.
+// `differences` replaces the expected seconds of the rows it names ("-" for
+// nothing), with microseconds 0.
+void parseCorpus(ShippedDateParser& parser, const std::vector<CorpusRow>& rows,
+                 const std::map<int, std::string>& differences,
+                 std::map<std::string, int>* wins) {
+  const Timeval now(CORPUS_NOW, 0);
+  ScopedFixedClock clock(now);
+  for (const CorpusRow& row : rows) {
+    const std::string& line = row.fields[5];
+    SCOPED_TRACE("corpus line " + std::to_string(row.lineNumber) + ": " + line);
+    parser->getGuesser().previous = Timeval();
+    Timeval out;
+    int ts = -1, te = -1, ds = -1, de = -1;
+    ExtraTimevalParseInfo extra;
+    const bool found = parser->parseDate(out, StrSegment(line), now, ts, te, ds, de, &extra);
+    const Outcome got = found ? Outcome{std::to_string(out.tv_sec), std::to_string(out.tv_usec)}
+                              : Outcome{"-", "-"};
+    const auto difference = differences.find(row.lineNumber);
+    const bool differs = difference != differences.end();
+    const std::string seconds = differs ? difference->second : row.fields[0];
+    const std::string usec = !differs ? row.fields[1] : seconds == "-" ? "-" : "0";
+    EXPECT_EQ(seconds, got.seconds) << "expected " << row.fields[2] << ", got "
+                                    << (found ? out.asctime() : Str("nothing"));
+    EXPECT_EQ(usec, got.usec);
+    if (!found) continue;
+    // The regions lie inside the line and the time region is never empty.
+    EXPECT_LE(0, ts);
+    EXPECT_LT(ts, te);
+    EXPECT_LE(static_cast<size_t>(te), line.size());
+    if (ds >= 0) {
+      EXPECT_LE(static_cast<size_t>(de), line.size());
+    }
+    const DateParserRegexConf* conf = parser->getConf();
+    const Str* timeName = conf->getPatternName(parser->getTimeState().lastRegex);
+    if (timeName != nullptr) ++(*wins)[*timeName];
+    if (ds >= 0) {
+      const Str* dateName = conf->getPatternName(parser->getDateState().lastRegex);
+      if (dateName != nullptr) ++(*wins)[*dateName];
+    }
+  }
+}
+
+TEST(TimestampCorpus, ParserWithoutMemoryGivesEveryRowItsInstant) {
+  std::vector<std::string> header;
+  const std::vector<CorpusRow> rows = readCorpus(&header);
+  ShippedDateParser parser(false);
+  std::map<std::string, int> wins;
+  parseCorpus(parser, rows, {}, &wins);
+
+  // Every pattern of both lists is needed: each wins some row.
+  const DateParserRegexConf* conf = parser->getConf();
+  for (const DateTimeRegexList* list :
+       {static_cast<const DateTimeRegexList*>(&conf->timeList),
+        static_cast<const DateTimeRegexList*>(&conf->dateList)}) {
+    ASSERT_FALSE(list->empty());
+    for (const DateTimeRegex* regex : *list) {
+      const Str* name = conf->getPatternName(regex);
+      ASSERT_NE(nullptr, name);
+      EXPECT_GE(wins[*name], 1) << *name << " wins no row of the corpus";
+    }
+  }
+}
+
+// In file order, rows of one shape follow each other, so a remembered
+// pattern settles and goes unchallenged for as long as it matches. That is
+// the price of the memory, and these rows pay it; every other row must
+// come out as without memory.
+TEST(TimestampCorpus, ParserWithMemoryDiffersOnlyWhereASettledPatternMisreads) {
+  std::vector<std::string> header;
+  const std::vector<CorpusRow> rows = readCorpus(&header);
+  ShippedDateParser parser(true);
+  std::map<std::string, int> wins;
+  parseCorpus(parser, rows,
+              {
+                  // The settled time pattern reads "1:05:09" and ignores "PM".
+                  {168, "1781485509"},
+                  // ... and "12:00:00" without its "AM": noon, not midnight.
+                  {169, "1781438400"},
+                  // The settled year-first date pattern reads 2005-09-26,
+                  // outside the window: nothing, and the memory is reset.
+                  {250, "-"},
+              },
+              &wins);
+  EXPECT_FALSE(wins.empty());
 }
 
 }  // namespace

@@ -4,9 +4,10 @@
 #include <cstdio>
 #include <exception>
 
+#include "loaderinfo/LoaderInfo.h"
 #include "loaderinfo/SetupHelper.h"
+#include "tools/dateprobe/DateprobeBack.h"
 #include "tools/dateprobe/DateprobeFront.h"
-#include "tools/dateprobe/NullDateprobeBack.h"
 #include "util/ScopedXmlLibInit.h"
 
 int main(int argc, char** argv) {
@@ -16,7 +17,9 @@ int main(int argc, char** argv) {
   // has nothing to read, whatever it was asked.
   SetupHelper::initCommon(false, nullptr);
   try {
-    NullDateprobeBack back;
+    const Pathname& home = LoaderInfo::getInstance().getKestroHome();
+    // INTERIM: the lead wires the layered configuration in here.
+    DateprobeBack back(defaultStanzaOnlyFiller(home), home);
     return runDateprobe(argc, argv, back, stdout);
   } catch (const std::exception& e) {
     return reportDateprobeException(e, stdout);
