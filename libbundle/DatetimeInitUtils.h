@@ -13,9 +13,10 @@ class Regex;
 namespace DatetimeInitUtils {
 
 // Compiles the value of `key` in `props` case-sensitively (unlike the
-// patterns of the pattern file) and returns it; the caller owns it. An
-// empty value gives an empty Regex, which matches nothing. Returns null
-// when the key is absent, and when the value does not compile, after
+// patterns of the pattern file) and returns it; the caller owns it. Returns
+// null when the key is absent or its value empty (an empty value counts as
+// no setting, so an empty TIME_PREFIX means no prefix rather than a prefix
+// that hides every line), and when the value does not compile, after
 // reporting "Invalid regex <value> -- <reason>": through the installed
 // reporter with the tag "DATETIME_REGEX_ISSUE" when `pd` is set and a
 // reporter is installed, else by Logger::error on "DatetimeInitUtils".

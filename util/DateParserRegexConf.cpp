@@ -123,10 +123,13 @@ void DateParserRegexConf::readPatterns(const XmlNode& root, const Pathname& path
       try {
         regex = std::make_unique<DateTimeRegex>(text, names);
       } catch (const RegexException& e) {
-        // The compiler's reason alone does not say which define it is.
-        Str text;
-        Logger::format(text, "%s in define \"%s\"", e.what(), name.c_str());
-        throw RegexException(text);
+        // The compiler's reason alone does not say which define it is, and
+        // the failure's own text is fixed: the name goes in a line of its own.
+        if (errLogger != nullptr) {
+          errLogger->error("Pattern of define \"%s\" does not compile: %s", name.c_str(),
+                           e.what());
+        }
+        throw;
       }
       regexes[name] = std::move(regex);
     }

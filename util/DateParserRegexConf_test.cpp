@@ -73,12 +73,10 @@ TEST(DateParserRegexConf, EachMalformedFileGivesItsMessageAndNoEntry) {
        "<d><define name='a'><text>x</text></define><timePatterns/>"
        "<datePatterns><use name='a'/><use name='zz'/></datePatterns></d>",
        "Can't find regular expression specified in 'zz' in file %s"},
-      // A pattern that does not compile names its define.
       {"badregex.xml",
        "<d><define name='ok'><text>x</text></define>"
        "<define name='broken' extract='hour'><text>(\\d+</text></define></d>",
-       "Error parsing regex XML file: %s - Regex: missing closing parenthesis in define "
-       "\"broken\""},
+       "Error parsing regex XML file: %s - Regex: missing closing parenthesis"},
       {"notxml.xml", "<d><define name='a'>", "Error parsing regex XML file: %s - "},
       {"empty.xml", "", "Error parsing regex XML file: %s - "},
   };
@@ -128,6 +126,28 @@ TEST(DateParserRegexConf, FailuresLogOnlyWhenAsked) {
   EXPECT_EQ("Can't find regular expression specified in 'nope' in file " + std::string(path),
             thrown);
   EXPECT_EQ("ERROR " + thrown + "\n", log.text());
+}
+
+TEST(DateParserRegexConf, APatternThatDoesNotCompileIsNamedInTheLog) {
+  TestTempDir dir;
+  const Pathname path = dir / "broken.xml";
+  writeTestFile(path,
+                "<d><define name='ok'><text>x</text></define>"
+                "<define name='broken'><text>(\\d+</text></define>"
+                "<timePatterns/><datePatterns/></d>");
+  ScopedLogCapture log("LoadDateParserRegexes");
+  DateParserConfigRef ref;
+  const std::string thrown = thrownText<DateParseException>([&] { ref.load(path, true); });
+  EXPECT_EQ("Error parsing regex XML file: " + std::string(path) +
+                " - Regex: missing closing parenthesis",
+            thrown);
+  std::vector<std::string> errors;
+  for (const std::string& line : log.lines()) {
+    if (line.rfind("ERROR ", 0) == 0) errors.push_back(line.substr(6));
+  }
+  const std::vector<std::string> want = {
+      "Pattern of define \"broken\" does not compile: Regex: missing closing parenthesis", thrown};
+  EXPECT_EQ(want, errors);
 }
 
 TEST(DateParserRegexConf, ReadsDefinesAndListsInFileOrder) {

@@ -3,7 +3,6 @@
 #include <cstring>
 
 #include "util/Logger.h"
-#include "util/RegexMatch.h"
 
 namespace {
 
@@ -29,6 +28,9 @@ void DateTimeRegexExtractions::clear() {
 }
 
 DateTimeRegex::DateTimeRegex(const Str& text, const std::vector<Str>& extractNames) {
+  // Log lines are whatever a program wrote: one byte of another encoding
+  // must not hide the timestamp beside it.
+  tolerateInvalidUtf8();
   _internal_init(text, true, CASELESS);
   extractions.reserve(extractNames.size());
   for (const Str& name : extractNames) {
@@ -65,22 +67,34 @@ const char* DateTimeRegex::extractionName(Extraction code) {
 bool DateTimeRegex::evaluate(StrSegment& text, DateTimeRegexExtractions& out, int& start,
                              int& end) const {
   out.clear();
-  RegexMatch match;
-  if (!this->match(text, &match, false, false)) return false;
-  const StrSegment& whole = match.getMatch();
-  start = static_cast<int>(whole.data() - text.data());
-  end = start + static_cast<int>(whole.size());
-  const StrSegmentVector& groups = match.getGroups();
-  const size_t n = groups.size() < extractions.size() ? groups.size() : extractions.size();
+  // The offsets live on the stack so that a settled stream allocates
+  // nothing; a pattern with more groups than fit takes the general path.
+  constexpr uint32_t kMaxPairs = 64;
+  const uint32_t pairs = static_cast<uint32_t>(getCaptureCount()) + 1;
+  int stackOffsets[2 * kMaxPairs];
+  std::vector<int> heapOffsets;
+  int* offsets = stackOffsets;
+  if (pairs > kMaxPairs) {
+    heapOffsets.resize(2 * static_cast<size_t>(pairs));
+    offsets = heapOffsets.data();
+  }
+  if (!matchOffsets(text.data(), text.size(), offsets, pairs)) return false;
+  // \K can leave the start behind the end; such a match has no span.
+  if (offsets[0] > offsets[1]) return false;
+  start = offsets[0];
+  end = offsets[1];
+  const size_t groups = pairs - 1;
+  const size_t n = groups < extractions.size() ? groups : extractions.size();
   for (size_t i = 0; i < n; ++i) {
     const Extraction code = extractions[i];
-    const StrSegment& group = groups[i];
-    if (code >= IGNORED || group.data() == nullptr || group.size() == 0) continue;
+    const int from = offsets[2 * (i + 1)];
+    const int to = offsets[2 * (i + 1) + 1];
+    if (code >= IGNORED || from < 0 || to <= from) continue;
     // Two groups of one code that both take part (rare: usually they sit in
     // alternatives) leave the later text and count twice, as every stored
     // group counts.
-    out.ptr[code] = group.data();
-    out.len[code] = group.size();
+    out.ptr[code] = text.data() + from;
+    out.len[code] = static_cast<size_t>(to - from);
     ++out.count;
   }
   return true;

@@ -74,7 +74,8 @@ class DateTimeRegex : public Regex {
   // The file's name of a real code ("hour"); "ignored" for IGNORED.
   static const char* extractionName(Extraction code);
 
-  // Searches `text`, which does not move. On a match sets `start` and `end`
+  // Searches `text`, which does not move; bytes that are not UTF-8 match no
+  // pattern item but do not fail the search. On a match sets `start` and `end`
   // to the byte offsets of the whole match in `text`, fills `out` (cleared
   // first) by walking groups and `extractions` in step up to the shorter of
   // the two, storing each group of non-zero length whose code is real, and

@@ -47,6 +47,43 @@ TEST(DateTimeRegex, UnknownExtractionWarnsAndKeepsItsPlace) {
   EXPECT_THROW(DateTimeRegex("(\\d+", {"hour"}), RegexException);
 }
 
+// Log lines mix encodings; a byte that is not UTF-8 must cost only
+// itself, wherever it stands, and a month name with an accent still reads.
+TEST(DateTimeRegex, BytesThatAreNotUtf8DoNotHideTheTimestamp) {
+  DateTimeRegex re("(\\d\\d):(\\d\\d):(\\d\\d)", {"hour", "minute", "second"});
+  const struct {
+    const char* line;
+    int start;
+  } kCases[] = {
+      {"caf\xe9 12:34:56", 5},         // Latin-1 before
+      {"12:34:56 caf\xe9", 0},         // Latin-1 after
+      {"\xff\xfe 12:34:56", 3},        // a stray byte-order mark
+      {"\xc3 12:34:56", 2},            // a sequence cut short
+      {"\xed\xa0\x80 12:34:56", 4},    // an encoded surrogate
+      {"x\xe9\xe9\xe9 12:34:56\xff", 5},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.line);
+    StrSegment line(c.line);
+    DateTimeRegexExtractions ex;
+    int start = -1, end = -1;
+    ASSERT_TRUE(re.evaluate(line, ex, start, end));
+    EXPECT_EQ(c.start, start);
+    EXPECT_EQ(c.start + 8, end);
+    EXPECT_EQ(3u, ex.count);
+    EXPECT_EQ("56", text(ex, DateTimeRegex::SECOND));
+  }
+  // An invalid byte never matches a pattern item, not even ".".
+  DateTimeRegex dot("a(.)b", {"zone"});
+  StrSegment bad("a\xe9" "b");
+  DateTimeRegexExtractions ex;
+  int start = -1, end = -1;
+  EXPECT_FALSE(dot.evaluate(bad, ex, start, end));
+  StrSegment good("a\xc3\xa9" "b");
+  ASSERT_TRUE(dot.evaluate(good, ex, start, end));
+  EXPECT_EQ("\xc3\xa9", text(ex, DateTimeRegex::ZONE));
+}
+
 TEST(DateTimeRegex, EvaluateGivesOffsetsGroupsAndCounts) {
   const struct {
     const char* pattern;
