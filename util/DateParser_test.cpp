@@ -289,18 +289,4 @@ TEST(DateParserContext, AllThreeFormsDoubleThePercentSigns) {
   EXPECT_EQ(" Context: ", parser.getContext());
 }
 
-TEST(DateParserSettings, LimitsApplyOnlyWhenPositive) {
-  DateParser parser(false);
-  parser.setMinMaxDiffSecs(0, -5);
-  EXPECT_EQ(3600, parser.getGuesser().maxDiffSecsAgo);
-  EXPECT_EQ(604800, parser.getGuesser().maxDiffSecsHence);
-  parser.setMinMaxDiffSecs(60, 120);
-  EXPECT_EQ(60, parser.getGuesser().maxDiffSecsAgo);
-  EXPECT_EQ(120, parser.getGuesser().maxDiffSecsHence);
-  parser.setDateLookahead(-7);
-  EXPECT_EQ(-1, parser.getDateLookahead());
-  parser.setDateLookahead(150);
-  EXPECT_EQ(150, parser.getDateLookahead());
-}
-
 }  // namespace

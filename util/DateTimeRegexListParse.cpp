@@ -74,9 +74,10 @@ int parseEpoch(const DateTimeRegexExtractions& ex, DP_parseState* ps) {
   const StrSegment text = ex.get(X::UTCEPOCH);
   if (text.size() >= LABEL_MIN_LENGTH && text.data()[0] == '@') {
     if (!readHex(text.data() + LABEL_LOW_HALF_AT, LABEL_LOW_HALF_DIGITS, &seconds)) return -1;
-  } else if (!readDecimal(text, &seconds)) {
-    return -1;
+    ps->storeEpoch(seconds);
+    return EPOCH_SCORE;
   }
+  if (!readDecimal(text, &seconds)) return -1;
   ps->storeEpoch(seconds);
   if (ex.has(X::SUBSECOND)) {
     const StrSegment sub = ex.get(X::SUBSECOND);

@@ -131,19 +131,6 @@ TEST(TimeRegexListParse, EpochsInTheirThreeForms) {
   }
 }
 
-TEST(TimeRegexListParse, AZoneThatFailsTheCheckIsKeptAsBad) {
-  DP_parseState ps;
-  TimeRegexList().parse(extractions({{X::HOUR, "10"}, {X::MINUTE, "00"}, {X::ZONE, "+2500"}}),
-                        &ps);
-  EXPECT_FALSE(ps.has(R::HAVE_TZNAM));
-  EXPECT_EQ("+2500", ps.badZone);
-  DP_parseState good;
-  TimeRegexList().parse(extractions({{X::HOUR, "10"}, {X::MINUTE, "00"}, {X::ZONE, "-0700"}}),
-                        &good);
-  EXPECT_EQ("-0700", Str(good.tzName.data(), good.tzName.size()));
-  EXPECT_TRUE(good.badZone.empty());
-}
-
 TEST(DateRegexListParse, ScoresByWhatTheMatchHolds) {
   const struct {
     DateTimeRegexExtractions ex;

@@ -85,20 +85,18 @@ TEST(DateprobeBack, SettingsCountButThePatternsAreAlwaysTheStockOnes) {
       [&](PropertiesMap& props, const Str& context) {
         seenContext = context;
         props.put("DATETIME_CONFIG", "NONE");
-        props.put("TIME_PREFIX", "at=");
         props.put("TZ", "Asia/Kolkata");
       },
       stagedHome());
   back.setUp("syslog");
   EXPECT_EQ("syslog", seenContext);
   DateprobeParse p;
-  EXPECT_FALSE(back.parseDetailed("2026-06-15 11:58:01 no prefix", now, &p));
-  ASSERT_TRUE(back.parseDetailed("x at=2026-06-15 11:58:01.250", now, &p));
+  ASSERT_TRUE(back.parseDetailed("x 2026-06-15 11:58:01.250", now, &p));
   EXPECT_EQ(1781524681 - 19800, p.time.tv_sec);  // Kolkata, 5:30 east
   EXPECT_EQ(250000, p.time.tv_usec);
   EXPECT_EQ(3, p.subsecDigits);
-  EXPECT_EQ(16, p.timeStart);
-  EXPECT_EQ(5, p.dateStart);
+  EXPECT_EQ(13, p.timeStart);
+  EXPECT_EQ(2, p.dateStart);
   EXPECT_FALSE(back.lastPatternName().empty());
 }
 
