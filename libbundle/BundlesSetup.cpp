@@ -55,7 +55,9 @@ Pathname BundlesSetup::commonConfigPath() {
 
 bool BundlesSetup::valid() const {
   if (!isDefaultRoot()) return _valid && ConfPathMapperManager::instance().isSetupValid(*this);
-  return gDefaultState.load() != 3;
+  // Asking is what sets the default root up: a setup that never ran has
+  // not succeeded.
+  return defaultInit();
 }
 
 bool BundlesSetup::defaultInit() {
@@ -64,7 +66,7 @@ bool BundlesSetup::defaultInit() {
     BundlesSetup dflt;
     const bool ok = dflt.runSetup();
     gDefaultState.store(ok ? 2 : 3);
-    if (!ok) gLogger.error("Setup of the default configuration root failed: %s", getRoot().c_str());
+    if (!ok) gLogger.error("Setup of the default configuration root failed: %s", dflt.getRoot().c_str());
     return ok;
   }
   return expected != 3;

@@ -37,11 +37,11 @@ class BundlesSetup {
   bool isDefaultRoot() const { return _root.empty(); }
   // Whether the setup of this root's mappers succeeded: for the default
   // root the once-per-process setup; for another root its collection's
-  // (true until it is built). Never builds anything.
+  // (true until it is built). Asking sets the default root up once.
   bool valid() const;
   // runSetup() once per process for the default root and remember the
   // result; later calls give the remembered result.
-  bool defaultInit();
+  static bool defaultInit();
   // ConfPathMapperManager::setupMappers(*this).
   bool runSetup() const;
 

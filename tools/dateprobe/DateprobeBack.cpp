@@ -3,17 +3,15 @@
 #include <utility>
 
 #include "libbundle/DatetimeInitUtils.h"
-#include "libbundle/IniFile.h"
+#include "libbundle/PropertyPages.h"
 #include "util/Assert.h"
 #include "util/ExtraTimevalParseInfo.h"
 #include "util/HashedStr.h"
 #include "util/TimezoneCache.h"
 
-DateprobePropsFiller defaultStanzaOnlyFiller(const Pathname& home) {
-  return [home](PropertiesMap& props, const Str& /*context*/) {
-    const IniFile file(home / "etc" / "system" / "default" / "props.conf");
-    const IniStanza* stanza = file.findStanza("default");
-    if (stanza != nullptr) props = PropertiesMap(*stanza);
+DateprobePropsFiller propsPagesFiller() {
+  return [](PropertiesMap& props, const Str& context) {
+    PropertyPages::propsInstance()->fillLayers(&props, StrSegment(context), true);
   };
 }
 

@@ -15,11 +15,10 @@
 // `context`, the highest precedence first.
 typedef std::function<void(PropertiesMap& props, const Str& context)> DateprobePropsFiller;
 
-// INTERIM, until the layered configuration is wired in: a filler that
-// reads only the "default" stanza of <home>/etc/system/default/props.conf,
-// whatever the context. The real lookup fills every layer that matches the
-// context, highest precedence first, and replaces it.
-DateprobePropsFiller defaultStanzaOnlyFiller(const Pathname& home);
+// The server's own lookup: the layers of the "props" page of the default
+// configuration root that apply to the context, with pattern stanzas
+// matched, and the stanza "default" last.
+DateprobePropsFiller propsPagesFiller();
 
 // One owner, the tool's main thread. setUp builds the parser; the parse
 // calls need it.

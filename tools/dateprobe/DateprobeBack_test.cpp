@@ -49,7 +49,7 @@ int runTableAt(const Timeval& now, const DateprobePropsFiller& filler) {
 // process settles its default zone once, so other zones are run by the
 // end-to-end tests, each in a process of its own.
 TEST(DateprobeBack, TheTablePassesInEveryYearThrough2033) {
-  const DateprobePropsFiller stock = defaultStanzaOnlyFiller(stagedHome());
+  const DateprobePropsFiller stock = propsPagesFiller();
   for (const char* zone : {"UTC"}) {
     ScopedTz tz(zone);
     for (int year = 2026; year <= 2033; ++year) {

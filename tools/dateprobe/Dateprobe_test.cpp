@@ -251,7 +251,7 @@ TEST(Dateprobe, FileModeOverTheCorpusPrintsWhatTheLibraryFinds) {
   ScopedTz zone("UTC");
   LoaderInfo::getInstance().populateFromEnvironment();
   const Pathname home = LoaderInfo::getInstance().getKestroHome();
-  DateprobeBack back(defaultStanzaOnlyFiller(home), home);
+  DateprobeBack back(propsPagesFiller(), home);
   back.setUp("syslog");
   char* buffer = nullptr;
   size_t size = 0;

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <exception>
 
+#include "libbundle/LiteralsLoader.h"
 #include "loaderinfo/LoaderInfo.h"
 #include "loaderinfo/SetupHelper.h"
 #include "tools/dateprobe/DateprobeBack.h"
@@ -13,13 +14,15 @@
 int main(int argc, char** argv) {
   // First, before any thread: the XML libraries live as long as the entry.
   ScopedXmlLibInit xmlInit;
+  // The message catalogue is read from the layered configuration, which
+  // the start-up below cannot see on its own.
+  installLiteralsLoader();
   // Before the arguments are looked at: without an install root the tool
   // has nothing to read, whatever it was asked.
   SetupHelper::initCommon(false, nullptr);
   try {
     const Pathname& home = LoaderInfo::getInstance().getKestroHome();
-    // INTERIM: the lead wires the layered configuration in here.
-    DateprobeBack back(defaultStanzaOnlyFiller(home), home);
+    DateprobeBack back(propsPagesFiller(), home);
     return runDateprobe(argc, argv, back, stdout);
   } catch (const std::exception& e) {
     return reportDateprobeException(e, stdout);
