@@ -14,15 +14,10 @@
 
 #include "util/DateParserRegexConf.h"
 #include "util/Pathname.h"
-#include "util/ScopedXmlLibInit.h"
+#include "bench/BenchXmlInit.h"
 #include "util/XmlDocument.h"
 
 namespace {
-
-void ensureXmlInit() {
-  static ScopedXmlLibInit* init = new ScopedXmlLibInit;
-  (void)init;
-}
 
 const Pathname& shippedPath() {
   static const Pathname* path = new Pathname(Pathname(KESTRO_SOURCE_DIR) / "home/etc/datetime.xml");

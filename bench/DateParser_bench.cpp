@@ -14,18 +14,13 @@
 #include "util/Pathname.h"
 #include "util/Regex.h"
 #include "util/RegexMatch.h"
-#include "util/ScopedXmlLibInit.h"
+#include "bench/BenchXmlInit.h"
 
 namespace {
 
 // 2026-06-15 12:00:00 UTC: every generated line lies in the hour before.
 const Timeval NOW(1781524800, 0);
 constexpr size_t LINES = 3600;
-
-void ensureXmlInit() {
-  static ScopedXmlLibInit* init = new ScopedXmlLibInit;
-  (void)init;
-}
 
 // One format per shape, each with the minute and the second of the line.
 const char* const SHAPES[] = {

@@ -6,16 +6,11 @@
 #include <benchmark/benchmark.h>
 #include <libxml/parser.h>
 
-#include "util/ScopedXmlLibInit.h"
+#include "bench/BenchXmlInit.h"
 #include "util/XMLAndStringUtil.h"
 #include "util/XmlDocument.h"
 
 namespace {
-
-void ensureXmlInit() {
-  static ScopedXmlLibInit* init = new ScopedXmlLibInit;
-  (void)init;
-}
 
 // A configuration-like document of about `n` bytes.
 std::string documentText(size_t n) {

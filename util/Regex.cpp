@@ -193,6 +193,8 @@ struct Regex::Program {
   Str source;
   uint32_t options = 0;
   bool study = false;
+  // Machine code for complete matches exists, so the direct entry may be used.
+  bool jit = false;
   std::once_flag rawOnce;
   pcre2_code* raw = nullptr;
 
@@ -216,8 +218,10 @@ struct Regex::Program {
     pcre2_compile_context_free(context);
     if (code == nullptr) return nullptr;
     // A failed JIT compile only costs speed; the interpreter takes over.
-    if (study) pcre2_jit_compile(code, PCRE2_JIT_COMPLETE | PCRE2_JIT_PARTIAL_SOFT);
+    const bool jit =
+        study && pcre2_jit_compile(code, PCRE2_JIT_COMPLETE | PCRE2_JIT_PARTIAL_SOFT) == 0;
     std::unique_ptr<Program> p(new Program);
+    p->jit = jit;
     p->code = code;
     p->source = source;
     p->options = settings.options;
@@ -344,8 +348,20 @@ bool Regex::matchOffsets(const char* data, size_t len, int* offsets, uint32_t pa
   if (_program == nullptr || len > static_cast<size_t>(INT_MAX)) return false;
   if (data == nullptr) data = "";
   const PCRE2_SIZE* ov = nullptr;
-  bool partial = false;
-  if (!runMatch(_program->code, pairs, data, len, 0, &ov, &partial)) return false;
+  if (_program->jit) {
+    // The direct entry skips the checks that pcre2_match repeats on every
+    // call; it matters when dozens of patterns meet each line.
+    pcre2_match_data* md = tMatchData.get(pairs);
+    if (md == nullptr) return false;
+    const int rc = pcre2_jit_match(_program->code, reinterpret_cast<PCRE2_SPTR>(data), len, 0,
+                                   0, md, limitedMatchContext());
+    if (rc < 0) return false;
+    ov = pcre2_get_ovector_pointer(md);
+    if (ov[0] > ov[1]) return false;
+  } else {
+    bool partial = false;
+    if (!runMatch(_program->code, pairs, data, len, 0, &ov, &partial)) return false;
+  }
   for (uint32_t i = 0; i < 2 * pairs; ++i) {
     offsets[i] = ov[i] == PCRE2_UNSET ? -1 : static_cast<int>(ov[i]);
   }

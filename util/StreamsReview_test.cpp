@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <random>
+#include <ctime>
 #include <string>
 #include <thread>
 #include <vector>
@@ -407,13 +408,20 @@ TEST(StreamsReviewGzipWrite, UntimedStreamIsStampedNow) {
   TempDir dir;
   int fd = open(dir.file("n.gz").c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0644);
   ASSERT_GE(fd, 0);
-  const int64_t before = time(nullptr);
+  // time() reads a coarse clock that can trail the writer's by a tick
+  // across a second boundary; read the same clock as the writer.
+  const auto realtimeSeconds = [] {
+    timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    return int64_t(ts.tv_sec);
+  };
+  const int64_t before = realtimeSeconds();
   {
     WritableGzipFileDescriptor w{FileDescriptor(fd)};
     ASSERT_EQ(2, w.write("hi", 2));
     ASSERT_TRUE(w.finish());
   }
-  const int64_t after = time(nullptr);
+  const int64_t after = realtimeSeconds();
   close(fd);
   std::string f = readFile(dir.file("n.gz"));
   ASSERT_GE(f.size(), 10u);
