@@ -509,4 +509,55 @@ TEST_F(DateParserReview, DateShortcutNeedsTheSameHourAndMinute) {
   EXPECT_GT(p->getDateEvaluations(), dates);
 }
 
+// A settled time pattern is the only one a quick check tries: a match with
+// another number of extractions, or no match, is no timestamp, and counts
+// as a failed attempt only in the first case. A full parse starts the
+// count again.
+TEST_F(DateParserReview, QuickChecksTrustTheSettledPatternAlone) {
+  ShippedDateParser p(true, mini());
+  for (int s = 0; s < 12; ++s) ASSERT_TRUE(parse(*p, Str().format("2026-06-15 11:58:%02d x", s)).ok);
+  ASSERT_GE(p->getTimeState().hits, 10u);
+  ASSERT_EQ(3, p->getTimeState().lastCount);
+  EXPECT_TRUE(p->hasTime(StrSegment("2026-06-15 11:58:31 same shape")));
+  EXPECT_EQ(0u, p->getAttempts());
+  EXPECT_FALSE(p->hasTime(StrSegment("2026-06-15 11:58:30.123 with a fraction")));
+  EXPECT_EQ(1u, p->getAttempts());
+  EXPECT_FALSE(p->hasTime(StrSegment("1781524681 an epoch")));
+  EXPECT_EQ(1u, p->getAttempts());
+  ASSERT_TRUE(parse(*p, "2026-06-15 11:58:40 x").ok);
+  EXPECT_EQ(0u, p->getAttempts());
+}
+
+// Only a 24-hour time may reuse the date text: 12-hour lines search the
+// date patterns every time.
+TEST_F(DateParserReview, TwelveHourLinesNeverReuseTheDateText) {
+  ShippedDateParser p(true, mini());
+  for (int s = 0; s < 50; ++s) ASSERT_TRUE(parse(*p, Str().format("2026-06-15 11:58:%02d am x", s)).ok);
+  ASSERT_LT(p->getAvgGapSecs(), 600u);
+  uint64_t dates = p->getDateEvaluations();
+  Parsed r = parse(*p, "2026-06-15 11:58:55 am x");
+  ASSERT_TRUE(r.ok);
+  EXPECT_EQ(Timeval(1781524735, 0), r.t);
+  EXPECT_EQ(dates + 1, p->getDateEvaluations());
+  for (int s = 0; s < 50; ++s) ASSERT_TRUE(parse(*p, Str().format("2026-06-15 11:59:%02d x", s)).ok);
+  dates = p->getDateEvaluations();
+  ASSERT_TRUE(parse(*p, "2026-06-15 11:59:55 x").ok);
+  EXPECT_EQ(dates, p->getDateEvaluations());
+}
+
+// The text noted for a rejected date starts at the match and is as long as
+// the match's end offset, so a date late in the line brings some of what
+// follows it.
+TEST_F(DateParserReview, RejectedDateExcerptRunsFromTheMatch) {
+  ShippedDateParser p(false, mini());
+  tag(*p);
+  ScopedLogCapture log("DateParserVerbose");
+  Timeval out;
+  int ts, te, ds, de;
+  p->getGuesser().now = NOW;
+  p->dateTimeFromString(out, StrSegment("xxxxx 2030-06-07 10:00:00 tail of the line"), ts, te, ds, de, nullptr);
+  EXPECT_EQ(1, count(log.text(), "DEBUG Could not use regex to parse timestamp from \"2030-06-07 10:00\"."))
+      << log.text();
+}
+
 }  // namespace
