@@ -209,7 +209,7 @@ TEST(DateParserShippedReview, ApplicationLogs) {
 }
 
 // Early in January a year-less December date belongs to the year before;
-// late in December a year-less January one does not reach ahead.
+// late in December the same dates stay in the current year.
 TEST(DateParserShippedReview, YearlessDatesAroundNewYear) {
   const Timeval newYear(1798761600 + 3600, 0);  // 2027-01-01 01:00:00
   const Case kJanuary[] = {
@@ -231,6 +231,54 @@ TEST(DateParserShippedReview, StampLateInTheLine) {
   const std::string line = std::string(120, '-') + " 2026-06-15 11:58:01";
   const Case kCases[] = {
       {line.c_str(), T, 0},
+  };
+  expectLines(std::begin(kCases), std::end(kCases));
+}
+
+TEST(DateParserShippedReview, StructuredAndZonedLines) {
+  const Case kCases[] = {
+      {"2026-06-15 11:58:01 (UTC) paren", T, 0},
+      {"2026-06-15T11:58:01,123+02:00 comma", T - 7200, 123000},
+      {"2026-06-15T11:58:01.123456789+05:30 nanos", T - 19800, 123456},
+      {"Jun 15 11:58:01 UTC host", T, 0},
+      {"15/Jun/2026 11:58:01 +0200", T - 7200, 0},
+      {"Mon Jun 15 11:58:01 PDT 2026", T + 7 * 3600, 0},
+      {"Jun 15 04:58:01 PDT host", T, 0},
+      {"2026-06-15 11:58:01,123 +0200 x", T - 7200, 123000},
+      {"[11:58:01] time only", T, 0},
+      {"{\"ts\":1781524681.123,\"msg\":\"x\"}", T, 123000},
+      {"{\"time\":\"2026-06-15T11:58:01.123Z\",\"level\":\"info\"}", T, 123000},
+      {"{\"@timestamp\":\"2026-06-15T11:58:01.123+00:00\"}", T, 123000},
+      {"{\"ts\":1781524681123,\"msg\":\"x\"}", T, 123000},
+      {"{\"timestamp\":1781524681,\"msg\":\"x\"}", T, 0},
+      {"[15/Jun/2026:11:58:01.123456 +0000] apache usec", T, 123456},
+      {"2026-06-15 11:58:01.123 CEST", T - 7200, 123000},
+      {"Mon 15 Jun 2026 11:58:01 AM UTC", T, 0},
+      {"Mon Jun 15 11:58:01 AM UTC 2026", T, 0},
+      {"15.06.2026, 11:58:01 comma", T, 0},
+      {"6/15/26 11:58 AM excel", T - 1, 0},
+      {"June 15th 2026, 11:58:01 am", T, 0},
+      {"2026-06-15 at 11:58:01", T, 0},
+      {"Jun 15 11:58:01.123 UTC: %SYS-5-CONFIG_I", T, 123000},
+      {"level=info time=1781524681 msg=x", T, 0},
+      {"2026-06-15 11:58:01.123 +02:00 x", T - 7200, 123000},
+      {"15-Jun-26 11:58:01 short", T, 0},
+      {"2026/166 11:58:01 ordinal slash", T, 0},
+      {"Jun 15 2026 11:58:01.123 PDT", T + 7 * 3600, 123000},
+      {"Monday 15 June 2026 11:58:01", T, 0},
+      {"2026-06-15 11:58:01 UTC+02:00", T - 7200, 0},
+      {"2026-06-15 11:58:01 GMT-07:00", T + 7 * 3600, 0},
+  };
+  expectLines(std::begin(kCases), std::end(kCases));
+}
+
+// A second stamp in the message body does not outrank the one that leads
+// the line.
+TEST(DateParserShippedReview, LeadingStampBeatsOneInTheMessage) {
+  const Case kCases[] = {
+      {"<13>1 2026-06-15T11:58:01Z host app 1 - [meta time=\"2026-06-01T00:00:00Z\"] m", T, 0},
+      {"2026-06-15 11:58:01 WARN retry scheduled for 2026-06-16T00:00:00Z", T, 0},
+      {"[2026-06-15 11:58:01] request took 2026-06-15 11:00:00.123456", T, 0},
   };
   expectLines(std::begin(kCases), std::end(kCases));
 }
