@@ -117,4 +117,17 @@ TEST_F(InitDateParserReview, DiffLimitsAboveZeroReplaceTheBuiltIns) {
   EXPECT_EQ(240, parser.getGuesser().maxDiffSecsHence);
 }
 
+// A format and a zone are only ever set, never cleared, by a stanza: one
+// without them leaves what an earlier one gave. A zone no lookup knows
+// takes the override away.
+TEST_F(InitDateParserReview, FormatAndZoneStayUntilAStanzaNamesOthers) {
+  init({{"TIME_FORMAT", "%d.%m.%Y %H:%M"}, {"TZ", "Asia/Kolkata"}});
+  EXPECT_EQ(1781524680 - 19800, parse("15.06.2026 11:58"));
+  init({});
+  EXPECT_EQ(1781524680 - 19800 + 86400, parse("16.06.2026 11:58"));
+  EXPECT_TRUE(parser.getGuesser().haveOverride());
+  init({{"TZ", "Not/AZone"}});
+  EXPECT_FALSE(parser.getGuesser().haveOverride());
+}
+
 }  // namespace
