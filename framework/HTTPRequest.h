@@ -15,6 +15,7 @@
 #include "util/StrVector.h"
 
 class HTTPReply;
+class InputStreamConduit;
 class HTTPWritableGzipStream;
 class TcpPolledFd;
 
@@ -38,6 +39,9 @@ class HTTPRequest {
   const Timeval& start() const { return _text.start; }
   uint64_t responseSize() const { return _responseSize; }
   bool isCompressing() const { return _gzip != nullptr; }
+  // The streaming input of the request, null unless it streams. Borrowed.
+  InputStreamConduit* conduit() const { return _conduit; }
+  void setConduit(InputStreamConduit* conduit) { _conduit = conduit; }
 
   // The request line split on white space: "GET /a HTTP/1.1" gives three.
   void getMethodComponents(StrVector& out) const;
@@ -75,5 +79,6 @@ class HTTPRequest {
   TcpPolledFd* _fd;
   bool _compression;
   uint64_t _responseSize = 0;
+  InputStreamConduit* _conduit = nullptr;
   std::unique_ptr<HTTPWritableGzipStream> _gzip;
 };

@@ -1,5 +1,7 @@
 #include "framework/HTTPServer.h"
 
+#include <sys/socket.h>
+
 #include <set>
 
 #include "util/Logger.h"
@@ -22,9 +24,10 @@ constexpr unsigned LISTEN_BACKLOG = 128;
 // the shutdown can name what it waits for.
 class HTTPRequestHandlerThread : public Thread {
  public:
-  HTTPRequestHandlerThread(HTTPServer* server, TcpPolledFd* fd, std::unique_ptr<FdData> data)
+  HTTPRequestHandlerThread(HTTPServer* server, TcpPolledFd* fd, std::unique_ptr<FdData> data,
+                           InputStreamConduit* conduit)
       : Thread("HTTP request"), _server(server), _fd(fd), _data(std::move(data)),
-        _peer(fd->peerName()) {
+        _peer(fd->peerName()), _conduit(conduit) {
     ScopedLock hold(registryMutex());
     registry().insert(this);
   }
@@ -64,6 +67,7 @@ class HTTPRequestHandlerThread : public Thread {
   TcpPolledFd* _fd;
   std::unique_ptr<FdData> _data;
   Str _peer;
+  InputStreamConduit* _conduit;  // owned by the server's stream map
 };
 
 HTTPReply* HTTPRequestHandlerThread::makeReply(HTTPRequest& request,
@@ -127,8 +131,11 @@ void HTTPRequestHandlerThread::logAccess(const HTTPRequest& request, const HTTPR
 void HTTPRequestHandlerThread::main() {
   {
     HTTPRequest request(_data->request, _fd, _server->_config._compression);
+    request.setConduit(_conduit);
     MHttpRequestHandler* handler = nullptr;
     std::unique_ptr<HTTPReply> reply(makeReply(request, &handler));
+    // A streaming connection stayed with the loop while the handler read.
+    if (_conduit != nullptr) _fd->claimOwnership();
     if (reply != nullptr && reply->_handledResponseItself) {
       request.finish();
       logAccess(request, reply.get(), true);
@@ -147,6 +154,7 @@ void HTTPRequestHandlerThread::main() {
       }
     }
   }
+  if (_conduit != nullptr) _server->dropConduit(_fd);
   _fd->descriptor().setNonblock(false);
   TcpPolledFd::removeFdFromOutsideELoop(_fd);
   MainThread::joinAndDeleteMe(this);
@@ -361,10 +369,58 @@ void HTTPServer::fdClosing(TcpPolledFd* member) {
     }
   }
   if (handler != nullptr) handler->fdClosing(member->descriptor());
+  InputStreamConduit* conduit = findConduit(member);
+  if (conduit != nullptr) {
+    gLogger.info("Sending done key into the conduit!!");
+    conduit->sendDoneKey();
+    if (member->isOwnedByEventLoop()) member->claimOwnership();
+  }
   _reading.erase(member);
 }
 
+InputStreamConduit* HTTPServer::findConduit(TcpPolledFd* fd) {
+  auto it = _streams.find(fd);
+  return it == _streams.end() ? nullptr : it->second.get();
+}
+
+namespace {
+
+class DropConduitActor : public InThreadActor {
+ public:
+  DropConduitActor(std::map<TcpPolledFd*, std::unique_ptr<InputStreamConduit>>& streams,
+                   TcpPolledFd* fd)
+      : _streams(streams), _fd(fd) {}
+  void callback() override { _streams.erase(_fd); }
+
+ private:
+  std::map<TcpPolledFd*, std::unique_ptr<InputStreamConduit>>& _streams;
+  TcpPolledFd* _fd;
+};
+
+}  // namespace
+
+void HTTPServer::dropConduit(TcpPolledFd* fd) {
+  DropConduitActor actor(_streams, fd);
+  _loop.internal_runInThread(&actor, true);
+}
+
+void HTTPServer::setupInputStream(TcpPolledFd* fd, std::unique_ptr<FdData> data) {
+  auto conduit = std::make_unique<InputStreamConduit>(
+      fd, this, static_cast<int>(_config._streamInputWriteTimeoutSec * 1000));
+  InputStreamConduit* raw = conduit.get();
+  _streams[fd] = std::move(conduit);
+  auto* thread = new HTTPRequestHandlerThread(this, fd, std::move(data), raw);
+  thread->go();
+}
+
 void HTTPServer::rawDataReceived(TcpPolledFd* fd, const char* data, size_t n) {
+  if (InputStreamConduit* conduit = findConduit(fd)) {
+    if (conduit->isDone() || !conduit->write(data, n)) {
+      // Ends the connection: the next read sees the end of the stream.
+      ::shutdown(fd->descriptor().fd(), SHUT_RD);
+    }
+    return;
+  }
   auto it = _reading.find(fd);
   if (it == _reading.end()) {
     auto d = std::make_unique<FdData>();
@@ -381,12 +437,12 @@ void HTTPServer::rawDataReceived(TcpPolledFd* fd, const char* data, size_t n) {
         d.state == FdData::STREAMING) {
       std::unique_ptr<FdData> owned = std::move(it->second);
       _reading.erase(it);
-      if (owned->state == FdData::STREAMING) {
-        // Streaming input has no consumer here yet: refuse it plainly.
-        owned->errorStatus = 501;
-        owned->errorText = "streaming input is not available";
+      if (owned->state != FdData::STREAMING) {
+        executeThreadedRequest(fd, std::move(owned));
+        return;
       }
-      executeThreadedRequest(fd, std::move(owned));
+      setupInputStream(fd, std::move(owned));
+      if (n > 0) rawDataReceived(fd, data, n);
       return;
     }
   }
@@ -407,7 +463,7 @@ void HTTPServer::executeThreadedRequest(TcpPolledFd* fd, std::unique_ptr<FdData>
     }
   }
   fd->claimOwnership();
-  auto* thread = new HTTPRequestHandlerThread(this, fd, std::move(data));
+  auto* thread = new HTTPRequestHandlerThread(this, fd, std::move(data), nullptr);
   thread->go();
 }
 
@@ -490,4 +546,5 @@ void HTTPServer::shutdownAllFds() {
   _shuttingDownAllFds = true;
   for (auto& a : _acceptors) a->_accept.closeAllConnections();
   _reading.clear();
+  for (auto& [fd, conduit] : _streams) conduit->sendDoneKey();
 }

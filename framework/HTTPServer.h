@@ -14,6 +14,7 @@
 #include "framework/HTTPReply.h"
 #include "framework/HTTPRequest.h"
 #include "framework/HttpRequestReader.h"
+#include "framework/InputStreamConduit.h"
 #include "util/EventLoop.h"
 #include "util/Mutex.h"
 #include "util/SocketAddress.h"
@@ -137,12 +138,18 @@ class HTTPServer : public TcpRawDataFdCallback {
   class StageTimeout;
 
   void executeThreadedRequest(TcpPolledFd* fd, std::unique_ptr<FdData> data);
+  // Opens the conduit of a streaming request and starts its thread, which
+  // reads while the loop keeps feeding it. Event thread.
+  void setupInputStream(TcpPolledFd* fd, std::unique_ptr<FdData> data);
+  InputStreamConduit* findConduit(TcpPolledFd* fd);
+  void dropConduit(TcpPolledFd* fd);
 
   HTTPServerConfig _config;
   EventLoop _loop;
   std::map<TcpPolledFd*, std::unique_ptr<FdData>> _reading;  // event thread only
   full_Mutex _connectionsMutex;
   std::map<TcpPolledFd*, MHttpRequestHandler*> _connections;  // GUARDED_BY(_connectionsMutex)
+  std::map<TcpPolledFd*, std::unique_ptr<InputStreamConduit>> _streams;  // event thread only
   std::unique_ptr<SSLContext> _sslContext;
   bool _shuttingDown = false;
   bool _shuttingDownAllFds = false;
