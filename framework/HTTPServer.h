@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -151,7 +152,7 @@ class HTTPServer : public TcpRawDataFdCallback {
   std::map<TcpPolledFd*, MHttpRequestHandler*> _connections;  // GUARDED_BY(_connectionsMutex)
   std::map<TcpPolledFd*, std::unique_ptr<InputStreamConduit>> _streams;  // event thread only
   std::unique_ptr<SSLContext> _sslContext;
-  bool _shuttingDown = false;
+  std::atomic<bool> _shuttingDown{false};  // read by request threads
   bool _shuttingDownAllFds = false;
   bool _sslDone = false;
   bool _bindDone = false;

@@ -187,6 +187,37 @@ TEST_F(HTTPServerTest, CurlGetAndPost) {
   EXPECT_NE(std::string::npos, thrown.find("500 Internal Server Error")) << thrown;
 }
 
+TEST(HTTPServerPorts, Ipv6AndUnusablePortEntries) {
+  size_t fdsBefore = openFds();
+  HTTPServerConfig config;
+  HTTPServerConfig::HTTPPortEntry v6;
+  v6.family = AF_INET6;
+  v6.ip = "::1";
+  HTTPServerConfig::HTTPPortEntry bad;
+  bad.ip = "1.2.3";  // not an address: logged and left out
+  config._portList = {bad, v6};
+  EchoHandler handler;
+  config._handlers[Str("/echo")] = &handler;
+  config._shutdownPollMs = 10;
+  {
+    HTTPServer server;
+    ASSERT_TRUE(server.init(config));
+    EXPECT_EQ(0, server.boundPort(0));
+    uint16_t port = server.boundPort(1);
+    ASSERT_NE(0, port);
+    std::thread loop([&] { server.go(); });
+    std::string got = run("curl -s -g http://[::1]:" + std::to_string(port) + "/echo/six");
+    EXPECT_EQ(0u, got.find("GET /echo/six HTTP/1.1||")) << got;
+    server.handleSignal(2);
+    loop.join();
+    while (HTTPServer::liveRequestThreads() > 0) {
+      MainThread::waitForJoinRequest(ConditionWaitTimeout(0, 100000000));
+      MainThread::runPendingJoins();
+    }
+  }
+  EXPECT_EQ(fdsBefore, openFds());
+}
+
 TEST_F(HTTPServerTest, GzipWhenTheClientAcceptsIt) {
   start();
   std::string plain = run("curl -s " + url("/echo"));
