@@ -333,6 +333,17 @@ bool HTTPServer::setupAccepts() {
   return true;
 }
 
+void HTTPServer::registerStreamHandler(const Str& name, MHTTPStreamHandler* handler) {
+  ScopedLock hold(_connectionsMutex);
+  _streamHandlers[name] = handler;
+}
+
+MHTTPStreamHandler* HTTPServer::findStreamHandler(const Str& name) {
+  ScopedLock hold(_connectionsMutex);
+  auto it = _streamHandlers.find(name);
+  return it == _streamHandlers.end() ? nullptr : it->second;
+}
+
 uint16_t HTTPServer::boundPort(size_t index) const {
   return index < _boundPorts.size() ? _boundPorts[index] : 0;
 }

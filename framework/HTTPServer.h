@@ -40,6 +40,13 @@ class MHttpRequestHandler {
   virtual void fdClosing(PollableDescriptor) {}
 };
 
+// A consumer of streaming input, registered by name; what it does with a
+// stream is its own. Implementations are safe from any thread.
+class MHTTPStreamHandler {
+ public:
+  virtual ~MHTTPStreamHandler() = default;
+};
+
 class HTTPServerConfig {
  public:
   struct HTTPPortEntry {
@@ -99,6 +106,12 @@ class HTTPServer : public TcpRawDataFdCallback {
   void bindPorts();
   bool setupAccepts();
 
+  // Registers `handler` (borrowed) under `name`, replacing an earlier one.
+  // Any thread.
+  void registerStreamHandler(const Str& name, MHTTPStreamHandler* handler);
+  // The handler registered under `name`, or null. Any thread.
+  MHTTPStreamHandler* findStreamHandler(const Str& name);
+
   // The port that entry `index` was bound to, 0 when it was not.
   uint16_t boundPort(size_t index) const;
   EventLoop& loop() { return _loop; }
@@ -150,6 +163,7 @@ class HTTPServer : public TcpRawDataFdCallback {
   std::map<TcpPolledFd*, std::unique_ptr<FdData>> _reading;  // event thread only
   full_Mutex _connectionsMutex;
   std::map<TcpPolledFd*, MHttpRequestHandler*> _connections;  // GUARDED_BY(_connectionsMutex)
+  std::map<Str, MHTTPStreamHandler*> _streamHandlers;         // GUARDED_BY(_connectionsMutex)
   std::map<TcpPolledFd*, std::unique_ptr<InputStreamConduit>> _streams;  // event thread only
   std::unique_ptr<SSLContext> _sslContext;
   std::atomic<bool> _shuttingDown{false};  // read by request threads

@@ -187,6 +187,18 @@ TEST_F(HTTPServerTest, CurlGetAndPost) {
   EXPECT_NE(std::string::npos, thrown.find("500 Internal Server Error")) << thrown;
 }
 
+TEST(HTTPServerStreams, HandlersAreFoundByName) {
+  HTTPServer server;
+  MHTTPStreamHandler a, b;
+  EXPECT_EQ(nullptr, server.findStreamHandler(Str("in")));
+  server.registerStreamHandler(Str("in"), &a);
+  server.registerStreamHandler(Str("in"), &b);  // a later one replaces
+  server.registerStreamHandler(Str("other"), &a);
+  EXPECT_EQ(&b, server.findStreamHandler(Str("in")));
+  EXPECT_EQ(&a, server.findStreamHandler(Str("other")));
+  EXPECT_EQ(nullptr, server.findStreamHandler(Str("In")));
+}
+
 TEST(HTTPServerPorts, Ipv6AndUnusablePortEntries) {
   size_t fdsBefore = openFds();
   HTTPServerConfig config;
