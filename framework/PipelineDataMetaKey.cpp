@@ -23,7 +23,7 @@ uint64_t refBits(HashedStrReference ref) {
 
 HashedStrReference refFromBits(uint64_t bits) {
   HashedStrReference ref = HashedStr::EMPTY_STR;
-  std::memcpy(&ref, &bits, sizeof bits);
+  std::memcpy(static_cast<void*>(&ref), &bits, sizeof bits);
   return ref;
 }
 

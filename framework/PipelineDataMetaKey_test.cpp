@@ -1,0 +1,263 @@
+#include "framework/PipelineDataMetaKey.h"
+
+#include <random>
+
+#include <gtest/gtest.h>
+
+#include "framework/PipelineInputChannel.h"
+
+namespace {
+
+PipelineDataMetaKey parsed(const char* text) {
+  PipelineDataMetaKey meta;
+  meta.parse(text, text + std::strlen(text));
+  return meta;
+}
+
+Str printed(const PipelineDataMetaKey& meta, StrSegment raw = StrSegment()) {
+  Str out;
+  meta.appendTo(&out, raw, nullptr);
+  return out;
+}
+
+TEST(PipelineDataMetaKey, ParsesAndPrintsEachAtomKind) {
+  const struct {
+    const char* text;
+    std::vector<uint32_t> types;
+    uint32_t lastFlags;  // flags beyond the type bits on the last atom
+  } kCases[] = {
+      {"a::b c::\"d e\"", {PDMKD_STRING, PDMKD_STRING}, PDMKD_FLAG_VALUE_NEEDS_ESCAPE},
+      {"n::7", {PDMKD_UNSIGNED}, 0},
+      {"n::007", {PDMKD_STRING}, 0},  // leading zeros are text
+      {"n::0", {PDMKD_UNSIGNED}, 0},
+      {"n::18446744073709551615", {PDMKD_UNSIGNED}, 0},
+      {"n::18446744073709551616", {PDMKD_STRING}, 0},  // one past 64 bits
+      {"n::99999999999999999999", {PDMKD_STRING}, 0},
+      {"_subsecond::.120", {PDMKD_ENCODED_SUBSECONDS}, 0},
+      {"_subsecond::.000", {PDMKD_ENCODED_SUBSECONDS}, 0},
+      {"_subsecond::.abc", {PDMKD_STRING}, 0},
+      {"_subsecond::.", {PDMKD_STRING}, 0},
+      {"other::.120", {PDMKD_STRING}, 0},  // only _subsecond is encoded
+      {"flag", {PDMKD_MISSING}, 0},
+      {"x::\"unterminated", {PDMKD_STRING}, PDMKD_FLAG_ENDED_UNQUOTED},
+      {"x::\"12", {PDMKD_UNSIGNED}, PDMKD_FLAG_ENDED_UNQUOTED},
+      {"\"open key", {PDMKD_MISSING},
+       PDMKD_FLAG_ENDED_UNQUOTED | PDMKD_FLAG_KEY_NEEDS_ESCAPE},
+      {"\"k 1\"::v", {PDMKD_STRING}, PDMKD_FLAG_KEY_NEEDS_ESCAPE},
+      {"Host::Web01", {PDMKD_STRING}, PDMKD_FLAG_KEY_HAS_CAPITAL | PDMKD_FLAG_VALUE_HAS_CAPITAL},
+      {"q::\"a\\\"b\\\\c\"", {PDMKD_STRING}, PDMKD_FLAG_VALUE_NEEDS_ESCAPE},
+      {"e::", {PDMKD_STRING}, 0},
+      {"::v", {PDMKD_STRING}, 0},
+      {"a::b c d::1", {PDMKD_STRING, PDMKD_MISSING, PDMKD_UNSIGNED}, 0},
+      {"date_month::january", {PDMKD_STRING}, 0},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.text);
+    PipelineDataMetaKey meta = parsed(c.text);
+    ASSERT_EQ(meta.atoms().size(), c.types.size());
+    for (size_t i = 0; i < c.types.size(); i++) EXPECT_EQ(meta.atoms()[i].valueType(), c.types[i]);
+    EXPECT_EQ(meta.atoms().back().flags() & ~PDMKD_FLAG_TYPEBITS, c.lastFlags);
+    EXPECT_EQ(printed(meta), c.text);
+  }
+}
+
+TEST(PipelineDataMetaKey, NormalisesTextThatParsesToTheSameAtoms) {
+  const struct { const char* text; const char* printed; } kCases[] = {
+      {"  a::b   c::d  ", "a::b c::d"},
+      {"a::\"b\"", "a::b"},           // quotes that protect nothing go
+      {"\"", ""},                     // a lone quote yields nothing
+      {"a\\x::y", "\"a\\\\x\"::y"},   // a kept backslash needs quoting
+      {"k::a\\ b", "k::\"a\\\\\" b"},  // an escaped space still ends the atom
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.text);
+    PipelineDataMetaKey meta = parsed(c.text);
+    Str once = printed(meta);
+    EXPECT_EQ(once, c.printed);
+    // Whatever the input, printing is a fixed point of parse-then-print.
+    EXPECT_EQ(printed(parsed(once.c_str())), once);
+  }
+}
+
+TEST(PipelineDataMetaKey, NumbersAndSubsecondsKeepTheirValues) {
+  EXPECT_EQ(parsed("n::7").atoms()[0].valueAsUnsigned(), 7u);
+  EXPECT_EQ(parsed("n::18446744073709551615").atoms()[0].valueAsUnsigned(), UINT64_MAX);
+  PipelineDataMetaKey meta = parsed("_subsecond::.0015");
+  EXPECT_EQ(meta.atoms()[0].valueAsUnsigned(), 124u);
+  EXPECT_EQ(meta.encodedSubseconds(), 124u);
+  EXPECT_EQ(parsed("n::007").atoms()[0].valueAsString(), "007");
+}
+
+TEST(PipelineDataMetaKey, EncodesSubsecondsBothWays) {
+  const struct { const char* text; uint64_t code; } kCases[] = {
+      {".0015", 124}, {".000", 8}, {".0", 2}, {".120", 241}, {".5", 11}, {".1", 3},
+      {".000000001", 3u << 8},
+      {".9223372036854775807", UINT64_MAX},  // largest v with no zeros
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.text);
+    uint64_t code = 0;
+    ASSERT_TRUE(PipelineDataMetaKey::encodeSubseconds(c.text, c.text + std::strlen(c.text), &code));
+    EXPECT_EQ(code, c.code);
+    Str back;
+    PipelineDataMetaKey::decodeSubseconds(code, &back);
+    EXPECT_EQ(back, c.text);
+  }
+  const char* kRejects[] = {
+      ".", "", "5", ".1a", ".9223372036854775808",  // v at 2^63
+      ".04611686018427387904",                       // fits alone, not once shifted
+      ".0000000000000000000000000000000000000000000000000000000000000000",  // 64 zeros
+      ".123456789012345678901"};
+  for (const char* text : kRejects) {
+    SCOPED_TRACE(text);
+    uint64_t code = 77;
+    EXPECT_FALSE(PipelineDataMetaKey::encodeSubseconds(text, text + std::strlen(text), &code));
+  }
+}
+
+TEST(PipelineDataMetaKey, RoundTripsRandomAtomLists) {
+  std::mt19937 rng(20261123);
+  const char alphabet[] = "abcXYZ019 \"\\._-";
+  auto word = [&](size_t maxLen, bool allowEmpty) {
+    Str s;
+    size_t len = rng() % (maxLen + 1);
+    if (!allowEmpty && len == 0) len = 1;
+    for (size_t i = 0; i < len; i++) s.push_back(alphabet[rng() % (sizeof alphabet - 1)]);
+    return s;
+  };
+  for (int round = 0; round < 2000; round++) {
+    PipelineDataMetaKey meta;
+    size_t n = rng() % 6;
+    for (size_t i = 0; i < n; i++) {
+      Str key = word(6, false);
+      switch (rng() % 4) {
+        case 0: meta.addUnsigned(key, (uint64_t{rng()} << 32) | rng()); break;
+        case 1: meta.addString(key, word(8, true)); break;
+        case 2: meta.addMissing(key); break;
+        default: meta.appendEncodedSubseconds((rng() % 1000) * 2 + 3); break;
+      }
+    }
+    Str text = printed(meta);
+    SCOPED_TRACE(text);
+    PipelineDataMetaKey back = parsed(text.c_str());
+    ASSERT_EQ(back.atoms().size(), meta.atoms().size());
+    for (size_t i = 0; i < n; i++) {
+      const auto& a = meta.atoms()[i];
+      const auto& b = back.atoms()[i];
+      EXPECT_EQ(Str(a.key(nullptr)), Str(b.key(nullptr)));
+      // A string of digits comes back as the number it spells.
+      if (a.valueType() == PDMKD_STRING && b.valueType() != PDMKD_STRING) continue;
+      EXPECT_EQ(a.valueType(), b.valueType());
+    }
+    EXPECT_EQ(printed(back), text);
+  }
+}
+
+TEST(PipelineDataMetaKey, PrintsRawReferencesAndPunctFromRaw) {
+  const Str raw = "Nov 23 12:00:01 host \"q\" 4242 say \"\"hi\"\"";
+  PipelineDataMetaKey meta;
+  meta.appendRawOffsetLen("mon", raw, 0, 3);
+  meta.appendRawOffsetLen("num", raw, 25, 4);  // digits: stored as a number
+  meta.appendRawOffsetLen("q", raw, 21, 3);
+  meta.appendRawOffsetLen("dq", raw, 34, 6, PDMKD_RAW_OFFSETLEN_REPEAT_DBLQUOTE);
+  meta.appendRawOffsetLen("empty", raw, 5, 0);
+  meta.appendPunct();
+  EXPECT_EQ(meta.atoms()[1].valueType(), PDMKD_UNSIGNED);
+  EXPECT_EQ(meta.vflags(), PipelineDataMetaKey::VFLAG_HAS_RAW_REFERENCES |
+                               PipelineDataMetaKey::VFLAG_HAS_PUNCT);
+  const char* expected =
+      "mon::Nov num::4242 q::\"\\\"q\\\"\" dq::\"\\\"hi\\\"\" empty:: "
+      "punct::__::__\\\"\\\"___\\\"\\\"\\\"\\\"";
+  EXPECT_EQ(printed(meta, raw), expected);
+  Str asString = printed(parsed(expected));
+
+  // Once raw goes away the atoms print the same without it.
+  meta._rawHasChanged(raw);
+  EXPECT_EQ(meta.vflags(), 0u);
+  EXPECT_EQ(printed(meta, "unrelated"), asString);
+  for (const auto& atom : meta.atoms()) EXPECT_GT(atom.valueType(), PDMKD_RAW_OFFSETLEN_URLESCAPING);
+}
+
+TEST(PipelineDataMetaKey, PunctStopsAfterFiftyAndSpellsWhitespace) {
+  Str out;
+  PipelineDataMetaKeyAtom::buildPunct(&out, "a b\tc\rd");
+  EXPECT_EQ(out, "_t\\r");
+  out.clear();
+  PipelineDataMetaKeyAtom::buildPunct(&out, Str(80, '\r'));
+  EXPECT_EQ(out.size(), 100u);  // the most a summary can take
+}
+
+TEST(PipelineDataMetaKey, FindsTimeLocationInCharacters) {
+  const struct {
+    const char* raw; uint64_t start, end; bool ok; unsigned long cstart, clen;
+  } kCases[] = {
+      {"abcdef", 1, 4, true, 1, 3},
+      {"\xC3\xA9t\xC3\xA9 12:00", 6, 11, true, 4, 5},  // two 2-byte characters first
+      {"abcdef", 1, 6, true, 1, 5},                    // end at the end of raw
+      {"abcdef", 4, 4, false, 0, 0},                   // end must pass start
+      {"abcdef", 1, 7, false, 0, 0},                   // past raw
+      {"\xC3\xA9xyz", 1, 3, false, 0, 0},              // start inside a character
+      {"\x80xyz", 1, 3, false, 0, 0},                  // not a lead byte
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.raw);
+    PipelineDataMetaKey meta;
+    meta.addTimeStartEndPos(c.start, c.end);
+    unsigned long start = 99, length = 99;
+    EXPECT_EQ(meta.getTimeLocation(&start, &length, c.raw), c.ok);
+    if (c.ok) {
+      EXPECT_EQ(start, c.cstart);
+      EXPECT_EQ(length, c.clen);
+    }
+  }
+  PipelineDataMetaKey onlyStart = parsed("timestartpos::1");
+  unsigned long s, l;
+  EXPECT_FALSE(onlyStart.getTimeLocation(&s, &l, "abc"));
+}
+
+TEST(PipelineDataMetaKey, RemovesIndexTimeAndReportsAbsence) {
+  PipelineDataMetaKey meta = parsed("a::1 _indextime::1700000000 b::2");
+  Str found;
+  EXPECT_TRUE(meta.removeIndexTime("", &found));
+  EXPECT_EQ(found, "_indextime::1700000000");
+  EXPECT_EQ(printed(meta), "a::1 b::2");
+  EXPECT_FALSE(meta.removeIndexTime("", &found));
+}
+
+TEST(PipelineDataMetaKey, CopiesOwnTheirStrings) {
+  auto* original = new PipelineDataMetaKey(parsed("k::pooled \"s p\"::x date_month::march"));
+  PipelineDataMetaKey copy(*original);
+  Str before = printed(*original);
+  delete original;  // frees the original pool; the copy must not read it
+  EXPECT_EQ(printed(copy), before);
+  PipelineDataMetaKey assigned;
+  assigned = copy;
+  EXPECT_EQ(printed(assigned), before);
+}
+
+TEST(PipelineDataMetaKey, NumberedKeysPrintFromTheChannelUntilItChanges) {
+  PipelineInputChannelSetHolder holder;
+  {
+    PipelineInputChannelReference chan(StrSegment("s|h|st|c"), holder.get(), false);
+    size_t n = chan->addNumberedField("Field One");
+    const Str raw = "value here";
+    PipelineDataMetaKey meta;
+    meta.appendRawOffsetLen(static_cast<uint32_t>(n), chan.get(), raw, 0, 5);
+    EXPECT_TRUE(meta.vflags() & PipelineDataMetaKey::VFLAG_USES_KEYS_IN_CHANNEL);
+    Str out;
+    meta.appendTo(&out, raw, chan.get());
+    EXPECT_EQ(out, "\"Field One\"::value");
+    meta._channelIsAboutToChange(chan.get());
+    EXPECT_FALSE(meta.vflags() & PipelineDataMetaKey::VFLAG_USES_KEYS_IN_CHANNEL);
+    EXPECT_EQ(printed(meta, raw), out);
+  }
+}
+
+TEST(PipelineDataMetaKeyDeathTest, EndingInQuoteRequiresTheFlag) {
+  PipelineDataMetaKey meta = parsed("x::y");
+  Str out;
+  EXPECT_DEATH(meta.atoms()[0].appendToEndingInQuote(&out, "", nullptr),
+               "\\(_blk.flags & PDMKD_FLAG_ENDED_UNQUOTED\\) != 0");
+}
+
+}  // namespace
