@@ -40,8 +40,8 @@ void appendNumber(Str* out, uint64_t value, int minDigits) {
 
 bool PipelineDataStreamId::parse(const char* begin, const char* end) {
   if (end - begin < FIRST_DIGITS) return false;
-  if (!readNumber(&begin, begin + FIRST_DIGITS, &first)) return false;
-  if (begin != end && *begin == '.') return false;  // a "." among the first 11
+  const char* firstEnd = begin + FIRST_DIGITS;
+  if (!readNumber(&begin, firstEnd, &first) || begin != firstEnd) return false;
   if (!readNumber(&begin, end, &second)) return false;
   third = 0;
   if (begin == end) return true;

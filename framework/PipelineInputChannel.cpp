@@ -288,6 +288,15 @@ void PipelineInputChannel::_resetForReuse() {
 PipelineInputChannelSet::PipelineInputChannelSet(bool isGlobal) : _isGlobal(isGlobal) {}
 
 PipelineInputChannelSet::~PipelineInputChannelSet() {
+  // Idle channels die with their set; referenced ones may not outlive it.
+  while (_inactive_channels.isLinked()) {
+    PipelineInputChannel* chan = static_cast<PipelineInputChannel*>(_inactive_channels._next);
+    kassert(chan->_refcnt == 0);
+    chan->unlink();
+    _num_inactive_channels--;
+    _eraseFromMap(chan);
+    delete chan;
+  }
   kassert(!_active_channels.isLinked());
   kassert(!_inactive_channels.isLinked());
   kassert(_channel_by_name.empty());

@@ -222,8 +222,10 @@ struct PipelineInputChannelSetMetrics {
 // `_mutex`.
 class PipelineInputChannelSet {
  public:
+  // `isGlobal` gives a set that behaves as global_channel_set: channels
+  // start out not abandoned, and abandon() is refused.
   explicit PipelineInputChannelSet(bool isGlobal = false);
-  // REQUIRES: "_active_channels.empty()", "_inactive_channels.empty()",
+  // Deletes the inactive channels, then REQUIRES: "_active_channels.empty()", "_inactive_channels.empty()",
   // "_channel_by_name.empty()", "_num_inactive_channels == 0".
   ~PipelineInputChannelSet();
   PipelineInputChannelSet(const PipelineInputChannelSet&) = delete;
