@@ -47,6 +47,11 @@ uint32_t scanFlags(const char* bytes, size_t length, uint32_t capital, uint32_t 
   return flags;
 }
 
+bool keyHasSeparator(StrSegment key) {
+  const char* colon = static_cast<const char*>(std::memchr(key.data(), ':', key.size()));
+  return colon != nullptr && (key.endswith(':') || key.find("::") != StrSegment::npos);
+}
+
 void appendQuoted(Str* out, const char* bytes, size_t length) {
   out->push_back('"');
   for (size_t i = 0; i < length; i++) {
@@ -212,8 +217,12 @@ void PipelineDataMetaKeyAtom::appendTo(Str* out, StrSegment raw,
   StrSegment k = key(channel);
   uint32_t keyFlags = _blk.flags;
   if (keyIsNumber()) keyFlags = channel->numberedFieldFlags()[keyNumber()];
-  appendMaybeQuoted(out, k.data(), k.size(), (keyFlags & PDMKD_FLAG_KEY_NEEDS_ESCAPE) != 0);
   uint32_t type = valueType();
+  // An empty key alone would print as nothing and vanish on the way back; a
+  // key with "::" or a final ":" would be cut short there.
+  bool quoteKey = (keyFlags & PDMKD_FLAG_KEY_NEEDS_ESCAPE) != 0 ||
+                  (k.empty() && type == PDMKD_MISSING) || keyHasSeparator(k);
+  appendMaybeQuoted(out, k.data(), k.size(), quoteKey);
   if (type == PDMKD_MISSING) return;
   out->append("::");
   switch (type) {
@@ -490,6 +499,8 @@ void PipelineDataMetaKey::parse(const char* begin, const char* end) {
     }
     if (quoted) flags |= PDMKD_FLAG_ENDED_UNQUOTED;
     if (!inValue) {
+      // Like a lone opening quote, an open quote around nothing is nothing.
+      if (buf.empty() && quoted) break;
       atom._setKey(alloc_hashed_str(buf.data(), buf.size()));
       atom._blk.flags = flags | PDMKD_MISSING;
       _atoms.push_back(atom);

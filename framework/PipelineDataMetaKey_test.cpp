@@ -50,6 +50,9 @@ TEST(PipelineDataMetaKey, ParsesAndPrintsEachAtomKind) {
       {"::v", {PDMKD_STRING}, 0},
       {"a::b c d::1", {PDMKD_STRING, PDMKD_MISSING, PDMKD_UNSIGNED}, 0},
       {"date_month::january", {PDMKD_STRING}, 0},
+      {"\"\"", {PDMKD_MISSING}, 0},               // an empty key alone stays quoted
+      {"\"a:\"::v", {PDMKD_STRING}, 0},            // a final ":" would join the "::"
+      {"\"a::b\"::v", {PDMKD_STRING}, 0},          // "::" inside quotes is key text
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.text);
@@ -66,6 +69,7 @@ TEST(PipelineDataMetaKey, NormalisesTextThatParsesToTheSameAtoms) {
       {"  a::b   c::d  ", "a::b c::d"},
       {"a::\"b\"", "a::b"},           // quotes that protect nothing go
       {"\"", ""},                     // a lone quote yields nothing
+      {"\"\"\"", ""},                 // and so does an open quote around nothing
       {"a\\x::y", "\"a\\\\x\"::y"},   // a kept backslash needs quoting
       {"k::a\\ b", "k::\"a\\\\\" b"},  // an escaped space still ends the atom
   };
