@@ -6,7 +6,9 @@
 
 #include "framework/PipelineInputChannel.h"
 #include "util/Assert.h"
+#include "util/ExtraTimevalParseInfo.h"
 #include "util/StrMem.h"
+#include "util/Timeval.h"
 
 static_assert(std::is_trivially_copyable_v<HashedStrReference> &&
               sizeof(HashedStrReference) == sizeof(uint64_t));
@@ -387,6 +389,35 @@ void PipelineDataMetaKey::appendRawOffsetLen(uint32_t keyNumber,
   atom._blk.flags = (atom._blk.flags & ~(PDMKD_FLAG_KEY_HAS_CAPITAL | PDMKD_FLAG_KEY_NEEDS_ESCAPE)) |
                     PDMKD_FLAG_KEY_IS_NUMBER;
   _vflags |= VFLAG_USES_KEYS_IN_CHANNEL;
+}
+
+void PipelineDataMetaKey::addMetaTimeInfo(const Timeval* time, const ExtraTimevalParseInfo* info) {
+  const int level = info->subsecDigits;
+  if (level < -2) return;
+  if (level > 0) {
+    appendEncodedSubseconds(time->encodedSubseconds(static_cast<unsigned long>(std::min(level, 9))));
+  }
+  if (level >= 0) addUnsigned("date_second", static_cast<uint64_t>(info->second));
+  if (level >= -1) {
+    addUnsigned("date_hour", static_cast<uint64_t>(info->hour));
+    addUnsigned("date_minute", static_cast<uint64_t>(info->minute));
+  }
+  const PredefinedTable& table = predefined();
+  auto index = [](int32_t value, int32_t invalid) {
+    return value < 0 || value > invalid ? invalid : value;
+  };
+  addString("date_year", std::to_string(info->year));
+  const HashedStr* month = table.months[index(info->month, 12)];
+  addString("date_month", StrSegment(month->data(), month->length()));
+  addUnsigned("date_mday", static_cast<uint64_t>(info->mday));
+  const HashedStr* wday = table.weekdays[index(info->wday, 7)];
+  addString("date_wday", StrSegment(wday->data(), wday->length()));
+  if (!info->timezoneKnown) {
+    addString("date_zone", "local");
+  } else {
+    // Negative whole hours to -11 are predefined; the others cost a string.
+    addString("date_zone", std::to_string(info->tzOffset / 60));
+  }
 }
 
 void PipelineDataMetaKey::addTimeStartEndPos(uint64_t start, uint64_t end) {

@@ -13,6 +13,8 @@
 #include "util/StrSegment.h"
 
 class PipelineInputChannel;
+class Timeval;
+struct ExtraTimevalParseInfo;
 
 // The value types, in the low four bits of an atom's flags.
 enum PipelineDataMetaKeyAtomType_t : uint32_t {
@@ -137,6 +139,14 @@ class PipelineDataMetaKey {
                           uint32_t type = PDMKD_RAW_OFFSETLEN);
   void appendRawOffsetLen(uint32_t keyNumber, const PipelineInputChannel* channel, StrSegment raw,
                           size_t offset, size_t length);
+  // The date atoms of a parsed time, by info->subsecDigits: below -2
+  // nothing; above 0 "_subsecond" (at most 9 digits); from 0 "date_second";
+  // from -1 "date_hour" and "date_minute"; then always "date_year",
+  // "date_month" (a name; above 11 "invalid"), "date_mday", "date_wday" (a
+  // name; above 6 "invalid") and "date_zone": "local" when the zone was
+  // not known, else the offset in minutes ("-480" is a string, "60" a
+  // number).
+  void addMetaTimeInfo(const Timeval* time, const ExtraTimevalParseInfo* info);
   void addTimeStartEndPos(uint64_t start, uint64_t end);
   void appendPunct();
   void appendEncodedSubseconds(uint64_t value);

@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include "framework/PipelineInputChannel.h"
+#include "util/ExtraTimevalParseInfo.h"
+#include "util/Timeval.h"
 
 namespace {
 
@@ -217,6 +219,56 @@ TEST(PipelineDataMetaKey, FindsTimeLocationInCharacters) {
   PipelineDataMetaKey onlyStart = parsed("timestartpos::1");
   unsigned long s, l;
   EXPECT_FALSE(onlyStart.getTimeLocation(&s, &l, "abc"));
+}
+
+TEST(PipelineDataMetaKey, AddsDateAtomsByPrecision) {
+  const struct {
+    int level; bool known; int64_t offset; int month, wday; const char* text;
+  } kCases[] = {
+      {-3, true, 0, 10, 1, ""},  // the clock's own time: nothing
+      {-2, false, 0, 10, 1,
+       "date_year::2026 date_month::november date_mday::23 date_wday::monday date_zone::local"},
+      {-1, true, -8 * 3600, 0, 0,
+       "date_hour::12 date_minute::34 date_year::2026 date_month::january date_mday::23 "
+       "date_wday::sunday date_zone::-480"},
+      {0, true, 19800, 11, 6,
+       "date_second::56 date_hour::12 date_minute::34 date_year::2026 date_month::december "
+       "date_mday::23 date_wday::saturday date_zone::330"},
+      {3, true, -5400, 13, 9,  // out-of-range month and weekday read "invalid"
+       "_subsecond::.123 date_second::56 date_hour::12 date_minute::34 date_year::2026 "
+       "date_month::invalid date_mday::23 date_wday::invalid date_zone::-90"},
+      {12, true, 0, 1, 2,  // at most nine digits
+       "_subsecond::.123456000 date_second::56 date_hour::12 date_minute::34 date_year::2026 "
+       "date_month::february date_mday::23 date_wday::tuesday date_zone::0"},
+  };
+  const Timeval time(1764000000, 123456);
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.level);
+    ExtraTimevalParseInfo info;
+    info.subsecDigits = c.level;
+    info.timezoneKnown = c.known;
+    info.tzOffset = c.offset;
+    info.year = 2026;
+    info.month = c.month;
+    info.mday = 23;
+    info.wday = c.wday;
+    info.hour = 12;
+    info.minute = 34;
+    info.second = 56;
+    PipelineDataMetaKey meta;
+    meta.addMetaTimeInfo(&time, &info);
+    EXPECT_EQ(printed(meta), c.text);
+    for (const auto& atom : meta.atoms()) {
+      // Names and whole negative hours are shared, never pooled.
+      if (atom.valueType() == PDMKD_STRING && atom.keyRef() != "date_year" &&
+          !(atom.keyRef() == "date_zone" && atom.valueAsString() == "-90")) {
+        EXPECT_TRUE(atom.valueAsString().isPermanent()) << atom.valueAsString().c_str();
+      }
+    }
+    if (c.level > 0) {
+      EXPECT_EQ(meta.encodedSubseconds(), time.encodedSubseconds(std::min(c.level, 9)));
+    }
+  }
 }
 
 TEST(PipelineDataMetaKey, RemovesIndexTimeAndReportsAbsence) {
