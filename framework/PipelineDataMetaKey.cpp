@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <strings.h>
 #include <type_traits>
 
 #include "framework/PipelineInputChannel.h"
@@ -9,6 +10,7 @@
 #include "util/ExtraTimevalParseInfo.h"
 #include "util/StrMem.h"
 #include "util/Timeval.h"
+#include "util/Utf8.h"
 
 static_assert(std::is_trivially_copyable_v<HashedStrReference> &&
               sizeof(HashedStrReference) == sizeof(uint64_t));
@@ -47,6 +49,107 @@ uint32_t scanFlags(const char* bytes, size_t length, uint32_t capital, uint32_t 
     if (needsEscape(bytes[i])) flags |= escape;
   }
   return flags;
+}
+
+int hexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+void appendCodepoint(Str* out, uint32_t codepoint) {
+  if (codepoint < 0x80) {
+    out->push_back(static_cast<char>(codepoint));
+    return;
+  }
+  utf8_character_buffer buf;
+  buf._set(codepoint);
+  out->append(buf.data(), buf.size());
+}
+
+// One "%HH" at p, or -1.
+int urlByte(const char* p, const char* end) {
+  if (end - p < 3 || *p != '%') return -1;
+  int hi = hexValue(p[1]), lo = hexValue(p[2]);
+  return hi < 0 || lo < 0 ? -1 : hi * 16 + lo;
+}
+
+// "+" is a space; "%HH" runs that make one whole UTF-8 character are that
+// character; anything else, a bad or partial escape included, stays text.
+void interpret_urlescaper(Str* out, const char* p, const char* end) {
+  while (p != end) {
+    if (*p == '+') {
+      out->push_back(' ');
+      p++;
+      continue;
+    }
+    int lead = urlByte(p, end);
+    if (lead < 0) {
+      out->push_back(*p++);
+      continue;
+    }
+    size_t need = lead < 0x80 ? 1 : lead >= 0xC2 && lead <= 0xF4 ? utf8_char_len(lead) : 0;
+    char bytes[4];
+    size_t got = 0;
+    for (const char* q = p; got < need; q += 3) {
+      int b = urlByte(q, end);
+      if (b < 0 || (got > 0 && (b & 0xC0) != 0x80)) break;
+      bytes[got++] = static_cast<char>(b);
+    }
+    if (need == 0 || got < need || !mem_is_valid_utf8(bytes, got)) {
+      out->push_back(*p++);  // the "%" stands; its digits follow as text
+      continue;
+    }
+    out->append(bytes, got);
+    p += 3 * got;
+  }
+}
+
+// "&#NNN;", "&#xHH;" (to 0x10FFFF) and the five names in any case, at most
+// five name characters; any other "&" stays text.
+void interpret_xmlescaper(Str* out, const char* p, const char* end) {
+  static const struct { const char* name; char c; } NAMES[] = {
+      {"lt", '<'}, {"gt", '>'}, {"amp", '&'}, {"quot", '"'}, {"apos", '\''}};
+  while (p != end) {
+    if (*p != '&') {
+      out->push_back(*p++);
+      continue;
+    }
+    const char* semi = static_cast<const char*>(std::memchr(p, ';', std::min<size_t>(end - p, 12)));
+    bool done = false;
+    if (semi != nullptr && semi - p >= 2) {
+      const char* body = p + 1;
+      size_t len = static_cast<size_t>(semi - body);
+      if (body[0] == '#') {
+        bool hex = len > 1 && (body[1] == 'x' || body[1] == 'X');
+        const char* d = body + (hex ? 2 : 1);
+        uint64_t v = 0;
+        bool ok = d != semi;
+        for (; d != semi && ok; d++) {
+          int digit = hex ? hexValue(*d) : (isDigit(*d) ? *d - '0' : -1);
+          ok = digit >= 0 && (v = v * (hex ? 16 : 10) + static_cast<uint64_t>(digit)) <= 0x10FFFF;
+        }
+        if (ok) {
+          appendCodepoint(out, static_cast<uint32_t>(v));
+          done = true;
+        }
+      } else if (len <= 5) {
+        for (const auto& n : NAMES) {
+          if (std::strlen(n.name) == len && strncasecmp(n.name, body, len) == 0) {
+            out->push_back(n.c);
+            done = true;
+            break;
+          }
+        }
+      }
+    }
+    if (done) {
+      p = semi + 1;
+    } else {
+      out->push_back(*p++);
+    }
+  }
 }
 
 bool keyHasSeparator(StrSegment key) {
@@ -210,6 +313,14 @@ void PipelineDataMetaKeyAtom::appendRawOffsetValueTo(Str* out, uint32_t type, co
     }
     return;
   }
+  if (type == PDMKD_RAW_OFFSETLEN_URLESCAPING) {
+    interpret_urlescaper(out, bytes, bytes + length);
+    return;
+  }
+  if (type == PDMKD_RAW_OFFSETLEN_XMLESCAPING) {
+    interpret_xmlescaper(out, bytes, bytes + length);
+    return;
+  }
   kassert(type == PDMKD_RAW_OFFSETLEN);
   out->append(bytes, length);
 }
@@ -364,7 +475,8 @@ void PipelineDataMetaKey::addMissing(StrSegment key) { _add(key); }
 
 void PipelineDataMetaKey::appendRawOffsetLen(StrSegment key, StrSegment raw, size_t offset,
                                              size_t length, uint32_t type) {
-  kassert(type <= PDMKD_RAW_OFFSETLEN_REPEAT_SNGLQUOTE);
+  kassert(type <= PDMKD_RAW_OFFSETLEN_REPEAT_SNGLQUOTE || type == PDMKD_RAW_OFFSETLEN_URLESCAPING ||
+          type == PDMKD_RAW_OFFSETLEN_XMLESCAPING);
   kassert(offset + length <= raw.size() && offset <= 0xFFFFFFFFu && length <= 0xFFFFFFFFu);
   PipelineDataMetaKeyAtom& atom = _add(key);
   const char* bytes = raw.data() + offset;
@@ -374,6 +486,13 @@ void PipelineDataMetaKey::appendRawOffsetLen(StrSegment key, StrSegment raw, siz
   atom._blk.flags |=
       scanFlags(bytes, length, PDMKD_FLAG_VALUE_HAS_CAPITAL, PDMKD_FLAG_VALUE_NEEDS_ESCAPE);
   if (length == 0) offset = 0;
+  // Escaped forms cost an unescape at print time only where an escape is.
+  const char* trigger = type == PDMKD_RAW_OFFSETLEN_URLESCAPING ? "+%"
+                        : type == PDMKD_RAW_OFFSETLEN_XMLESCAPING ? "&"
+                                                                  : nullptr;
+  if (trigger != nullptr && StrSegment(bytes, length).find_first_of(trigger) == StrSegment::npos) {
+    type = PDMKD_RAW_OFFSETLEN;
+  }
   atom._value = (static_cast<uint64_t>(offset) << 32) | length;
   atom._blk.flags = (atom._blk.flags & ~PDMKD_FLAG_TYPEBITS) | type;
   _vflags |= VFLAG_HAS_RAW_REFERENCES;

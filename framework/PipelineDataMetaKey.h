@@ -82,7 +82,9 @@ class PipelineDataMetaKeyAtom {
   // The punctuation summary of `raw`: class bytes only, at most 50 kept,
   // space as "_", tab as "t", carriage return as "\r".
   static void buildPunct(Str* out, StrSegment raw);
-  // Appends the text the raw bytes stand for under `type` (0 to 2).
+  // Appends the text the raw bytes stand for under `type`: 0 as is, 1 and 2
+  // with doubled quotes single, 4 with XML character references and the
+  // five entities read, 6 with "+" and "%HH" read. A bad escape is text.
   static void appendRawOffsetValueTo(Str* out, uint32_t type, const char* bytes, size_t length);
 
  private:
@@ -134,7 +136,8 @@ class PipelineDataMetaKey {
   void addString(StrSegment key, StrSegment value);
   void addMissing(StrSegment key);
   // A value at [offset, offset + length) of raw, unescaped as `type` says
-  // when printed; digits alone become a number.
+  // when printed (0, 1, 2, 4 or 6; 4 and 6 fall back to 0 when the bytes
+  // hold no "&", or no "+" or "%"); digits alone become a number.
   void appendRawOffsetLen(StrSegment key, StrSegment raw, size_t offset, size_t length,
                           uint32_t type = PDMKD_RAW_OFFSETLEN);
   void appendRawOffsetLen(uint32_t keyNumber, const PipelineInputChannel* channel, StrSegment raw,

@@ -184,6 +184,31 @@ TEST(PipelineDataMetaKey, PrintsRawReferencesAndPunctFromRaw) {
   for (const auto& atom : meta.atoms()) EXPECT_GT(atom.valueType(), PDMKD_RAW_OFFSETLEN_URLESCAPING);
 }
 
+TEST(PipelineDataMetaKey, UnescapesUrlAndXmlValuesWhenPrinted) {
+  const struct { uint32_t type; const char* raw; const char* printed; uint32_t stored; } kCases[] = {
+      {PDMKD_RAW_OFFSETLEN_URLESCAPING, "a+b%2Fc", "v::\"a b/c\"", PDMKD_RAW_OFFSETLEN_URLESCAPING},
+      {PDMKD_RAW_OFFSETLEN_URLESCAPING, "caf%C3%A9", "v::caf\xC3\xA9", PDMKD_RAW_OFFSETLEN_URLESCAPING},
+      {PDMKD_RAW_OFFSETLEN_URLESCAPING, "%C3x", "v::%C3x", PDMKD_RAW_OFFSETLEN_URLESCAPING},  // partial
+      {PDMKD_RAW_OFFSETLEN_URLESCAPING, "%zz%4", "v::%zz%4", PDMKD_RAW_OFFSETLEN_URLESCAPING},
+      {PDMKD_RAW_OFFSETLEN_URLESCAPING, "plain", "v::plain", PDMKD_RAW_OFFSETLEN},  // nothing to undo
+      {PDMKD_RAW_OFFSETLEN_XMLESCAPING, "&LT;b&gt;&#65;&#x263a;", "v::<b>A\xE2\x98\xBA",
+       PDMKD_RAW_OFFSETLEN_XMLESCAPING},
+      {PDMKD_RAW_OFFSETLEN_XMLESCAPING, "&quot;&bogus;&#x110000;&", "v::\"\\\"&bogus;&#x110000;&\"",
+       PDMKD_RAW_OFFSETLEN_XMLESCAPING},
+      {PDMKD_RAW_OFFSETLEN_REPEAT_SNGLQUOTE, "it''s", "v::it's", PDMKD_RAW_OFFSETLEN_REPEAT_SNGLQUOTE},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.raw);
+    const Str raw = c.raw;
+    PipelineDataMetaKey meta;
+    meta.appendRawOffsetLen("v", raw, 0, raw.size(), c.type);
+    EXPECT_EQ(meta.atoms()[0].valueType(), c.stored);
+    EXPECT_EQ(printed(meta, raw), c.printed);
+    meta._rawHasChanged(raw);  // the string form prints the same
+    EXPECT_EQ(printed(meta, ""), c.printed);
+  }
+}
+
 TEST(PipelineDataMetaKey, PunctStopsAfterFiftyAndSpellsWhitespace) {
   Str out;
   PipelineDataMetaKeyAtom::buildPunct(&out, "a b\tc\rd");
