@@ -1,6 +1,7 @@
 #include "framework/PipelineDataMetaKey.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <strings.h>
 #include <type_traits>
@@ -152,6 +153,137 @@ void interpret_xmlescaper(Str* out, const char* p, const char* end) {
   }
 }
 
+// Reads up to `maxDigits` digits of `base` at p; false when none is there.
+bool readDigits(const char*& p, const char* end, int base, size_t maxDigits, uint64_t* value) {
+  uint64_t v = 0;
+  size_t n = 0;
+  for (; p != end && n < maxDigits; p++, n++) {
+    int d = hexValue(*p);
+    if (d < 0 || d >= base) break;
+    v = v * static_cast<uint64_t>(base) + static_cast<uint64_t>(d);
+  }
+  *value = v;
+  return n != 0;
+}
+
+// Exactly `count` hexadecimal digits at p, to at most 0x10FFFF.
+bool readHexExactly(const char*& p, const char* end, size_t count, uint32_t* codepoint) {
+  if (static_cast<size_t>(end - p) < count) return false;
+  const char* q = p;
+  uint64_t v;
+  if (!readDigits(q, p + count, 16, count, &v) || q != p + count || v > 0x10FFFF) return false;
+  p = q;
+  *codepoint = static_cast<uint32_t>(v);
+  return true;
+}
+
+// One escape after a backslash at p (p past the backslash). Returns false,
+// consuming nothing, when the escape fails and the backslash is text.
+bool interpretOneCEscape(Str* out, const char*& p, const char* end) {
+  const char c = *p;
+  const char* q = p + 1;
+  uint64_t v = 0;
+  uint32_t cp = 0;
+  switch (c) {
+    case '\n':
+      break;
+    case '\r':
+      if (q != end && *q == '\n') q++;
+      break;
+    case '0': case '1': case '2': case '3': case '4': case '5': case '6': case '7':
+      q = p;
+      readDigits(q, end, 8, c == '0' ? 4 : c <= '3' ? 3 : 2, &v);
+      appendCodepoint(out, static_cast<uint32_t>(v));
+      break;
+    case 'L': appendCodepoint(out, 0x2028); break;
+    case 'N': appendCodepoint(out, 0x85); break;
+    case 'P': appendCodepoint(out, 0x2029); break;
+    case '_': appendCodepoint(out, 0xA0); break;
+    case 'a': out->push_back(7); break;
+    case 'b': out->push_back(8); break;
+    case 'e': out->push_back(27); break;
+    case 'f': out->push_back(12); break;
+    case 'n': out->push_back(10); break;
+    case 'r': out->push_back(13); break;
+    case 't': out->push_back(9); break;
+    case 'v': out->push_back(11); break;
+    case 'c':
+      if (q == end) return false;
+      out->push_back(*q == '?' ? 127 : static_cast<char>(*q & 0x1F));
+      q++;
+      break;
+    case 'x':
+      if (!readDigits(q, end, 16, 2, &v)) return false;
+      appendCodepoint(out, static_cast<uint32_t>(v));
+      break;
+    case 'u':
+    case 'U':
+      if (!readHexExactly(q, end, c == 'u' ? 4 : 8, &cp)) return false;
+      if (cp >= 0xD800 && cp <= 0xDBFF) {
+        // Joined with a following low surrogate; alone it stands as text.
+        const char* r = q;
+        uint32_t low = 0;
+        if (end - r < 2 || r[0] != '\\' || r[1] != 'u') return false;
+        r += 2;
+        if (!readHexExactly(r, end, 4, &low) || low < 0xDC00 || low > 0xDFFF) return false;
+        cp = 0x10000 + ((cp - 0xD800) << 10) + (low - 0xDC00);
+        q = r;
+      }
+      appendCodepoint(out, cp);
+      break;
+    default:
+      if (std::isalnum(static_cast<unsigned char>(c))) return false;
+      out->push_back(c);
+      break;
+  }
+  p = q;
+  return true;
+}
+
+// C backslash escapes; a failed escape leaves its backslash as text.
+void interpret_cescaper(Str* out, const char* p, const char* end) {
+  while (p != end) {
+    if (*p != '\\' || p + 1 == end) {
+      out->push_back(*p++);
+      continue;
+    }
+    p++;
+    if (!interpretOneCEscape(out, p, end)) out->push_back('\\');
+  }
+}
+
+const char CDATA_OPEN[] = "<![CDATA[";
+const size_t CDATA_OPEN_LEN = sizeof CDATA_OPEN - 1;
+
+// The end of the CDATA section opening at p (past its "]]>"), or null when
+// p opens none or it never closes.
+const char* find_end_of_cdata(const char* p, const char* end) {
+  if (static_cast<size_t>(end - p) < CDATA_OPEN_LEN || std::memcmp(p, CDATA_OPEN, CDATA_OPEN_LEN) != 0) {
+    return nullptr;
+  }
+  StrSegment body(p + CDATA_OPEN_LEN, static_cast<size_t>(end - p) - CDATA_OPEN_LEN);
+  size_t close = body.find("]]>");
+  return close == StrSegment::npos ? nullptr : body.data() + close + 3;
+}
+
+// XML entities outside CDATA sections, section bodies as they stand.
+void interpret_xmlescaper_w_cdata(Str* out, const char* p, const char* end) {
+  const char* text = p;
+  while (p != end) {
+    const char* open = static_cast<const char*>(std::memchr(p, '<', static_cast<size_t>(end - p)));
+    if (open == nullptr) break;
+    const char* after = find_end_of_cdata(open, end);
+    if (after == nullptr) {
+      p = open + 1;
+      continue;
+    }
+    interpret_xmlescaper(out, text, open);
+    out->append(open + CDATA_OPEN_LEN, static_cast<size_t>(after - 3 - open) - CDATA_OPEN_LEN);
+    p = text = after;
+  }
+  interpret_xmlescaper(out, text, end);
+}
+
 bool keyHasSeparator(StrSegment key) {
   const char* colon = static_cast<const char*>(std::memchr(key.data(), ':', key.size()));
   return colon != nullptr && (key.endswith(':') || key.find("::") != StrSegment::npos);
@@ -216,6 +348,35 @@ const PredefinedTable& predefined() {
 // Is a plain key (not numbered) equal to `name`?
 bool hasPlainKey(const PipelineDataMetaKeyAtom& atom, const char* name) {
   return !atom.keyIsNumber() && atom.keyRef() == name;
+}
+
+}  // namespace
+
+namespace {
+
+// The escaped type `wanted` only if `bytes` hold something it would change,
+// else plain raw text.
+uint32_t typeNeededFor(uint32_t wanted, StrSegment bytes) {
+  const char* trigger = nullptr;
+  switch (wanted) {
+    case PDMKD_RAW_OFFSETLEN_REPEAT_DBLQUOTE: trigger = "\""; break;
+    case PDMKD_RAW_OFFSETLEN_REPEAT_SNGLQUOTE: trigger = "'"; break;
+    case PDMKD_RAW_OFFSETLEN_CESCAPING: trigger = "\\"; break;
+    case PDMKD_RAW_OFFSETLEN_URLESCAPING: trigger = "+%"; break;
+    case PDMKD_RAW_OFFSETLEN_XMLESCAPING: trigger = "&"; break;
+    case PDMKD_RAW_OFFSETLEN_XMLESCAPING_W_CDATA: {
+      bool amp = false;
+      for (size_t i = 0; i < bytes.size(); i++) {
+        if (bytes[i] == '&') amp = true;
+        if (bytes[i] == '<' && find_end_of_cdata(bytes.data() + i, bytes.data() + bytes.size())) {
+          return PDMKD_RAW_OFFSETLEN_XMLESCAPING_W_CDATA;
+        }
+      }
+      return amp ? PDMKD_RAW_OFFSETLEN_XMLESCAPING : PDMKD_RAW_OFFSETLEN;
+    }
+    default: return wanted;
+  }
+  return bytes.find_first_of(trigger) == StrSegment::npos ? PDMKD_RAW_OFFSETLEN : wanted;
 }
 
 }  // namespace
@@ -321,6 +482,14 @@ void PipelineDataMetaKeyAtom::appendRawOffsetValueTo(Str* out, uint32_t type, co
     interpret_xmlescaper(out, bytes, bytes + length);
     return;
   }
+  if (type == PDMKD_RAW_OFFSETLEN_XMLESCAPING_W_CDATA) {
+    interpret_xmlescaper_w_cdata(out, bytes, bytes + length);
+    return;
+  }
+  if (type == PDMKD_RAW_OFFSETLEN_CESCAPING) {
+    interpret_cescaper(out, bytes, bytes + length);
+    return;
+  }
   kassert(type == PDMKD_RAW_OFFSETLEN);
   out->append(bytes, length);
 }
@@ -378,6 +547,41 @@ void PipelineDataMetaKeyAtom::appendTo(Str* out, StrSegment raw,
       break;
     }
   }
+}
+
+bool PipelineDataMetaKeyAtom::asIndexableToken(st_token_answer* answer, StrSegment raw,
+                                               const PipelineInputChannel* channel) const {
+  Str token(key(channel));
+  uint32_t type = valueType();
+  if (type != PDMKD_MISSING) {
+    token.append("::");
+    switch (type) {
+      case PDMKD_STRING: {
+        HashedStrReference v = valueAsString();
+        token.append(v.data(), v.length());
+        break;
+      }
+      case PDMKD_UNSIGNED:
+        token.append(std::to_string(_value));
+        break;
+      case PDMKD_ENCODED_SUBSECONDS:
+        PipelineDataMetaKey::decodeSubseconds(_value, &token);
+        break;
+      case PDMKD_PUNCT:
+        buildPunct(&token, raw);
+        break;
+      default: {
+        StrSegment v = valueAsRawOffsetlen(raw);
+        appendRawOffsetValueTo(&token, type, v.data(), v.size());
+        break;
+      }
+    }
+  }
+  answer->length = 0;
+  if (token.size() > sizeof answer->bytes) return false;
+  std::memcpy(answer->bytes, token.data(), token.size());
+  answer->length = token.size();
+  return true;
 }
 
 void PipelineDataMetaKeyAtom::appendToEndingInQuote(Str* out, StrSegment raw,
@@ -452,33 +656,30 @@ void PipelineDataMetaKey::set_string_val(PipelineDataMetaKeyAtom* atom, const ch
   atom->_setString(alloc_hashed_str(bytes, length));
 }
 
-PipelineDataMetaKeyAtom& PipelineDataMetaKey::_add(StrSegment key) {
+PipelineDataMetaKeyAtom& PipelineDataMetaKey::add_datum_for_key(StrSegment key, uint32_t type) {
+  kassert(type <= PDMKD_MISSING);
   PipelineDataMetaKeyAtom atom;
   atom._setKey(alloc_hashed_str(key.data(), key.size()));
-  atom._blk.flags = PDMKD_MISSING | extra_flags_for_key_name(key.data(), key.size());
+  atom._blk.flags = type | extra_flags_for_key_name(key.data(), key.size());
   _atoms.push_back(atom);
   return _atoms.back();
 }
 
 void PipelineDataMetaKey::addUnsigned(StrSegment key, uint64_t value) {
-  PipelineDataMetaKeyAtom& atom = _add(key);
-  atom._value = value;
-  atom._blk.flags = (atom._blk.flags & ~PDMKD_FLAG_TYPEBITS) | PDMKD_UNSIGNED;
+  add_datum_for_key(key, PDMKD_UNSIGNED)._value = value;
 }
 
 void PipelineDataMetaKey::addString(StrSegment key, StrSegment value) {
-  PipelineDataMetaKeyAtom& atom = _add(key);
-  set_string_val(&atom, value.data(), value.size());
+  set_string_val(&add_datum_for_key(key, PDMKD_MISSING), value.data(), value.size());
 }
 
-void PipelineDataMetaKey::addMissing(StrSegment key) { _add(key); }
+void PipelineDataMetaKey::addMissing(StrSegment key) { add_datum_for_key(key, PDMKD_MISSING); }
 
 void PipelineDataMetaKey::appendRawOffsetLen(StrSegment key, StrSegment raw, size_t offset,
                                              size_t length, uint32_t type) {
-  kassert(type <= PDMKD_RAW_OFFSETLEN_REPEAT_SNGLQUOTE || type == PDMKD_RAW_OFFSETLEN_URLESCAPING ||
-          type == PDMKD_RAW_OFFSETLEN_XMLESCAPING);
+  kassert(type <= PDMKD_RAW_OFFSETLEN_URLESCAPING);
   kassert(offset + length <= raw.size() && offset <= 0xFFFFFFFFu && length <= 0xFFFFFFFFu);
-  PipelineDataMetaKeyAtom& atom = _add(key);
+  PipelineDataMetaKeyAtom& atom = add_datum_for_key(key, PDMKD_MISSING);
   const char* bytes = raw.data() + offset;
   bool allDigits = length != 0;
   for (size_t i = 0; i < length && allDigits; i++) allDigits = isDigit(bytes[i]);
@@ -487,15 +688,35 @@ void PipelineDataMetaKey::appendRawOffsetLen(StrSegment key, StrSegment raw, siz
       scanFlags(bytes, length, PDMKD_FLAG_VALUE_HAS_CAPITAL, PDMKD_FLAG_VALUE_NEEDS_ESCAPE);
   if (length == 0) offset = 0;
   // Escaped forms cost an unescape at print time only where an escape is.
-  const char* trigger = type == PDMKD_RAW_OFFSETLEN_URLESCAPING ? "+%"
-                        : type == PDMKD_RAW_OFFSETLEN_XMLESCAPING ? "&"
-                                                                  : nullptr;
-  if (trigger != nullptr && StrSegment(bytes, length).find_first_of(trigger) == StrSegment::npos) {
-    type = PDMKD_RAW_OFFSETLEN;
-  }
+  type = typeNeededFor(type, StrSegment(bytes, length));
   atom._value = (static_cast<uint64_t>(offset) << 32) | length;
   atom._blk.flags = (atom._blk.flags & ~PDMKD_FLAG_TYPEBITS) | type;
   _vflags |= VFLAG_HAS_RAW_REFERENCES;
+}
+
+void PipelineDataMetaKey::appendRawOffsetLenCEscaped(StrSegment key, StrSegment raw, size_t offset,
+                                                     size_t length) {
+  appendRawOffsetLen(key, raw, offset, length, PDMKD_RAW_OFFSETLEN_CESCAPING);
+}
+
+void PipelineDataMetaKey::appendRawOffsetLenCsvEscaped(StrSegment key, StrSegment raw,
+                                                       size_t offset, size_t length) {
+  appendRawOffsetLen(key, raw, offset, length, PDMKD_RAW_OFFSETLEN_REPEAT_DBLQUOTE);
+}
+
+void PipelineDataMetaKey::appendRawOffsetLenUrlEscaped(StrSegment key, StrSegment raw,
+                                                       size_t offset, size_t length) {
+  appendRawOffsetLen(key, raw, offset, length, PDMKD_RAW_OFFSETLEN_URLESCAPING);
+}
+
+void PipelineDataMetaKey::appendRawOffsetLenXmlEscaped(StrSegment key, StrSegment raw,
+                                                       size_t offset, size_t length) {
+  appendRawOffsetLen(key, raw, offset, length, PDMKD_RAW_OFFSETLEN_XMLESCAPING);
+}
+
+void PipelineDataMetaKey::appendRawOffsetLenXmlEscapedWCdata(StrSegment key, StrSegment raw,
+                                                             size_t offset, size_t length) {
+  appendRawOffsetLen(key, raw, offset, length, PDMKD_RAW_OFFSETLEN_XMLESCAPING_W_CDATA);
 }
 
 void PipelineDataMetaKey::appendRawOffsetLen(uint32_t keyNumber,
@@ -545,15 +766,12 @@ void PipelineDataMetaKey::addTimeStartEndPos(uint64_t start, uint64_t end) {
 }
 
 void PipelineDataMetaKey::appendPunct() {
-  PipelineDataMetaKeyAtom& atom = _add("punct");
-  atom._blk.flags = PDMKD_PUNCT;
+  add_datum_for_key("punct", PDMKD_PUNCT);
   _vflags |= VFLAG_HAS_PUNCT;
 }
 
 void PipelineDataMetaKey::appendEncodedSubseconds(uint64_t value) {
-  PipelineDataMetaKeyAtom& atom = _add("_subsecond");
-  atom._value = value;
-  atom._blk.flags = PDMKD_ENCODED_SUBSECONDS;
+  add_datum_for_key("_subsecond", PDMKD_ENCODED_SUBSECONDS)._value = value;
   _encodedSubseconds = value;
 }
 

@@ -40,6 +40,12 @@ const uint32_t PDMKD_FLAG_VALUE_HAS_CAPITAL = 0x80;
 const uint32_t PDMKD_FLAG_ENDED_UNQUOTED = 0x100;
 const uint32_t PDMKD_FLAG_KEY_IS_NUMBER = 0x200;
 
+// One atom as a single index token, "key::value", unescaped and unquoted.
+struct st_token_answer {
+  char bytes[1024];
+  size_t length;
+};
+
 // One key/value pair. The key is a hashed string, or with
 // PDMKD_FLAG_KEY_IS_NUMBER an index into the channel's numbered fields; the
 // value's 64 bits are read by type. Strings belong to the owning meta key's
@@ -79,12 +85,19 @@ class PipelineDataMetaKeyAtom {
   // REQUIRES: "(_blk.flags & PDMKD_FLAG_ENDED_UNQUOTED) != 0", and no
   // raw-offset or punct type.
   void appendToEndingInQuote(Str* out, StrSegment raw, const PipelineInputChannel* channel) const;
+  // Fills *answer with "key::value" (a missing value gives the key alone),
+  // unescaped as appendTo does but never quoted. False, with an empty
+  // answer, when the token does not fit.
+  bool asIndexableToken(st_token_answer* answer, StrSegment raw,
+                        const PipelineInputChannel* channel) const;
   // The punctuation summary of `raw`: class bytes only, at most 50 kept,
   // space as "_", tab as "t", carriage return as "\r".
   static void buildPunct(Str* out, StrSegment raw);
   // Appends the text the raw bytes stand for under `type`: 0 as is, 1 and 2
-  // with doubled quotes single, 4 with XML character references and the
-  // five entities read, 6 with "+" and "%HH" read. A bad escape is text.
+  // with doubled quotes single, 3 with C backslash escapes read, 4 with XML
+  // character references and the five entities read, 5 as 4 with
+  // "<![CDATA[...]]>" bodies taken as they stand, 6 with "+" and "%HH" read.
+  // A bad escape is text.
   static void appendRawOffsetValueTo(Str* out, uint32_t type, const char* bytes, size_t length);
 
  private:
@@ -132,14 +145,23 @@ class PipelineDataMetaKey {
   static uint32_t extra_flags_for_key_name(const char* bytes, size_t length);
 
   // Builders. Keys are copied unless predefined.
+  // A new atom of `type` under `key`, its value left for the caller.
+  PipelineDataMetaKeyAtom& add_datum_for_key(StrSegment key, uint32_t type);
   void addUnsigned(StrSegment key, uint64_t value);
   void addString(StrSegment key, StrSegment value);
   void addMissing(StrSegment key);
-  // A value at [offset, offset + length) of raw, unescaped as `type` says
-  // when printed (0, 1, 2, 4 or 6; 4 and 6 fall back to 0 when the bytes
-  // hold no "&", or no "+" or "%"); digits alone become a number.
+  // A value at [offset, offset + length) of raw, unescaped as `type` (0 to
+  // 6) says when printed; digits alone become a number. An escaped type
+  // falls back to 0 when the bytes hold nothing it would change, and 5 to 4
+  // when they hold no complete CDATA section.
   void appendRawOffsetLen(StrSegment key, StrSegment raw, size_t offset, size_t length,
                           uint32_t type = PDMKD_RAW_OFFSETLEN);
+  void appendRawOffsetLenCEscaped(StrSegment key, StrSegment raw, size_t offset, size_t length);
+  void appendRawOffsetLenCsvEscaped(StrSegment key, StrSegment raw, size_t offset, size_t length);
+  void appendRawOffsetLenUrlEscaped(StrSegment key, StrSegment raw, size_t offset, size_t length);
+  void appendRawOffsetLenXmlEscaped(StrSegment key, StrSegment raw, size_t offset, size_t length);
+  void appendRawOffsetLenXmlEscapedWCdata(StrSegment key, StrSegment raw, size_t offset,
+                                          size_t length);
   void appendRawOffsetLen(uint32_t keyNumber, const PipelineInputChannel* channel, StrSegment raw,
                           size_t offset, size_t length);
   // The date atoms of a parsed time, by info->subsecDigits: below -2
@@ -183,7 +205,6 @@ class PipelineDataMetaKey {
   uint64_t encodedSubseconds() const { return _encodedSubseconds; }
 
  private:
-  PipelineDataMetaKeyAtom& _add(StrSegment key);
 
   std::vector<PipelineDataMetaKeyAtom> _atoms;
   HashedStrMap_KeyPool _pool;

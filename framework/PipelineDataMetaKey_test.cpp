@@ -209,6 +209,140 @@ TEST(PipelineDataMetaKey, UnescapesUrlAndXmlValuesWhenPrinted) {
   }
 }
 
+Str unescaped(uint32_t type, const Str& bytes) {
+  Str out;
+  PipelineDataMetaKeyAtom::appendRawOffsetValueTo(&out, type, bytes.data(), bytes.size());
+  return out;
+}
+
+TEST(PipelineDataMetaKey, ReadsCEscapesAndLeavesFailedOnesAsText) {
+  const struct { const char* name; Str raw; Str text; } kCases[] = {
+      {"controls", "\\a\\b\\e\\f\\n\\r\\t\\v", "\a\b\x1b\f\n\r\t\v"},
+      {"octal by lead digit", "\\0101|\\101|\\1011|\\477|\\08", Str("A|A|A1|'7|") + Str(1, '\0') + "8"},
+      {"hex", "\\x41\\x4g", "A\x04g"},
+      {"hex missing", "\\xzz", "\\xzz"},
+      {"u and U", "\\u263a\\U0001F600", "\xE2\x98\xBA\xF0\x9F\x98\x80"},
+      {"U past the last code point", "\\U00110000", "\\U00110000"},
+      {"u too short", "\\u12", "\\u12"},
+      {"surrogate pair joins", "\\uD83D\\uDE00", "\xF0\x9F\x98\x80"},
+      {"lone high surrogate stands", "\\uD83Dx", "\\uD83Dx"},
+      {"high then non-low", "\\uD83D\\u0041", "\\uD83DA"},
+      {"control letters", "\\cA\\cz\\c?", "\x01\x1a\x7f"},
+      {"unicode letters", "\\L\\N\\P\\_", "\xE2\x80\xA8\xC2\x85\xE2\x80\xA9\xC2\xA0"},
+      {"punctuation stands for itself", "\\.\\\\\\\"\\'", ".\\\"'"},
+      {"other letters keep the backslash", "\\q\\Z9\\9", "\\q\\Z9\\9"},
+      {"line continuations vanish", "a\\\nb\\\r\nc\\\rd", "abcd"},
+      {"trailing backslash", "ab\\", "ab\\"},
+      {"control escape at the end", "\\c", "\\c"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(unescaped(PDMKD_RAW_OFFSETLEN_CESCAPING, c.raw), c.text);
+  }
+}
+
+// The system printf reads the escapes both share.
+TEST(PipelineDataMetaKey, CEscapesAgreeWithPrintf) {
+  const char* const kInputs[] = {"a\\tb\\nc", "\\0101\\0060x", "\\x41\\x7e\\x20", "\\e[1m\\a\\v\\f",
+                                 "\\u00e9\\u263a", "\\\\back\\\\"};
+  for (const char* input : kInputs) {
+    SCOPED_TRACE(input);
+    Str command = Str("/usr/bin/printf '%b' '") + input + "'";
+    FILE* pipe = popen(command.c_str(), "r");
+    ASSERT_NE(pipe, nullptr);
+    Str expected;
+    char buf[256];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, pipe)) > 0) expected.append(buf, n);
+    ASSERT_EQ(pclose(pipe), 0);
+    EXPECT_EQ(unescaped(PDMKD_RAW_OFFSETLEN_CESCAPING, input), expected);
+  }
+}
+
+TEST(PipelineDataMetaKey, EscapedAppendVariantsPickTheTypeTheBytesNeed) {
+  using Append = void (PipelineDataMetaKey::*)(StrSegment, StrSegment, size_t, size_t);
+  const struct { Append append; const char* raw; uint32_t stored; const char* printed; } kCases[] = {
+      {&PipelineDataMetaKey::appendRawOffsetLenCEscaped, "a\\tb", PDMKD_RAW_OFFSETLEN_CESCAPING,
+       "v::a\tb"},
+      {&PipelineDataMetaKey::appendRawOffsetLenCEscaped, "C:\\\\x y", PDMKD_RAW_OFFSETLEN_CESCAPING,
+       "v::\"C:\\\\x y\""},
+      {&PipelineDataMetaKey::appendRawOffsetLenCEscaped, "plain", PDMKD_RAW_OFFSETLEN, "v::plain"},
+      {&PipelineDataMetaKey::appendRawOffsetLenCEscaped, "42", PDMKD_UNSIGNED, "v::42"},
+      {&PipelineDataMetaKey::appendRawOffsetLenCsvEscaped, "say \"\"hi\"\"",
+       PDMKD_RAW_OFFSETLEN_REPEAT_DBLQUOTE, "v::\"say \\\"hi\\\"\""},
+      {&PipelineDataMetaKey::appendRawOffsetLenCsvEscaped, "no_quotes", PDMKD_RAW_OFFSETLEN,
+       "v::no_quotes"},
+      {&PipelineDataMetaKey::appendRawOffsetLenUrlEscaped, "a%2Bb", PDMKD_RAW_OFFSETLEN_URLESCAPING,
+       "v::a+b"},
+      {&PipelineDataMetaKey::appendRawOffsetLenXmlEscaped, "&amp;", PDMKD_RAW_OFFSETLEN_XMLESCAPING,
+       "v::&"},
+      {&PipelineDataMetaKey::appendRawOffsetLenXmlEscapedWCdata, "<![CDATA[a&amp;<b>]]>&lt;",
+       PDMKD_RAW_OFFSETLEN_XMLESCAPING_W_CDATA, "v::a&amp;<b><"},
+      {&PipelineDataMetaKey::appendRawOffsetLenXmlEscapedWCdata, "&amp;<![CDATA[]]]]>x",
+       PDMKD_RAW_OFFSETLEN_XMLESCAPING_W_CDATA, "v::&]]x"},
+      {&PipelineDataMetaKey::appendRawOffsetLenXmlEscapedWCdata, "x<![CDATA[a]]>y<![CDATA[ b]]>",
+       PDMKD_RAW_OFFSETLEN_XMLESCAPING_W_CDATA, "v::\"xay b\""},
+      {&PipelineDataMetaKey::appendRawOffsetLenXmlEscapedWCdata, "<b>&amp;</b>",
+       PDMKD_RAW_OFFSETLEN_XMLESCAPING, "v::<b>&</b>"},  // no section: entities only
+      {&PipelineDataMetaKey::appendRawOffsetLenXmlEscapedWCdata, "&amp;<![CDATA[open",
+       PDMKD_RAW_OFFSETLEN_XMLESCAPING, "v::&<![CDATA[open"},  // never closed
+      {&PipelineDataMetaKey::appendRawOffsetLenXmlEscapedWCdata, "x<![CDATA[open", PDMKD_RAW_OFFSETLEN,
+       "v::x<![CDATA[open"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.raw);
+    const Str raw = Str("lead ") + c.raw;  // the value sits past the start of raw
+    PipelineDataMetaKey meta;
+    (meta.*c.append)("v", raw, 5, raw.size() - 5);
+    ASSERT_EQ(meta.atoms().size(), 1u);
+    EXPECT_EQ(meta.atoms()[0].valueType(), c.stored);
+    EXPECT_EQ(printed(meta, raw), c.printed);
+    // Made independent of raw, then through text and back: the same.
+    meta._rawHasChanged(raw);
+    EXPECT_EQ(meta.atoms()[0].valueType(), c.stored == PDMKD_UNSIGNED ? PDMKD_UNSIGNED : PDMKD_STRING);
+    EXPECT_EQ(printed(meta, ""), c.printed);
+    EXPECT_EQ(printed(parsed(c.printed)), c.printed);
+  }
+}
+
+TEST(PipelineDataMetaKey, IndexableTokensAreUnquotedAndUnescaped) {
+  const Str raw = "a b,c\tx\\ty";
+  PipelineDataMetaKey meta = parsed("a::\"b c\" n::7 _subsecond::.120 flag \"k\\\"q\"::v");
+  meta.appendPunct();
+  meta.appendRawOffsetLenCEscaped("esc", raw, 6, 4);
+  meta.addString("big", Str(2000, 'x'));
+  const char* const kTokens[] = {"a::b c", "n::7", "_subsecond::.120", "flag", "k\"q::v",
+                                 "punct::_,t\\", "esc::x\ty"};
+  ASSERT_EQ(meta.atoms().size(), std::size(kTokens) + 1);
+  for (size_t i = 0; i < std::size(kTokens); i++) {
+    SCOPED_TRACE(kTokens[i]);
+    st_token_answer answer;
+    ASSERT_TRUE(meta.atoms()[i].asIndexableToken(&answer, raw, nullptr));
+    EXPECT_EQ(Str(answer.bytes, answer.length), kTokens[i]);
+  }
+  st_token_answer answer;
+  answer.length = 99;
+  EXPECT_FALSE(meta.atoms().back().asIndexableToken(&answer, raw, nullptr));
+  EXPECT_EQ(answer.length, 0u);
+}
+
+TEST(PipelineDataMetaKey, AddDatumForKeySetsKeyFlagsAndType) {
+  const struct { const char* key; uint32_t type; uint32_t flags; const char* printed; } kCases[] = {
+      {"plain", PDMKD_MISSING, PDMKD_MISSING, "plain"},
+      {"Key X", PDMKD_MISSING,
+       PDMKD_MISSING | PDMKD_FLAG_KEY_HAS_CAPITAL | PDMKD_FLAG_KEY_NEEDS_ESCAPE, "\"Key X\""},
+      {"punct", PDMKD_PUNCT, PDMKD_PUNCT, "punct::_"},
+      {"n", PDMKD_UNSIGNED, PDMKD_UNSIGNED, "n::0"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.key);
+    PipelineDataMetaKey meta;
+    PipelineDataMetaKeyAtom& atom = meta.add_datum_for_key(c.key, c.type);
+    EXPECT_EQ(atom.flags(), c.flags);
+    EXPECT_EQ(printed(meta, " "), c.printed);
+  }
+}
+
 TEST(PipelineDataMetaKey, PunctStopsAfterFiftyAndSpellsWhitespace) {
   Str out;
   PipelineDataMetaKeyAtom::buildPunct(&out, "a b\tc\rd");
