@@ -455,6 +455,40 @@ void PipelineInputChannelSet::addMetrics(PipelineInputChannelSetMetrics* out) {
   out->values.emplace_back("inactive channels", _num_inactive_channels);
 }
 
+namespace {
+
+struct MetricsRegistration {
+  Mutex mutex;
+  bool registered = false;  // guarded by mutex
+};
+
+MetricsRegistration& metricsRegistration() {
+  static MetricsRegistration* r = new MetricsRegistration;
+  return *r;
+}
+
+}  // namespace
+
+bool PipelineInputChannelMetricsProvider::registerMetricsCallback() {
+  MetricsRegistration& r = metricsRegistration();
+  ScopedLock lock(r.mutex);
+  if (r.registered) return false;
+  r.registered = true;
+  return true;
+}
+
+bool PipelineInputChannelMetricsProvider::isRegistered() {
+  MetricsRegistration& r = metricsRegistration();
+  ScopedLock lock(r.mutex);
+  return r.registered;
+}
+
+bool PipelineInputChannelMetricsProvider::collect(PipelineInputChannelSetMetrics* out) {
+  if (!isRegistered()) return false;
+  global_channel_set.addMetrics(out);
+  return true;
+}
+
 size_t PipelineInputChannelSet::size() {
   ScopedLock lock(_mutex);
   return _channel_by_name.size();

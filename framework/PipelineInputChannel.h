@@ -283,6 +283,20 @@ class PipelineInputChannelSet {
 // The process-wide set; never destroyed.
 extern PipelineInputChannelSet& global_channel_set;
 
+// The process's report of global_channel_set under "map:pipelineInputChannel".
+// Nothing is reported until registerMetricsCallback() has run, so that a
+// tool that never serves metrics never pays for the counters' reads.
+// Thread story: safe from any thread.
+class PipelineInputChannelMetricsProvider {
+ public:
+  // Registers the report once; true only for the call that did.
+  static bool registerMetricsCallback();
+  static bool isRegistered();
+  // Appends the report of global_channel_set (resetting its counters) to
+  // *out; false, leaving *out as it was, before registration.
+  static bool collect(PipelineInputChannelSetMetrics* out);
+};
+
 // Owns one set made for a reader of a persistent queue, so that restored
 // streams do not mix with live ones. Its end abandons the set.
 class PipelineInputChannelSetHolder {

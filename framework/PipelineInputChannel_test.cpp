@@ -347,6 +347,58 @@ TEST(PipelineInputChannel, StateBlocksKeepOneBlockPerOwner) {
   EXPECT_EQ(head.owner(), &a);  // others are chained: the owner stays
 }
 
+uint64_t valueOf(const PipelineInputChannelSetMetrics& m, const char* name) {
+  for (const auto& [key, value] : m.values) {
+    if (std::strcmp(key, name) == 0) return value;
+  }
+  ADD_FAILURE() << "no metric " << name;
+  return 0;
+}
+
+TEST(PipelineInputChannelMetricsProvider, ReportsTheGlobalSetOnceRegistered) {
+  PipelineInputChannelSetMetrics before;
+  EXPECT_FALSE(PipelineInputChannelMetricsProvider::collect(&before));
+  EXPECT_TRUE(before.values.empty());
+
+  // Racing registrations: exactly one wins.
+  std::atomic<int> winners{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; i++) {
+    threads.emplace_back([&] {
+      if (PipelineInputChannelMetricsProvider::registerMetricsCallback()) winners++;
+    });
+  }
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(winners.load(), 1);
+  EXPECT_FALSE(PipelineInputChannelMetricsProvider::registerMetricsCallback());
+
+  PipelineInputChannelSetMetrics baseline;  // reads and resets the counters
+  ASSERT_TRUE(PipelineInputChannelMetricsProvider::collect(&baseline));
+  {
+    PipelineInputChannelReference a(StrSegment("metrics|a"), &global_channel_set, false);
+    PipelineInputChannelReference b(StrSegment("metrics|b"), &global_channel_set, false);
+    PipelineInputChannelReference c(StrSegment("metrics|c"), &global_channel_set, false);
+    PipelineInputChannelReference again(StrSegment("metrics|a"), &global_channel_set, false);
+  }
+  PipelineInputChannelSetMetrics after;
+  ASSERT_TRUE(PipelineInputChannelMetricsProvider::collect(&after));
+  EXPECT_STREQ(after.group, "map:pipelineInputChannel");
+  std::vector<std::string> names;
+  for (const auto& entry : after.values) names.push_back(entry.first);
+  EXPECT_EQ(names, (std::vector<std::string>{"current size", "new channels", "removed channels",
+                                              "timedout channels", "reclaimed channels",
+                                              "abandoned channels", "inactive channels"}));
+  // Three keys, the fourth lookup found one of them.
+  EXPECT_EQ(valueOf(after, "new channels") + valueOf(after, "reclaimed channels"), 3u);
+  // All three went idle; any recycled one left the inactive list first.
+  EXPECT_EQ(valueOf(after, "inactive channels") + valueOf(after, "reclaimed channels"),
+            valueOf(baseline, "inactive channels") + 3);
+  PipelineInputChannelSetMetrics reset;
+  ASSERT_TRUE(PipelineInputChannelMetricsProvider::collect(&reset));
+  EXPECT_EQ(valueOf(reset, "new channels"), 0u);
+  EXPECT_EQ(valueOf(reset, "inactive channels"), valueOf(after, "inactive channels"));
+}
+
 TEST(PipelineInputChannelDeathTest, ContractsEndTheProcess) {
   PipelineInputChannelSet set(true);
   PipelineInputChannelReference ref(StrSegment("s|h|t|c"), &set, false);
