@@ -91,6 +91,14 @@ class HashedStrMap {
     return _insert(it, _pool.create(bytes, length, hash));
   }
 
+  // Removes one entry; a key this map pooled is freed with it, so handles
+  // to it dangle afterwards. Other iterators stay valid.
+  void erase(iterator it) {
+    HashedStrReference key = it->second.first;
+    _tree.erase(it);
+    if (!key.isPermanent()) key._really_unlink_and_free();
+  }
+
   // Erases every entry and frees the pool.
   void clear() {
     _tree.clear();
