@@ -37,6 +37,24 @@ class EchoHandler : public MHttpRequestHandler {
   }
 };
 
+// Odd replies: a status outside the table, one not to be sent, and one the
+// handler writes itself.
+class OddHandler : public MHttpRequestHandler {
+ public:
+  HTTPReply* handleRequest(const Str&, HTTPRequest* request) override {
+    StrVector words;
+    request->getMethodComponents(words);
+    if (words[1] == "/odd/unknown") return HTTPReply::createReply(299, "text/plain", "u", {});
+    if (words[1] == "/odd/nosend") return HTTPReply::createReplyNoData();
+    const std::string raw = "HTTP/1.1 202 Accepted\r\nX-Self: 1\r\n\r\nself";
+    request->blockingWrite(raw.data(), raw.size(), -1);
+    HTTPReply* r = HTTPReply::createReplyNoData();
+    r->_handledResponseItself = true;
+    r->_status = 202;
+    return r;
+  }
+};
+
 class NullHandler : public MHttpRequestHandler {
  public:
   HTTPReply* handleRequest(const Str&, HTTPRequest*) override { return nullptr; }
@@ -123,6 +141,7 @@ class HTTPServerReview : public ::testing::Test {
     config._portList.push_back(entry);
     config._handlers["/echo"] = &echo_;
     config._handlers["/null"] = &null_;
+    config._handlers["/odd"] = &odd_;
     config._handlers["/throw"] = &throw_;
     config.max_content_length = 100;
     config._shutdownPollMs = 10;
@@ -184,6 +203,7 @@ class HTTPServerReview : public ::testing::Test {
 
   static EchoHandler echo_;
   static NullHandler null_;
+  static OddHandler odd_;
   static ThrowHandler throw_;
   static HTTPServer* server_;
   static std::thread* thread_;
@@ -192,6 +212,7 @@ class HTTPServerReview : public ::testing::Test {
 
 EchoHandler HTTPServerReview::echo_;
 NullHandler HTTPServerReview::null_;
+OddHandler HTTPServerReview::odd_;
 ThrowHandler HTTPServerReview::throw_;
 HTTPServer* HTTPServerReview::server_ = nullptr;
 std::thread* HTTPServerReview::thread_ = nullptr;
@@ -314,6 +335,28 @@ TEST_F(HTTPServerReview, AccessLineFormat) {
 
 
 
+TEST_F(HTTPServerReview, OddReplies) {
+  ScopedLogCapture access("HTTPAccess");
+  Response unknown = send("GET /odd/unknown HTTP/1.1\r\nAccept-Encoding: gzip\r\n\r\n");
+  EXPECT_EQ("HTTP/1.1 400 Bad request", unknown.statusLine) << unknown.raw;
+  EXPECT_EQ("u", gunzip(unknown.body));
+  Response nosend = send("GET /odd/nosend HTTP/1.1\r\n\r\n");
+  EXPECT_TRUE(nosend.closed);
+  EXPECT_EQ("", nosend.raw);
+  Response self = send("GET /odd/self HTTP/1.1\r\n\r\n");
+  EXPECT_TRUE(self.closed);
+  EXPECT_EQ("HTTP/1.1 202 Accepted\r\nX-Self: 1\r\n\r\nself", self.raw);
+  ASSERT_TRUE(waitNoLiveThreads());
+  const std::string text = access.text();
+  EXPECT_TRUE(std::regex_search(text, std::regex("\"GET /odd/unknown HTTP/1\\.1\" 299 \\d+ - - - \\d+ms\n")))
+      << text;
+  EXPECT_EQ(std::string::npos, text.find("/odd/nosend")) << text;
+  EXPECT_TRUE(std::regex_search(text, std::regex("\"GET /odd/self HTTP/1\\.1\" 202 " +
+                                                 std::to_string(self.raw.size()) +
+                                                 " - - - \\d+ms\n")))
+      << text;
+}
+
 TEST_F(HTTPServerReview, ServerLogLinesOfOneRequest) {
   ScopedLogCapture log("HTTPServer");
   Response r = send("GET /echo/deeper?x=1 HTTP/1.1\r\n\r\n");
@@ -382,12 +425,14 @@ class HTTPServerShutdownReview : public ::testing::Test {
     config._portList.push_back(entry);
     config._handlers["/slow"] = &_handler;
     config._shutdownPollMs = 5;
+    configure(config);
     _server = std::make_unique<HTTPServer>();
     ASSERT_TRUE(_server->init(config));
     _port = _server->boundPort(0);
     MainThread::setEventLoop(&_server->loop());
     _loop = std::thread([this] { _server->go(); });
   }
+  virtual void configure(HTTPServerConfig&) {}
   void TearDown() override {
     _handler.release();
     if (_loop.joinable()) {
@@ -487,6 +532,107 @@ TEST_F(HTTPServerShutdownReview, StreamingBodyReachesTheHandler) {
   EXPECT_NE(std::string::npos, text.find("Sending done key into the conduit!!")) << text;
   EXPECT_NE(std::string::npos, text.find("Done key found - terminating")) << text;
   EXPECT_NE(std::string::npos, text.find("Closing fd")) << text;
+}
+
+class HTTPServerNoCompressionReview : public HTTPServerShutdownReview {
+ protected:
+  void configure(HTTPServerConfig& config) override {
+    config._compression = false;
+    config._handlers["/echo"] = &_echo;
+  }
+  EchoHandler _echo;
+};
+
+TEST_F(HTTPServerNoCompressionReview, AcceptedGzipIsNotUsedWhenTurnedOff) {
+  for (const char* enc : {"gzip", "*"}) {
+    int s = connectClient();
+    const std::string req = std::string("GET /echo HTTP/1.1\r\nAccept-Encoding: ") + enc + "\r\n\r\n";
+    ::send(s, req.data(), req.size(), MSG_NOSIGNAL);
+    Response r = parse(readAll(s), true);
+    close(s);
+    EXPECT_EQ("HTTP/1.1 200 OK", r.statusLine) << enc;
+    EXPECT_EQ("<absent>", headerValue(r, "Content-Encoding")) << enc;
+    EXPECT_EQ("5", headerValue(r, "Content-Length")) << enc;
+    EXPECT_EQ("body:", r.body) << enc;
+  }
+}
+
+// A listening socket that holds a port so that binding it again fails.
+struct HeldPort {
+  int fd = -1;
+  uint16_t port = 0;
+  HeldPort(int family, const char* ip) {
+    fd = socket(family, SOCK_STREAM, 0);
+    if (family == AF_INET) {
+      sockaddr_in a{};
+      a.sin_family = AF_INET;
+      inet_pton(AF_INET, ip, &a.sin_addr);
+      bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+      socklen_t len = sizeof a;
+      getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+      port = ntohs(a.sin_port);
+    } else {
+      sockaddr_in6 a{};
+      a.sin6_family = AF_INET6;
+      inet_pton(AF_INET6, ip, &a.sin6_addr);
+      bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+      socklen_t len = sizeof a;
+      getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+      port = ntohs(a.sin6_port);
+    }
+    listen(fd, 1);
+  }
+  ~HeldPort() { close(fd); }
+};
+
+TEST(HTTPServerPortsReview, BindFailuresAreLoggedAndLeftOut) {
+  HeldPort v4(AF_INET, "127.0.0.1");
+  HeldPort v6(AF_INET6, "::1");
+  ASSERT_NE(0, v4.port);
+  ASSERT_NE(0, v6.port);
+  ScopedLogCapture log("HTTPServer");
+  HTTPServerConfig config;
+  HTTPServerConfig::HTTPPortEntry e;
+  e.port = v4.port;
+  e.ip = "127.0.0.1";
+  config._portList.push_back(e);
+  e.ip = "";
+  config._portList.push_back(e);
+  e.ip = "not-an-ip";
+  config._portList.push_back(e);
+  HTTPServerConfig::HTTPPortEntry e6;
+  e6.family = AF_INET6;
+  e6.port = v6.port;
+  e6.ip = "::1";
+  config._portList.push_back(e6);
+  e6.ip = "";
+  config._portList.push_back(e6);
+  {
+    HTTPServer server;
+    EXPECT_FALSE(server.init(config));
+    for (size_t i = 0; i < config._portList.size(); ++i) EXPECT_EQ(0, server.boundPort(i)) << i;
+  }
+  const std::string text = log.text();
+  const std::string p4 = std::to_string(v4.port), p6 = std::to_string(v6.port);
+  for (const std::string& want :
+       {std::string("Binding ports"), "Could not bind to ip 127.0.0.1 port " + p4,
+        "Could not bind to port " + p4,
+        std::string("Address given to listen on (\"not-an-ip\") not a valid IP"),
+        "Could not bind to ipv6 ::1 port " + p6, "Could not bind to ipv6 port " + p6}) {
+    EXPECT_NE(std::string::npos, text.find(want + "\n")) << want << "\n" << text;
+  }
+}
+
+TEST(HTTPServerPortsReview, AcceptingLineNamesTheAddress) {
+  ScopedLogCapture log("HTTPServer");
+  HTTPServerConfig config;
+  HTTPServerConfig::HTTPPortEntry e;
+  e.ip = "127.0.0.1";
+  config._portList.push_back(e);
+  HTTPServer server;
+  ASSERT_TRUE(server.init(config));
+  const std::string want = "Accepting connections on 127.0.0.1:" + std::to_string(server.boundPort(0)) + "\n";
+  EXPECT_NE(std::string::npos, log.text().find(want)) << log.text();
 }
 
 }  // namespace

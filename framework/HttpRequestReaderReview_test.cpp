@@ -183,6 +183,8 @@ TEST(HttpRequestReaderReview, GetContentLengthTable) {
       {"Content-Length:: 9", 0},
       {"Content-Length: 0", 0},
       {"Content-Length: +4", 4},
+      {"Content-Length: 99999999999999999999", 9223372036854775807LL},
+      {"X-Note: content-length=5", 5},
   };
   for (const auto& c : cases) EXPECT_EQ(c.want, getContentLength(c.line)) << c.line;
 }
@@ -242,6 +244,9 @@ TEST(HttpRequestReaderReview, HeaderComponentsAndHost) {
   EXPECT_EQ("h1:8089", makeRequest("GET / HTTP/1.1", {"X: y", "hOsT:   h1:8089", "Host: h2"})
                            .getHost());
   EXPECT_EQ("", makeRequest("GET / HTTP/1.1", {"X-Host: h"}).getHost());
+  EXPECT_EQ("", makeRequest("GET / HTTP/1.1", {"Hostname: h", "Host : h"}).getHost());
+  // The pattern takes the rest of the line as it is.
+  EXPECT_EQ("h  ", makeRequest("GET / HTTP/1.1", {"Host:h  "}).getHost());
   EXPECT_EQ("", makeRequest("GET / HTTP/1.1", {}).getHost());
 }
 
@@ -276,6 +281,8 @@ TEST(HttpRequestReaderReview, EncodedStringDecodesAndGathers) {
   EXPECT_EQ("2", out["a"][1]);
   ASSERT_EQ(1u, out["b"].size());
   EXPECT_EQ("x y", out["b"][0]);
+  ASSERT_EQ(1u, out["d"].size());
+  EXPECT_EQ(" ", out["d"][0]);
   ASSERT_EQ(1u, out["c="].size());
   EXPECT_EQ("\xc3\xa9", out["c="][0]);
   EXPECT_EQ(0u, out.count("bad"));
