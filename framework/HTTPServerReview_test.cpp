@@ -635,4 +635,31 @@ TEST(HTTPServerPortsReview, AcceptingLineNamesTheAddress) {
   EXPECT_NE(std::string::npos, log.text().find(want)) << log.text();
 }
 
+class HTTPServerBadTlsReview : public HTTPServerShutdownReview {
+ protected:
+  void configure(HTTPServerConfig& config) override {
+    config._portList[0].ssl = true;
+    config._sslCertPath = "/nonexistent/cert.pem";
+    config._sslKeyPath = "/nonexistent/key.pem";
+    config._handlers["/echo"] = &_echo;
+  }
+  EchoHandler _echo;
+  ScopedLogCapture _log{"HTTPServer"};
+};
+
+TEST_F(HTTPServerBadTlsReview, UnusableCertificateFallsBackToPlainTcp) {
+  const std::string text = _log.text();
+  for (const char* want : {"Initializing SSL Context\n",
+                           "SSL context could not be created - error in cert or password is wrong\n",
+                           "SSL will not be enabled\n"}) {
+    EXPECT_NE(std::string::npos, text.find(want)) << want << text;
+  }
+  int s = connectClient();
+  const std::string req = "GET /echo HTTP/1.1\r\n\r\n";
+  ::send(s, req.data(), req.size(), MSG_NOSIGNAL);
+  Response r = parse(readAll(s), true);
+  close(s);
+  EXPECT_EQ("HTTP/1.1 200 OK", r.statusLine) << r.raw;
+}
+
 }  // namespace
