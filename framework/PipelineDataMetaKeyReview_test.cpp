@@ -341,4 +341,43 @@ TEST(PipelineDataMetaKeyReview, QuotesToggleAndStayOpenAtTheEnd) {
   }
 }
 
+// Bad escapes stay as text; good ones give the bytes they stand for.
+TEST(PipelineDataMetaKeyReview, UnescapesEdgeBytesOfEachEscaping) {
+  const struct {
+    uint32_t type;
+    const char* raw;
+    const char* text;
+  } kCases[] = {
+      {PDMKD_RAW_OFFSETLEN_URLESCAPING, "%", "%"},
+      {PDMKD_RAW_OFFSETLEN_URLESCAPING, "%2", "%2"},
+      {PDMKD_RAW_OFFSETLEN_URLESCAPING, "%zz", "%zz"},
+      {PDMKD_RAW_OFFSETLEN_URLESCAPING, "%E2%82%AC", "\xE2\x82\xAC"},
+      {PDMKD_RAW_OFFSETLEN_URLESCAPING, "%c3%a9", "\xC3\xA9"},
+      {PDMKD_RAW_OFFSETLEN_URLESCAPING, "%F0%9F%98%80", "\xF0\x9F\x98\x80"},
+      {PDMKD_RAW_OFFSETLEN_URLESCAPING, "a++b", "a  b"},
+      {PDMKD_RAW_OFFSETLEN_XMLESCAPING, "&#x10FFFF;", "\xF4\x8F\xBF\xBF"},
+      {PDMKD_RAW_OFFSETLEN_XMLESCAPING, "&#1114112;", "&#1114112;"},
+      {PDMKD_RAW_OFFSETLEN_XMLESCAPING, "&lt", "&lt"},
+      {PDMKD_RAW_OFFSETLEN_XMLESCAPING, "&LT;&Gt;", "<>"},
+      {PDMKD_RAW_OFFSETLEN_XMLESCAPING, "&abcdef;", "&abcdef;"},
+      {PDMKD_RAW_OFFSETLEN_XMLESCAPING, "&#;&#x;", "&#;&#x;"},
+      {PDMKD_RAW_OFFSETLEN_XMLESCAPING, "&", "&"},
+      {PDMKD_RAW_OFFSETLEN_XMLESCAPING, "&&amp;", "&&"},
+      {PDMKD_RAW_OFFSETLEN_XMLESCAPING, "&#233;", "\xC3\xA9"},
+      {PDMKD_RAW_OFFSETLEN_REPEAT_DBLQUOTE, "a\"\"\"\"b", "a\"\"b"},
+      {PDMKD_RAW_OFFSETLEN_REPEAT_DBLQUOTE, "\"", "\""},
+      {PDMKD_RAW_OFFSETLEN_REPEAT_SNGLQUOTE, "''''", "''"},
+      {PDMKD_RAW_OFFSETLEN, "%41&amp;", "%41&amp;"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.raw);
+    Str out;
+    PipelineDataMetaKeyAtom::appendRawOffsetValueTo(&out, c.type, c.raw, std::strlen(c.raw));
+    EXPECT_EQ(std::string(out), c.text);
+  }
+  Str punct;
+  PipelineDataMetaKeyAtom::buildPunct(&punct, StrSegment("a\nb\x01~`_"));
+  EXPECT_EQ(std::string(punct), "");  // newline and control bytes are not punctuation
+}
+
 }  // namespace

@@ -421,4 +421,29 @@ TEST(PipelineInputChannelReview, TimePositionsCountOnlyUnderPlainNumericKeys) {
   }
 }
 
+// An abandoned channel joins at the tail, so pruning past the maximum takes it
+// before older ordinary ones.
+TEST(PipelineInputChannelReview, PruningTakesTheAbandonedTailFirst) {
+  ScopedFixedClock clock(Timeval(7000000, 0));
+  TuningFor tuning(2, 0, 330);
+  auto* set = new PipelineInputChannelSet(false);
+  auto a = refTo("a", set);
+  auto b = refTo("b", set);
+  auto c = refTo("c", set);
+  for (auto* ref : {a.get(), b.get()}) {
+    ref->setNeedsDoneKey(true);
+    ref->setNeedsDoneKey(false);
+  }
+  a.reset();
+  b.reset();
+  c.reset();
+  EXPECT_EQ(inactiveKeys(*set), (std::vector<std::string>{"b", "a"}));
+  EXPECT_EQ(set->size(), 2u);
+  PipelineInputChannelSetMetrics m;
+  set->addMetrics(&m);
+  EXPECT_EQ(metricValue(m, "removed channels"), 1u);
+  EXPECT_EQ(metricValue(m, "new channels"), 3u);
+  set->abandon();
+}
+
 }  // namespace
