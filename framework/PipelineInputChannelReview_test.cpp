@@ -336,7 +336,9 @@ TEST(PipelineInputChannelReview, StreamIdTextTable) {
     SCOPED_TRACE(c.text);
     PipelineDataStreamId id;
     EXPECT_EQ(id.parse(c.text, c.text + std::strlen(c.text)), c.ok);
-    if (c.ok) EXPECT_EQ(id, c.id);
+    if (c.ok) {
+      EXPECT_EQ(id, c.id);
+    }
   }
 }
 
