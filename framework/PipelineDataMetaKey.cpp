@@ -849,11 +849,18 @@ void PipelineDataMetaKey::parse(const char* begin, const char* end) {
       if (c == '\\') {
         flags |= escapeFlag;
         if (p + 1 != end && (p[1] == '"' || p[1] == '\\')) {
-          p++;
-        } else if (p + 1 == end) {
-          // A lone closing backslash is kept as text.
+          c = *++p;
+        } else if (p + 1 != end) {
+          // Any other escaped byte is kept together with its backslash, so
+          // an escaped space stays inside the atom.
+          buf.push_back(c);
+          if (inValue) nonDigit = true;
+          c = *++p;
+          if (isCapital(c)) {
+            flags |= inValue ? PDMKD_FLAG_VALUE_HAS_CAPITAL : PDMKD_FLAG_KEY_HAS_CAPITAL;
+          }
         }
-        c = *p;
+        // A lone closing backslash is kept as text.
         if (inValue && !isDigit(c)) nonDigit = true;
         buf.push_back(c);
         p++;

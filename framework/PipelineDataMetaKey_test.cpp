@@ -73,7 +73,7 @@ TEST(PipelineDataMetaKey, NormalisesTextThatParsesToTheSameAtoms) {
       {"\"", ""},                     // a lone quote yields nothing
       {"\"\"\"", ""},                 // and so does an open quote around nothing
       {"a\\x::y", "\"a\\\\x\"::y"},   // a kept backslash needs quoting
-      {"k::a\\ b", "k::\"a\\\\\" b"},  // an escaped space still ends the atom
+      {"k::a\\ b", "k::\"a\\\\ b\""},  // an escaped space stays, with its backslash
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.text);
