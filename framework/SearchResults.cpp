@@ -371,6 +371,19 @@ void SearchResults::appendDestructive(SearchResults& other) {
   while (!other._rows.empty()) moveResult(other, 0);
 }
 
+void SearchResults::eraseResults(const std::vector<size_t>& sortedIndexes) {
+  size_t d = 0, w = 0;
+  for (size_t i = 0; i < _rows.size(); ++i) {
+    if (d < sortedIndexes.size() && sortedIndexes[d] == i) {
+      delete _rows[i];
+      ++d;
+    } else {
+      _rows[w++] = _rows[i];
+    }
+  }
+  _rows.resize(w);
+}
+
 void SearchResults::slice(size_t start, size_t count) {
   std::vector<SearchResult*> kept;
   for (size_t i = 0; i < _rows.size(); ++i) {

@@ -176,6 +176,8 @@ class SearchResults {
   void append(const SearchResults& other, size_t start = 0, size_t count = SIZE_MAX);
   // Moves every row of `other` here, leaving it empty.
   void appendDestructive(SearchResults& other);
+  // Deletes the rows at the given ascending indexes.
+  void eraseResults(const std::vector<size_t>& sortedIndexes);
   // Keeps only `count` rows from `start`.
   void slice(size_t start, size_t count);
   // Replaces this table by a copy of `other` (with its rows when `rows`).
