@@ -786,6 +786,36 @@ bool SearchResults::toCSV(const Pathname& path, const StrVector& fields, size_t 
   return true;
 }
 
+bool SearchResults::splitFile(const Pathname& path, size_t chunkSize,
+                              std::vector<Pathname>& out) {
+  out.clear();
+  SearchResults all;
+  if (!all.fromCSV(path)) {
+    _lastErrorKey = all._lastErrorKey;
+    return false;
+  }
+  if (chunkSize == 0) chunkSize = 1;
+  size_t slash = path.rfind('/');
+  Str dir = slash == Str::npos ? Str() : path.substr(0, slash + 1);
+  Str leaf = slash == Str::npos ? Str(path) : path.substr(slash + 1);
+  for (size_t start = 0, n = 0; start < all.size() || n == 0; start += chunkSize, ++n) {
+    Pathname piece(dir);
+    piece.appendFormat("srsplit_%lu_%s", static_cast<unsigned long>(n), leaf.c_str());
+    SearchResults chunk;
+    chunk.clone(all, false);
+    chunk.append(all, start, chunkSize);
+    if (!chunk.toCSV(piece)) {
+      _lastErrorKey.format("SEARCHRESULTS_SPLITFILE_WRITE_FAIL__%s", path.c_str());
+      for (const Pathname& p : out) ::unlink(p.c_str());
+      ::unlink(piece.c_str());
+      out.clear();
+      return false;
+    }
+    out.push_back(piece);
+  }
+  return true;
+}
+
 // ---- settings ----
 
 size_t SearchResults::getMaxResultRows(bool reload) {

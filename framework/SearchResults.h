@@ -211,6 +211,13 @@ class SearchResults {
   bool toCSV(const Pathname& path, const StrVector& fields = StrVector(),
              size_t count = SIZE_MAX, bool header = true, bool dropCR = false) const;
 
+  // Cuts the CSV at `path` into files of `chunkSize` records beside it,
+  // each with the header, named "srsplit_<n>_<name>" (same extension, so
+  // gzipped when the source is). The new names go to `out`. False, with
+  // lastErrorKey() "SEARCHRESULTS_SPLITFILE_WRITE_FAIL__<name>", when a
+  // piece cannot be written; pieces already written are removed.
+  bool splitFile(const Pathname& path, size_t chunkSize, std::vector<Pathname>& out);
+
   // The message key of the last failure, "" when none.
   const Str& lastErrorKey() const { return _lastErrorKey; }
 

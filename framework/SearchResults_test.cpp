@@ -320,6 +320,23 @@ TEST(SearchResultsTest, RoundTripProperty) {
   }
 }
 
+TEST(SearchResultsTest, SplitFile) {
+  TestTempDir dir;
+  SearchResults sr;
+  for (int i = 0; i < 5; ++i) sr.addNewResult()->setValue(Str("v"), Str("r " + std::to_string(i)));
+  Pathname src = dir / "all.csv.gz";
+  ASSERT_TRUE(sr.toCSV(src));
+  std::vector<Pathname> pieces;
+  ASSERT_TRUE(sr.splitFile(src, 2, pieces));
+  ASSERT_EQ(pieces.size(), 3u);
+  EXPECT_EQ(std::string(pieces[2]), std::string(dir / "srsplit_2_all.csv.gz"));
+  SearchResults joined;
+  for (const Pathname& p : pieces) ASSERT_TRUE(joined.fromCSV(p));
+  EXPECT_EQ(rowsOf(joined), rowsOf(sr));
+  EXPECT_FALSE(sr.splitFile(dir / "missing.csv", 2, pieces));
+  EXPECT_TRUE(pieces.empty());
+}
+
 TEST(SearchResultsTest, SettingsHaveDefaults) {
   EXPECT_GT(SearchResults::getMaxResultRows(), 0u);
   EXPECT_GE(SearchResults::getToCSVMaxRetry(), 1u);
