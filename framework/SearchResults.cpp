@@ -12,6 +12,7 @@
 #include "libbundle/PropertyPages.h"
 #include "util/GzipFileDescriptor.h"
 #include "util/Logger.h"
+#include "util/Timeval.h"
 
 namespace {
 
@@ -186,6 +187,43 @@ void SearchResult::setOnlyMultiValues(const Str& name, const StrVector& values) 
   setValue(_parent->keyIndex(mvName(name), true), enc);
 }
 
+bool SearchResult::getTimeval(Timeval& out, size_t index) const {
+  if (index == 0) index = static_cast<const SearchResults*>(_parent)->keyIndex(Str("_time"));
+  const Str* v = valuePtr(index);
+  if (v == nullptr) return false;
+  size_t i = 0, n = v->size();
+  bool negative = i < n && (*v)[i] == '-';
+  if (negative) ++i;
+  size_t digitsStart = i;
+  int64_t sec = 0;
+  for (; i < n && (*v)[i] >= '0' && (*v)[i] <= '9'; ++i) {
+    if (i - digitsStart >= 18) return false;  // would not fit
+    sec = sec * 10 + ((*v)[i] - '0');
+  }
+  if (i == digitsStart) return false;
+  int64_t usec = 0;
+  if (i < n && (*v)[i] == '.') {
+    ++i;
+    size_t fracStart = i;
+    int64_t scale = 100000;
+    for (; i < n && (*v)[i] >= '0' && (*v)[i] <= '9'; ++i) {
+      usec += ((*v)[i] - '0') * scale;
+      scale /= 10;
+    }
+    if (i == fracStart) return false;
+  }
+  if (i != n) return false;
+  if (negative) {
+    sec = -sec;
+    if (usec != 0) {
+      sec -= 1;
+      usec = 1000000 - usec;
+    }
+  }
+  out = Timeval(sec, usec);
+  return true;
+}
+
 uint64_t SearchResult::hash() const {
   // FNV-1a over (index, length, bytes) of each present value.
   uint64_t h = 1469598103934665603ULL;
@@ -318,10 +356,43 @@ bool SearchResults::removeKey(const Str& name) {
 bool SearchResults::renameKey(const Str& oldName, const Str& newName) {
   size_t idx = keyIndex(oldName);
   if (idx == 0 || keyIndex(newName) != 0) return false;
+  std::replace(_columnOrder.begin(), _columnOrder.end(), oldName, newName);
   _keyMap.erase(oldName);
   _keys[idx - 1] = newName;
   _keyMap.emplace(newName, idx);
   return true;
+}
+
+void SearchResults::getColumnOrder(StrVector& out) const {
+  out.clear();
+  std::vector<bool> used(_keys.size() + 1, false);
+  for (const Str& name : _columnOrder) {
+    size_t idx = keyIndex(name);
+    if (idx == 0 || used[idx]) continue;
+    used[idx] = true;
+    out.push_back(name);
+  }
+  for (size_t i = 1; i <= _keys.size(); ++i) {
+    if (!used[i]) out.push_back(_keys[i - 1]);
+  }
+}
+
+size_t SearchResults::collapse() {
+  std::vector<bool> hasValue(_keys.size() + 1, false);
+  for (SearchResult* r : _rows) {
+    for (size_t i = 0; i < r->_values.size(); ++i) {
+      if (r->_values[i] != nullptr) hasValue[i + 1] = true;
+    }
+  }
+  StrVector unused;
+  for (size_t i = 1; i <= _keys.size(); ++i) {
+    if (!hasValue[i]) unused.push_back(_keys[i - 1]);
+  }
+  for (const Str& name : unused) removeKey(name);
+  for (SearchResult* r : _rows) {
+    while (!r->_values.empty() && r->_values.back() == nullptr) r->_values.pop_back();
+  }
+  return unused.size();
 }
 
 SearchResult* SearchResults::addNewResult() {
@@ -401,6 +472,7 @@ void SearchResults::clone(const SearchResults& other, bool rows) {
   freeAll();
   _keys = other._keys;
   _keyMap = other._keyMap;
+  _columnOrder = other._columnOrder;
   if (rows) append(other);
 }
 
@@ -411,6 +483,7 @@ void SearchResults::usurp(SearchResults& other, bool keepKeys) {
   for (SearchResult* r : _rows) r->_parent = this;
   _keys = other._keys;
   _keyMap = other._keyMap;
+  _columnOrder = other._columnOrder;
   if (!keepKeys) {
     other._keys.clear();
     other._keyMap.clear();
@@ -422,6 +495,7 @@ void SearchResults::freeAll() {
   _rows.clear();
   _keys.clear();
   _keyMap.clear();
+  _columnOrder.clear();
 }
 
 int SearchResults::guessTimeOrder() const {
@@ -616,10 +690,9 @@ bool SearchResults::readCSVHeader(const StrSegment& line, std::vector<size_t>& c
 }
 
 bool SearchResults::fromCSV(const Str& text, size_t start, size_t count, bool external) {
-  _lastErrorKey.clear();
   size_t pos = 0;
   // One record: physical lines joined while a quote stays open.
-  auto nextRecord = [&](StrSegment& rec) -> bool {
+  auto nextRecord = [&](Str& rec) -> bool {
     if (pos >= text.size()) return false;
     size_t begin = pos;
     bool quote = false;
@@ -629,11 +702,37 @@ bool SearchResults::fromCSV(const Str& text, size_t start, size_t count, bool ex
       if (c == '"') quote = !quote;
       if (c == '\n' && !quote) break;
     }
-    rec = StrSegment(text.data() + begin, i - begin);
+    rec.assign(text.data() + begin, i - begin);
     pos = i < text.size() ? i + 1 : i;
     return true;
   };
-  StrSegment rec;
+  return fromRecords(nextRecord, "<memory>", start, count, external);
+}
+
+bool SearchResults::fromCSV(LineReader& reader, size_t start, size_t count, bool external) {
+  auto nextRecord = [&](Str& rec) -> bool {
+    if (!reader.readline(rec)) return false;
+    Str more;
+    // "!inquote" marks a complete record; otherwise the line feed belongs
+    // to a quoted value and the next physical line continues it.
+    while (inQuote(rec) && reader.readline(more)) {
+      rec.push_back('\n');
+      rec.append(more);
+    }
+    return true;
+  };
+  return fromRecords(nextRecord, "<reader>", start, count, external);
+}
+
+bool SearchResults::fromCSV(FileStar f, size_t start, size_t count, bool external) {
+  FileStarLineReader reader(f, false);
+  return fromCSV(reader, start, count, external);
+}
+
+bool SearchResults::fromRecords(const std::function<bool(Str&)>& nextRecord, const char* source,
+                                size_t start, size_t count, bool external) {
+  _lastErrorKey.clear();
+  Str rec;
   if (!nextRecord(rec)) {
     gLogger.error("Could not parse csv header.");
     _lastErrorKey = "SEARCHRESULTS_CSV_HEADER_PARSE_FAIL";
@@ -644,7 +743,7 @@ bool SearchResults::fromCSV(const Str& text, size_t start, size_t count, bool ex
   size_t recno = 0, taken = 0;
   unsigned long inconsistent = 0;
   while (taken < count && nextRecord(rec)) {
-    if (rec.size() == 0 || (rec.size() == 1 && rec.data()[0] == '\r')) continue;
+    if (rec.size() == 0 || (rec.size() == 1 && rec[0] == '\r')) continue;
     if (recno++ < start) continue;
     SearchResult* row = new SearchResult(this);
     size_t nf = row->parseCSVLine(rec, columns);
@@ -658,7 +757,7 @@ bool SearchResults::fromCSV(const Str& text, size_t start, size_t count, bool ex
   }
   if (inconsistent) {
     gLogger.warn("While reading file '%s', encountered %lu inconsistent number of column errors.",
-                 "<memory>", inconsistent);
+                 source, inconsistent);
   }
   return true;
 }
@@ -673,7 +772,9 @@ bool SearchResults::fromCSV(const Pathname& path, size_t start, size_t count, bo
 
 void SearchResults::genFieldList(const StrVector& fields, std::vector<size_t>& out) const {
   out.clear();
-  const StrVector& names = fields.empty() ? _keys : fields;
+  StrVector ordered;
+  if (fields.empty()) getColumnOrder(ordered);
+  const StrVector& names = fields.empty() ? ordered : fields;
   std::vector<bool> used(_keys.size() + 1, false);
   for (const Str& n : names) {
     if (n.compare(0, MV_PREFIX_LEN, MV_PREFIX) == 0 && keyIndex(n.substr(MV_PREFIX_LEN)) != 0 &&

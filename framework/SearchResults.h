@@ -16,16 +16,21 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
+#include <memory>
 #include <vector>
 
 #include "util/FileDescriptor.h"
+#include "util/FileStar.h"
+#include "util/LineReader.h"
 #include "util/Pathname.h"
 #include "util/Str.h"
 #include "util/StrSegment.h"
 #include "util/StrVector.h"
 
 class SearchResults;
+class Timeval;
 class WritableGzipFileDescriptor;
 
 // One row. Values are owned pointers indexed by column index minus one; a
@@ -60,6 +65,13 @@ class SearchResult {
   void setMultiValues(const Str& name, const StrVector& values, const StrSegment& separator);
   // Sets only the companion column.
   void setOnlyMultiValues(const Str& name, const StrVector& values);
+
+  // The value at `index` (default: the "_time" column) read as epoch
+  // seconds with up to six fraction digits, more being truncated:
+  // "1700000000.5" gives {1700000000, 500000}, "-1.25" gives {-2, 750000}.
+  // False, `out` untouched, for a missing value or any other text ("",
+  // "12abc", "1e9", ".5").
+  bool getTimeval(Timeval& out, size_t index = 0) const;
 
   // A number mixing every present value with its column index; rows with
   // the same values in the same columns hash equal.
@@ -185,7 +197,17 @@ class SearchResults {
   // Replaces this table by `other`'s contents without copying values;
   // `other` is left empty (its keys too, unless `keepKeys`).
   void usurp(SearchResults& other, bool keepKeys);
+  // Deletes every row and forgets the columns and the column order.
   void freeAll();
+
+  // Columns written when the caller names none: the names given here that
+  // exist, in this order, then every other column in table order. Names
+  // that do not exist are kept, and take their place once they do.
+  void setColumnOrder(const StrVector& names) { _columnOrder = names; }
+  void getColumnOrder(StrVector& out) const;
+  // Drops every column that no row has a value in, and trims rows of
+  // trailing empty slots. Returns the number of columns dropped.
+  size_t collapse();
 
   // +1 when the `_time` values never decrease, -1 when they never
   // increase (and some decrease), 0 when mixed or fewer than two times.
@@ -200,6 +222,12 @@ class SearchResults {
   bool fromCSV(const Str& text, size_t start = 0, size_t count = SIZE_MAX, bool external = false);
   bool fromCSV(const Pathname& path, size_t start = 0, size_t count = SIZE_MAX,
                bool external = false);
+  // Reads records from the reader's position on, a record spanning
+  // physical lines while a quote is open.
+  bool fromCSV(LineReader& reader, size_t start = 0, size_t count = SIZE_MAX,
+               bool external = false);
+  // Reads from the stream's position; the stream stays the caller's, open.
+  bool fromCSV(FileStar f, size_t start = 0, size_t count = SIZE_MAX, bool external = false);
   // Writes `fields` (all keys when empty, each with its "__mv_" companion
   // next to it) and `count` rows. With `header` false only the records.
   bool toCSV(CSVWriter& out, const StrVector& fields = StrVector(), size_t count = SIZE_MAX,
@@ -242,10 +270,69 @@ class SearchResults {
   friend class SearchResult;
   void genFieldList(const StrVector& fields, std::vector<size_t>& out) const;
   bool readCSVHeader(const StrSegment& line, std::vector<size_t>& columns, bool external);
+  bool fromRecords(const std::function<bool(Str&)>& nextRecord, const char* source, size_t start,
+                   size_t count, bool external);
   bool writeOnce(const Pathname& tmp, const Str& bytes, bool gzip) const;
 
   std::vector<SearchResult*> _rows;
   StrVector _keys;
   std::map<Str, size_t> _keyMap;
+  StrVector _columnOrder;
   mutable Str _lastErrorKey;
+};
+
+// Walks the rows of a table that outlives it. The table must not gain or
+// lose rows during the walk. One owner at a time.
+class SearchResultIterator {
+ public:
+  explicit SearchResultIterator(const SearchResults& results) : _results(results) {}
+  // The next row, or nullptr after the last.
+  SearchResult* next();
+  void reset() { _pos = 0; }
+
+ private:
+  const SearchResults& _results;
+  size_t _pos = 0;
+};
+
+// Builds rows from a stream of tokens: each token fills the next of the
+// given columns, and endRow() appends the row. A row that received no
+// token is not appended; tokens past the last column are dropped and
+// counted. One owner at a time; the table must outlive it.
+class SearchResultInserter {
+ public:
+  SearchResultInserter(SearchResults& results, const StrVector& columns);
+  ~SearchResultInserter();
+  SearchResultInserter(const SearchResultInserter&) = delete;
+  SearchResultInserter& operator=(const SearchResultInserter&) = delete;
+
+  void processToken(const Str& token);
+  // False when the row was empty and nothing was appended.
+  bool endRow();
+  size_t droppedTokens() const { return _dropped; }
+
+ private:
+  SearchResults& _results;
+  std::vector<size_t> _columns;
+  SearchResult* _row = nullptr;
+  size_t _next = 0;
+  size_t _dropped = 0;
+};
+
+// Lines of a file by name, through a gzip stream when it ends in ".gz".
+// Check valid(); a missing file is logged "Error while reading %s: %m".
+class FileBackedLineReader : public LineReader {
+ public:
+  explicit FileBackedLineReader(const Pathname& path);
+  ~FileBackedLineReader() override;
+
+  bool readline(Str& out) override;
+  bool rewind() override;
+  void close() override;
+  bool valid() const override;
+  file_offset_t curPos() const override;
+  bool seek_set(file_offset_t offset) override;
+
+ private:
+  std::unique_ptr<LineReader> _reader;
 };

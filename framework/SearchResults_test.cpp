@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <random>
 
+#include "util/Timeval.h"
 #include "util/testing/LogCapture.h"
 #include "util/testing/TestTempDir.h"
 
@@ -340,6 +341,231 @@ TEST(SearchResultsTest, SplitFile) {
 TEST(SearchResultsTest, SettingsHaveDefaults) {
   EXPECT_GT(SearchResults::getMaxResultRows(), 0u);
   EXPECT_GE(SearchResults::getToCSVMaxRetry(), 1u);
+}
+
+TEST(SearchResultsTest, ColumnOrderLeadsThenTableOrder) {
+  const struct {
+    StrVector order;
+    const char* header;
+  } kCases[] = {
+      {{}, "a,b,c,\"__mv_c\""},
+      {{"c", "a"}, "c,\"__mv_c\",a,b"},       // the companion follows its field
+      {{"zz", "b", "b"}, "b,a,c,\"__mv_c\""},  // unknown and repeated names skipped
+  };
+  for (const auto& k : kCases) {
+    SearchResults sr;
+    SearchResult* r = sr.addNewResult();
+    r->setValue(Str("a"), "1");
+    r->setValue(Str("b"), "2");
+    r->setMultiValues(Str("c"), {"x", "y"}, " ");
+    sr.setColumnOrder(k.order);
+    Str csv;
+    ASSERT_TRUE(sr.toCSV(csv));
+    EXPECT_EQ(csv.substr(0, csv.find('\n')), std::string(k.header)) << k.header;
+  }
+  // The order follows a rename and a clone, and a name that appears later
+  // takes its place.
+  SearchResults sr;
+  sr.setColumnOrder({"later", "b"});
+  sr.addNewResult()->setValue(Str("a"), "1");
+  sr.addNewResult()->setValue(Str("b"), "2");
+  ASSERT_TRUE(sr.renameKey(Str("b"), Str("bee")));
+  StrVector order;
+  sr.getColumnOrder(order);
+  EXPECT_EQ(order, (StrVector{"bee", "a"}));
+  sr[0]->setValue(Str("later"), "3");
+  SearchResults copy;
+  copy.clone(sr, false);
+  copy.getColumnOrder(order);
+  EXPECT_EQ(order, (StrVector{"later", "bee", "a"}));
+  sr.freeAll();
+  sr.keyIndex(Str("z"), true);
+  sr.keyIndex(Str("later"), true);
+  sr.getColumnOrder(order);
+  EXPECT_EQ(order, (StrVector{"z", "later"}));
+}
+
+TEST(SearchResultsTest, CollapseDropsEmptyColumns) {
+  SearchResults sr;
+  for (const char* k : {"gone1", "a", "gone2", "b", "gone3"}) sr.keyIndex(Str(k), true);
+  sr.addNewResult()->setValue(Str("a"), "1");
+  SearchResult* r = sr.addNewResult();
+  r->setValue(Str("b"), "");  // empty is a value
+  r->setValue(Str("gone3"), "tmp");
+  r->removeValue(sr.keyIndex(Str("gone3")));
+  Str before;
+  ASSERT_TRUE(sr.toCSV(before, {"a", "b"}));
+  EXPECT_EQ(sr.collapse(), 3u);
+  EXPECT_EQ(sr.keyCount(), 2u);
+  EXPECT_EQ(sr.getKeyFromIndex(1), "a");
+  EXPECT_EQ(sr.getKeyFromIndex(2), "b");
+  EXPECT_LE(sr[0]->slotCount(), 1u);
+  Str after;
+  ASSERT_TRUE(sr.toCSV(after));
+  EXPECT_EQ(after, before);  // same table, fewer columns
+  EXPECT_EQ(sr.collapse(), 0u);
+}
+
+TEST(SearchResultsTest, GetTimevalReadsEpochSeconds) {
+  const struct {
+    const char* text;
+    bool ok;
+    int64_t sec, usec;
+  } kCases[] = {
+      {"1700000000", true, 1700000000, 0},
+      {"1700000000.5", true, 1700000000, 500000},
+      {"1.0000019", true, 1, 1},  // the seventh digit is truncated
+      {"-1.25", true, -2, 750000},
+      {"-3", true, -3, 0},
+      {"0.000001", true, 0, 1},
+      {"", false, 0, 0},
+      {"12abc", false, 0, 0},
+      {"1e9", false, 0, 0},
+      {".5", false, 0, 0},
+      {"5.", false, 0, 0},
+      {"-", false, 0, 0},
+      {" 5", false, 0, 0},
+      {"1234567890123456789", false, 0, 0},  // past 18 digits
+  };
+  for (const auto& c : kCases) {
+    SearchResults sr;
+    SearchResult* r = sr.addNewResult();
+    r->setValue(Str("_time"), c.text);
+    r->setValue(Str("other"), c.text);
+    for (size_t index : {size_t(0), sr.keyIndex(Str("other"))}) {
+      Timeval tv(77, 77);
+      EXPECT_EQ(r->getTimeval(tv, index), c.ok) << c.text;
+      if (c.ok) {
+        EXPECT_EQ(tv.tv_sec, c.sec) << c.text;
+        EXPECT_EQ(tv.tv_usec, c.usec) << c.text;
+      } else {
+        EXPECT_EQ(tv.tv_sec, 77) << c.text;  // untouched
+      }
+    }
+  }
+  SearchResults sr;
+  Timeval tv;
+  EXPECT_FALSE(sr.addNewResult()->getTimeval(tv));  // no _time column at all
+}
+
+// A table holding the awkward cases: quoted newlines, CRs, empties, mv.
+void fillAwkward(SearchResults& sr) {
+  const char* kValues[][3] = {
+      {"plain", "", "a\nb"},
+      {"with \"quotes\"", "x,y", "line1\rline2\n"},
+      {"", "\n", "end"},
+  };
+  for (const auto& v : kValues) {
+    SearchResult* r = sr.addNewResult();
+    r->setValue(Str("one"), v[0]);
+    r->setValue(Str("two"), v[1]);
+    r->setMultiValues(Str("three"), {v[2], "$"}, "\n");
+  }
+}
+
+TEST(SearchResultsTest, ReadersAgreeWithStringParser) {
+  SearchResults src;
+  fillAwkward(src);
+  Str csv;
+  ASSERT_TRUE(src.toCSV(csv));
+  SearchResults fromStr;
+  ASSERT_TRUE(fromStr.fromCSV(csv));
+  ASSERT_EQ(rowsOf(fromStr), rowsOf(src));
+
+  StringLineReader lines(csv);
+  SearchResults fromLines;
+  ASSERT_TRUE(fromLines.fromCSV(lines));
+  EXPECT_EQ(rowsOf(fromLines), rowsOf(src));
+
+  TestTempDir dir;
+  for (const char* name : {"t.csv", "t.csv.gz"}) {
+    Pathname p(std::string(dir.path()) + "/" + name);
+    ASSERT_TRUE(src.toCSV(p)) << name;
+    FileBackedLineReader reader(p);
+    ASSERT_TRUE(reader.valid()) << name;
+    SearchResults fromFile;
+    ASSERT_TRUE(fromFile.fromCSV(reader, 1, 1)) << name;
+    ASSERT_EQ(fromFile.size(), 1u) << name;
+    EXPECT_EQ(rowsOf(fromFile)[0], rowsOf(src)[1]) << name;
+    ASSERT_TRUE(reader.rewind()) << name;
+    SearchResults again;
+    ASSERT_TRUE(again.fromCSV(reader)) << name;
+    EXPECT_EQ(rowsOf(again), rowsOf(src)) << name;
+  }
+
+  Pathname p(std::string(dir.path()) + "/star.csv");
+  ASSERT_TRUE(src.toCSV(p));
+  ScopedFileStar f(p, "r");
+  ASSERT_TRUE(f.valid());
+  SearchResults fromStar;
+  ASSERT_TRUE(fromStar.fromCSV(static_cast<FileStar&>(f), 0, 2));
+  EXPECT_EQ(fromStar.size(), 2u);
+  Str rest;
+  EXPECT_TRUE(f.readline(rest));  // the stream stays open where reading stopped
+}
+
+// Line readers fold "\r\n" into "\n", inside a quoted value too; only the
+// whole-text parser keeps it.
+TEST(SearchResultsTest, LineReadersFoldCrLfInsideQuotes) {
+  const Str csv("v\n\"a\r\nb\"\n");
+  SearchResults whole, byLine;
+  ASSERT_TRUE(whole.fromCSV(csv));
+  StringLineReader lines(csv);
+  ASSERT_TRUE(byLine.fromCSV(lines));
+  ASSERT_EQ(whole.size(), 1u);
+  ASSERT_EQ(byLine.size(), 1u);
+  EXPECT_EQ(rowsOf(whole)[0].at("v"), "a\r\nb");
+  EXPECT_EQ(rowsOf(byLine)[0].at("v"), "a\nb");
+}
+
+TEST(SearchResultsTest, ReaderFailures) {
+  ScopedLogCapture log("SearchResults");
+  TestTempDir dir;
+  FileBackedLineReader missing(Pathname(std::string(dir.path()) + "/absent.csv"));
+  EXPECT_FALSE(missing.valid());
+  EXPECT_NE(log.text().find("Error while reading"), std::string::npos);
+
+  const char* kBad[] = {"", "\n"};  // nothing, or an empty header
+  for (const char* text : kBad) {
+    StringLineReader lines{StrSegment(text)};
+    SearchResults sr;
+    EXPECT_FALSE(sr.fromCSV(lines)) << text;
+    EXPECT_EQ(sr.lastErrorKey(), "SEARCHRESULTS_CSV_HEADER_PARSE_FAIL");
+  }
+  // An unclosed quote swallows the rest of the input into one record
+  // instead of looping or crashing.
+  StringLineReader lines{StrSegment("a,b\n1,\"open\n2,3\n")};
+  SearchResults sr;
+  EXPECT_TRUE(sr.fromCSV(lines));
+  EXPECT_LE(sr.size(), 1u);
+}
+
+TEST(SearchResultsTest, IteratorAndInserter) {
+  SearchResults sr;
+  {
+    SearchResultInserter ins(sr, {"k", "v"});
+    const std::vector<std::vector<const char*>> kRows = {
+        {"a", "1"}, {"b"}, {}, {"c", "3", "extra", "more"}};
+    for (const auto& row : kRows) {
+      for (const char* t : row) ins.processToken(Str(t));
+      EXPECT_EQ(ins.endRow(), !row.empty());
+    }
+    EXPECT_EQ(ins.droppedTokens(), 2u);
+    ins.processToken(Str("pending"));  // never ended: freed, not appended
+  }
+  const std::vector<Row> expected = {{{"k", "a"}, {"v", "1"}}, {{"k", "b"}}, {{"k", "c"}, {"v", "3"}}};
+  EXPECT_EQ(rowsOf(sr), expected);
+  SearchResultIterator it(sr);
+  for (int pass = 0; pass < 2; ++pass) {
+    size_t n = 0;
+    while (SearchResult* r = it.next()) {
+      EXPECT_EQ(r, sr[n]);
+      ++n;
+    }
+    EXPECT_EQ(n, sr.size());
+    EXPECT_EQ(it.next(), nullptr);
+    it.reset();
+  }
 }
 
 }  // namespace
