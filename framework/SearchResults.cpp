@@ -306,7 +306,10 @@ bool ScopedCSVWriter::finish() { return _writer != nullptr && _writer->finish();
 
 // ---- SearchResults: keys and rows ----
 
-SearchResults::~SearchResults() { freeAll(); }
+SearchResults::~SearchResults() {
+  removeFiles();
+  freeAll();
+}
 
 size_t SearchResults::keyIndex(const Str& name) const {
   auto it = _keyMap.find(name);

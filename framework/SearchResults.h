@@ -246,6 +246,35 @@ class SearchResults {
   // piece cannot be written; pieces already written are removed.
   bool splitFile(const Pathname& path, size_t chunkSize, std::vector<Pathname>& out);
 
+  // Backing files. Rows can be spilled to files in a private temporary
+  // directory "<parent>/srtemp_XXXXXX" and read back one file at a time.
+  // False, logged "Could not create directory \"%s\": %m", on failure.
+  bool createTempDir(const Pathname& parent);
+  const Pathname& tempDir() const { return _tempDir; }
+  // Writes the rows to a new "srtmpfile_<n>.csv.gz" in the temporary
+  // directory (created under $TMPDIR or /tmp if there is none), adds it to
+  // the file list and frees the rows (the columns stay). False, rows kept,
+  // when it cannot be written.
+  bool writeFile();
+  // Appends `path` to the file list; it is deleted with the others unless
+  // marked copy-on-write.
+  void addFile(const Pathname& path) { _files.push_back(path); }
+  const std::vector<Pathname>& files() const { return _files; }
+  // Files shared with another table: never deleted here; each one left is
+  // logged "Copy on write file not deleted: %s".
+  void setCowFiles(bool cow) { _cowFiles = cow; }
+  // Frees the rows and reads the next listed file; false after the last.
+  bool nextFile();
+  // Appends the rows of `path`.
+  bool readFile(const Pathname& path) { return fromCSV(path); }
+  // Unlinks one file (unless copy-on-write) and drops it from the list.
+  // False, logged "Error deleting file: %s", when it cannot be removed.
+  bool deleteFile(const Pathname& path);
+  // Deletes every listed file and the temporary directory. A directory
+  // whose name is not one of ours is refused and logged "in
+  // _removeDirs(), not a temporary directory: %s".
+  void removeFiles();
+
   // The message key of the last failure, "" when none.
   const Str& lastErrorKey() const { return _lastErrorKey; }
 
@@ -278,6 +307,11 @@ class SearchResults {
   StrVector _keys;
   std::map<Str, size_t> _keyMap;
   StrVector _columnOrder;
+  Pathname _tempDir;
+  std::vector<Pathname> _files;
+  size_t _nextFile = 0;
+  size_t _fileSeq = 0;
+  bool _cowFiles = false;
   mutable Str _lastErrorKey;
 };
 

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <random>
 
@@ -566,6 +568,87 @@ TEST(SearchResultsTest, IteratorAndInserter) {
     EXPECT_EQ(it.next(), nullptr);
     it.reset();
   }
+}
+
+TEST(SearchResultsTest, SpillsToFilesAndReadsThemBack) {
+  TestTempDir dir;
+  std::vector<Row> all;
+  Pathname tmp;
+  {
+    SearchResults sr;
+    ASSERT_TRUE(sr.createTempDir(dir.path()));
+    tmp = sr.tempDir();
+    EXPECT_NE(std::string(tmp).find("/srtemp_"), std::string::npos);
+    for (int f = 0; f < 3; ++f) {
+      for (int i = 0; i < 4; ++i) {
+        SearchResult* r = sr.addNewResult();
+        r->setValue(Str("n"), Str(std::to_string(f * 4 + i)));
+        if (i % 2) r->setMultiValues(Str("m"), {"a", "b c"}, " ");
+      }
+      std::vector<Row> part = rowsOf(sr);
+      all.insert(all.end(), part.begin(), part.end());
+      ASSERT_TRUE(sr.writeFile());
+      EXPECT_TRUE(sr.empty());
+    }
+    ASSERT_EQ(sr.files().size(), 3u);
+    std::vector<Row> back;
+    while (sr.nextFile()) {
+      std::vector<Row> part = rowsOf(sr);
+      back.insert(back.end(), part.begin(), part.end());
+    }
+    EXPECT_EQ(back, all);
+    const Pathname second = sr.files()[1];
+    EXPECT_TRUE(sr.deleteFile(sr.files()[1]));  // an entry of the list itself
+    EXPECT_EQ(sr.files().size(), 2u);
+    EXPECT_FALSE(second.exists());
+    EXPECT_TRUE(sr.files()[1].exists());
+    EXPECT_TRUE(tmp.exists());
+  }
+  EXPECT_FALSE(tmp.exists());  // the destructor removes files and directory
+}
+
+TEST(SearchResultsTest, CowFilesSurvive) {
+  ScopedLogCapture log("SearchResults");
+  TestTempDir dir;
+  Pathname shared = dir.path() / "shared.csv";
+  {
+    SearchResults owner;
+    owner.addNewResult()->setValue(Str("x"), "1");
+    ASSERT_TRUE(owner.toCSV(shared));
+  }
+  {
+    SearchResults sr;
+    sr.addFile(shared);
+    sr.setCowFiles(true);
+    ASSERT_TRUE(sr.nextFile());
+    EXPECT_EQ(sr.size(), 1u);
+    EXPECT_FALSE(sr.nextFile());
+  }
+  EXPECT_TRUE(shared.exists());
+  EXPECT_NE(log.text().find("Copy on write file not deleted: " + std::string(shared)),
+            std::string::npos);
+  {
+    SearchResults sr;  // not shared: deleted with the table
+    sr.addFile(shared);
+  }
+  EXPECT_FALSE(shared.exists());
+}
+
+TEST(SearchResultsTest, FileFailures) {
+  ScopedLogCapture log("SearchResults");
+  TestTempDir dir;
+  SearchResults sr;
+  EXPECT_FALSE(sr.createTempDir(dir.path() / "no" / "such"));
+  EXPECT_NE(log.text().find("Could not create directory \""), std::string::npos);
+  ASSERT_TRUE(sr.createTempDir(dir.path()));
+  sr.addNewResult()->setValue(Str("x"), "1");
+  ASSERT_EQ(::rmdir(sr.tempDir().c_str()), 0);  // pulled away underneath
+  EXPECT_FALSE(sr.writeFile());
+  EXPECT_EQ(sr.size(), 1u);  // rows kept when the spill fails
+  EXPECT_TRUE(sr.files().empty());
+  EXPECT_TRUE(sr.deleteFile(dir.path() / "never-existed.csv"));
+  sr.addFile(dir.path() / "gone.csv");
+  EXPECT_FALSE(sr.nextFile());  // unreadable file ends the walk
 }
 
 }  // namespace
