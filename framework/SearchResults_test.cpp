@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -338,6 +339,24 @@ TEST(SearchResultsTest, SplitFile) {
   EXPECT_EQ(rowsOf(joined), rowsOf(sr));
   EXPECT_FALSE(sr.splitFile(dir / "missing.csv", 2, pieces));
   EXPECT_TRUE(pieces.empty());
+}
+
+TEST(SearchResultsTest, SplitFileRemovesPiecesWhenOneCannotBeWritten) {
+  ScopedLogCapture log("SearchResults");
+  TestTempDir dir;
+  SearchResults sr;
+  for (int i = 0; i < 5; ++i) sr.addNewResult()->setValue(Str("v"), Str(std::to_string(i)));
+  Pathname src = dir / "all.csv";
+  ASSERT_TRUE(sr.toCSV(src));
+  // A directory where the second piece must go: its rename cannot succeed.
+  ASSERT_EQ(::mkdir(std::string(dir / "srsplit_1_all.csv").c_str(), 0700), 0);
+  std::vector<Pathname> pieces;
+  EXPECT_FALSE(sr.splitFile(src, 2, pieces));
+  EXPECT_TRUE(pieces.empty());
+  EXPECT_EQ(sr.lastErrorKey(), "SEARCHRESULTS_SPLITFILE_WRITE_FAIL__" + std::string(src));
+  EXPECT_FALSE((dir / "srsplit_0_all.csv").exists());  // the written piece is gone again
+  EXPECT_FALSE((dir / "srsplit_1_all.csv.tmp").exists());
+  EXPECT_TRUE(src.exists());
 }
 
 TEST(SearchResultsTest, SettingsHaveDefaults) {
