@@ -4,11 +4,27 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "libbundle/PropertiesMap.h"
+#include "libbundle/PropertyPages.h"
 #include "util/Logger.h"
+#include "util/Regex.h"
+#include "util/RegexMatch.h"
 
 namespace {
 
 Logger gLogger("SearchEvaluator");
+
+bool searchLimitFlag(const char* key, bool dflt) {
+  try {
+    PropertyPages* pages = PropertyPages::instance("limits");
+    PropertiesMap stanza;
+    if (pages == nullptr || !pages->getStanza("search", stanza)) return dflt;
+    return stanza.get(key).toBool(dflt, dflt);
+  } catch (const std::exception&) {
+    // Without a configuration (tools, tests) the built-in defaults apply.
+    return dflt;
+  }
+}
 
 bool isComparatorChar(char c) { return c == '!' || c == '=' || c == '<' || c == '>'; }
 bool isSpace(char c) {
@@ -120,6 +136,29 @@ RETokenizer::RETokenizer(const Str& text, bool allowTermDirective, bool allowCas
     pending.push_back(c);
   }
   flush();
+}
+
+RETokenizer::RETokenizer(const Str& text, bool useRegex, bool allowTermDirective,
+                         bool allowCaseDirective)
+    : RETokenizer(useRegex ? Str() : text, allowTermDirective, allowCaseDirective) {
+  if (!useRegex) return;
+  static const Regex kCut(
+      Str("^(.*?)(\\s+|\\(|\\)|(?<!\\\\)\"(?:\\\\.|[^\"\\\\]+)*\"|!?=|[<>]=?)"));
+  StrSegment rest(text);
+  RegexMatch m;
+  while (rest.size() > 0 && kCut.match(rest, &m, true)) {
+    const StrSegment& pending = m.getGroup(1);
+    const StrSegment& delim = m.getGroup(2);
+    if (pending.size() > 0) _tokens.emplace_back(pending);
+    if (delim.size() > 0 && !isSpace(delim.data()[0])) _tokens.emplace_back(delim);
+  }
+  if (rest.size() > 0) _tokens.emplace_back(rest);
+}
+
+RETokenizer RETokenizer::fromSettings(const Str& text) {
+  return RETokenizer(text, searchLimitFlag("use_regex_tokenizer", false),
+                     searchLimitFlag("allow_term_directive", true),
+                     searchLimitFlag("allow_case_directive", true));
 }
 
 // ---- LispyNode ----
@@ -583,7 +622,7 @@ void ParseNodeGROUP::getLeaves(std::vector<ParseNode*>& out, size_t depth) const
 // ---- SearchEvaluator ----
 
 SearchEvaluator::SearchEvaluator(const Str& search, bool allowUnbalanced) : _search(search) {
-  RETokenizer tok(search);
+  RETokenizer tok = RETokenizer::fromSettings(search);
   std::unique_ptr<ParseNodeGROUP> root(new ParseNodeGROUP(true));
   std::vector<ParseNodeGROUP*> stack{root.get()};
   for (const Str& t : tok.tokens()) {

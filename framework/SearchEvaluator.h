@@ -46,10 +46,22 @@ class SearchParsingException : public std::exception {
 // Splits a search string into tokens. Quoted tokens keep their quotes and
 // backslashes; "(" and ")" stand alone except in "TERM(...)" and
 // "CASE(...)"; comparator runs of "!=<>" are tokens of their own.
+//
+// The regex path cuts the text repeatedly with
+// ^(.*?)(\s+|\(|\)|(?<!\\)"(?:\\.|[^"\\]+)*"|!?=|[<>]=?): group 1 is a token when
+// not empty, group 2 one unless it is whitespace, and what is left at the
+// end is the last token. It knows no directives: "TERM(a b)" gives "TERM",
+// "(", "a", "b", ")". A quote left open is taken with the rest as it is.
 class RETokenizer {
  public:
   explicit RETokenizer(const Str& text, bool allowTermDirective = true,
                        bool allowCaseDirective = true);
+  // The regex path when `useRegex`, else as above.
+  RETokenizer(const Str& text, bool useRegex, bool allowTermDirective, bool allowCaseDirective);
+  // With "use_regex_tokenizer" (default false), "allow_term_directive" and
+  // "allow_case_directive" (default true) from limits stanza "search"; the
+  // defaults when there is no configuration.
+  static RETokenizer fromSettings(const Str& text);
   const StrVector& tokens() const { return _tokens; }
 
  private:

@@ -421,4 +421,53 @@ TEST(SearchEvaluatorTest, PropertiesAgainstReference) {
   }
 }
 
+TEST(SearchEvaluatorTest, RegexTokenizerCuts) {
+  const struct {
+    const char* text;
+    StrVector tokens;
+  } kCases[] = {
+      {"a!=b", {"a", "!=", "b"}},
+      {"x<=5 y>3 z<7", {"x", "<=", "5", "y", ">", "3", "z", "<", "7"}},
+      {"  (a OR b)  ", {"(", "a", "OR", "b", ")"}},
+      {"\"a b\" c", {"\"a b\"", "c"}},
+      {"\"a \\\"q\\\" b\"", {"\"a \\\"q\\\" b\""}},   // escaped quotes stay inside
+      {"x\\\"y", {"x\\\"y"}},                         // an escaped quote opens nothing
+      {"TERM(a b)", {"TERM", "(", "a", "b", ")"}},    // no directives on this path
+      {"a\n\tb", {"a", "b"}},
+      {"tail", {"tail"}},
+      {"", {}},
+      {"\"open quote", {"\"open", "quote"}},          // never closed: not a quoted token
+      {"a==b", {"a", "=", "=", "b"}},                 // "!?=" takes one "=" at a time
+  };
+  for (const auto& c : kCases) {
+    RETokenizer tok(Str(c.text), true, true, true);
+    EXPECT_EQ(tok.tokens(), c.tokens) << c.text;
+  }
+}
+
+// Where neither path has a quirk to show, the two must agree.
+TEST(SearchEvaluatorTest, RegexAndScanningTokenizersAgree) {
+  const char* const kAlphabet[] = {"a", "b1", " ", "(", ")", "=", "!=", "<", ">=", "\"q r\"", "OR"};
+  std::mt19937 rng(7);
+  for (int n = 0; n < 2000; ++n) {
+    Str text;
+    size_t len = rng() % 8;
+    for (size_t i = 0; i < len; ++i) text.append(kAlphabet[rng() % 11]);
+    RETokenizer scan(text, false, true, true), cut(text, true, true, true);
+    // Runs of comparator bytes are one token to the scanner only.
+    bool cmpRun = false;
+    for (size_t i = 1; i < text.size(); ++i) {
+      auto isCmp = [](char ch) { return ch == '=' || ch == '!' || ch == '<' || ch == '>'; };
+      if (isCmp(text[i - 1]) && isCmp(text[i])) cmpRun = true;
+    }
+    if (cmpRun) continue;
+    EXPECT_EQ(scan.tokens(), cut.tokens()) << text;
+  }
+}
+
+TEST(SearchEvaluatorTest, TokenizerSettingsDefaultWithoutConfiguration) {
+  RETokenizer tok = RETokenizer::fromSettings(Str("TERM(a b) x"));
+  EXPECT_EQ(tok.tokens(), (StrVector{"TERM(a b)", "x"}));  // the scanning path, directives on
+}
+
 }  // namespace
