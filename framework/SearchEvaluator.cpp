@@ -1,5 +1,6 @@
 #include "framework/SearchEvaluator.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -388,6 +389,43 @@ std::unique_ptr<LispyNode> ParseNodeCMP::toLispyNode() const {
   return neg;
 }
 
+// ---- CMPVector ----
+
+void ParseNodeCMPVector::optimize() {
+  for (ParseNodeCMP* c : _cmps) {
+    if (!c->isPlainMatch()) continue;
+    _trie.insert(c->getLowerVal(), c);
+    _inTrie.push_back(c);
+  }
+  _optimized = true;
+}
+
+void ParseNodeCMPVector::evaluate(const StrVector& values) const {
+  std::vector<ParseNodeCMP*> hits;
+  if (!_inTrie.empty()) {
+    for (const Str& v : values) _trie.find(lower(v), hits);
+  }
+  for (ParseNodeCMP* c : _cmps) {
+    if (c->hasValue()) continue;
+    bool covered = _optimized && c->isPlainMatch();
+    if (!covered) {
+      c->evaluate(values);
+      continue;
+    }
+    bool hit = std::find(hits.begin(), hits.end(), c) != hits.end();
+    c->setValue(hit != c->isNegated());
+  }
+}
+
+void ParseNodeCMPVector::evaluate(const SearchResult* row, size_t keyIndex) const {
+  StrVector values;
+  if (keyIndex == 0 || !row->getMultiValues(keyIndex, values)) {
+    for (ParseNodeCMP* c : _cmps) c->evaluate(row, keyIndex);
+    return;
+  }
+  evaluate(values);
+}
+
 // ---- GROUP ----
 
 ParseNodeGROUP::~ParseNodeGROUP() {
@@ -651,9 +689,10 @@ SearchEvaluator::SearchEvaluator(const Str& search, bool allowUnbalanced) : _sea
     if (l->isTERM()) _terms.push_back(static_cast<ParseNodeTERM*>(l));
     if (l->isCMP()) {
       ParseNodeCMP* c = static_cast<ParseNodeCMP*>(l);
-      _cmps[c->getKey()].push_back(c);
+      _cmps[c->getKey()].add(c);
     }
   }
+  for (auto& [field, cmps] : _cmps) cmps.optimize();
 }
 
 SearchEvaluator::~SearchEvaluator() { delete _root; }
@@ -703,7 +742,7 @@ int SearchEvaluator::isMatch(const SearchResult* row, const std::set<Str>& ignor
       continue;
     }
     size_t idx = _keyIndexes[field];
-    for (ParseNodeCMP* c : cmps) c->evaluate(row, idx);
+    cmps.evaluate(row, idx);
     if (_root->getValue(v)) return v ? 1 : 0;
   }
   // With every leaf decided, an OR that never saw a true child is false:

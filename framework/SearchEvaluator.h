@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "framework/SearchResults.h"
+#include "framework/WildcardMatcherTrie.h"
 #include "util/Str.h"
 #include "util/StrVector.h"
 #include "util/WildcardMatcher.h"
@@ -188,6 +189,10 @@ class ParseNodeCMP : public ParseNode {
   const Str& getKey() const { return _key; }
   const Str& getVal() const { return _value; }
   const Str& getCmp() const { return _cmp; }
+  // Equality against a non-numeric value: decided by wildcard matching of
+  // the lowered value alone, so a trie of such values can stand in for it.
+  bool isPlainMatch() const { return _hasSides && !_isLT && !_isGT && !_isNum; }
+  const Str& getLowerVal() const { return _lowerValue; }
   // Decides from the row's values (true when any satisfies it).
   void evaluate(const StrVector& values);
   void evaluate(const SearchResult* row, size_t keyIndex);
@@ -207,6 +212,27 @@ class ParseNodeCMP : public ParseNode {
   bool _isNum = false;
   double _num = 0;
   WildcardMatcher _matcher;
+};
+
+// The comparisons of one field. Plain-match comparisons are looked up
+// together in a trie of their values, once per row value, instead of each
+// one trying every value; the others are tried in turn. Borrows the
+// comparisons, which must outlive it. One owner at a time.
+class ParseNodeCMPVector {
+ public:
+  void add(ParseNodeCMP* cmp) { _cmps.push_back(cmp); }
+  const std::vector<ParseNodeCMP*>& cmps() const { return _cmps; }
+  // Builds the trie; comparisons added afterwards are tried in turn.
+  void optimize();
+  // Decides every undecided comparison from the row's values.
+  void evaluate(const StrVector& values) const;
+  void evaluate(const SearchResult* row, size_t keyIndex) const;
+
+ private:
+  std::vector<ParseNodeCMP*> _cmps;
+  std::vector<ParseNodeCMP*> _inTrie;
+  WildcardMatcherTrie<ParseNodeCMP*> _trie;
+  bool _optimized = false;
 };
 
 class ParseNodeGROUP : public ParseNode {
@@ -264,7 +290,7 @@ class SearchEvaluator {
   ParseNodeGROUP* _root = nullptr;
   std::vector<ParseNode*> _leaves;
   std::vector<ParseNodeTERM*> _terms;
-  std::map<Str, std::vector<ParseNodeCMP*>> _cmps;
+  std::map<Str, ParseNodeCMPVector> _cmps;
   std::map<Str, size_t> _keyIndexes;
   size_t _rawIndex = 0;
   const SearchResults* _keysFor = nullptr;

@@ -470,4 +470,37 @@ TEST(SearchEvaluatorTest, TokenizerSettingsDefaultWithoutConfiguration) {
   EXPECT_EQ(tok.tokens(), (StrVector{"TERM(a b)", "x"}));  // the scanning path, directives on
 }
 
+// The trie must decide exactly as trying each comparison in turn does.
+TEST(SearchEvaluatorTest, CmpVectorTrieAgreesWithEachComparison) {
+  const struct { const char* cmp; const char* value; } kCmps[] = {
+      {"=", "web*"}, {"=", "Web01"}, {"!=", "*01"}, {"=", "*"}, {"=", "42"},
+      {"<", "m"},    {">=", "10"},   {"=", "a*b*c"}, {"!=", "db"}, {"=", ""},
+  };
+  const char* kValues[] = {"web01", "WEB02", "db", "42", "42.0", "abc", "axbyc", "", "9", "zz"};
+  std::mt19937 rng(3);
+  for (int n = 0; n < 300; ++n) {
+    std::vector<std::unique_ptr<ParseNodeCMP>> a, b;
+    ParseNodeCMPVector fast, slow;
+    for (const auto& c : kCmps) {
+      a.push_back(std::make_unique<ParseNodeCMP>(Str(c.cmp)));
+      b.push_back(std::make_unique<ParseNodeCMP>(Str(c.cmp)));
+      a.back()->setSides(Str("host"), Str(c.value));
+      b.back()->setSides(Str("host"), Str(c.value));
+      fast.add(a.back().get());
+      slow.add(b.back().get());
+    }
+    fast.optimize();
+    StrVector values;
+    for (size_t k = rng() % 4; k > 0; --k) values.push_back(Str(kValues[rng() % 10]));
+    fast.evaluate(values);
+    slow.evaluate(values);
+    for (size_t i = 0; i < a.size(); ++i) {
+      bool va = false, vb = false;
+      ASSERT_TRUE(a[i]->getValue(va));
+      ASSERT_TRUE(b[i]->getValue(vb));
+      EXPECT_EQ(va, vb) << kCmps[i].cmp << kCmps[i].value << " over " << values.size() << " values";
+    }
+  }
+}
+
 }  // namespace
