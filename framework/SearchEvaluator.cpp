@@ -1,5 +1,7 @@
 #include "framework/SearchEvaluator.h"
 
+#include <arpa/inet.h>
+
 #include <algorithm>
 #include <cstdarg>
 #include <cstdlib>
@@ -25,6 +27,38 @@ bool searchLimitFlag(const char* key, bool dflt) {
     // Without a configuration (tools, tests) the built-in defaults apply.
     return dflt;
   }
+}
+
+// Dotted-quad IPv4, each part 0-255 without sign or blanks.
+bool parseIPv4(const Str& text, uint32_t& out) {
+  in_addr a;
+  if (inet_pton(AF_INET, text.c_str(), &a) != 1) return false;
+  out = ntohl(a.s_addr);
+  return true;
+}
+
+// The shape "digits and dots, a slash, digits": a value written as a
+// subnet, valid or not.
+bool looksLikeCidr(const Str& value) {
+  size_t slash = value.find('/');
+  if (slash == Str::npos || slash == 0 || slash + 1 == value.size()) return false;
+  if (value.find_first_not_of("0123456789.") != slash) return false;
+  return value.find_first_not_of("0123456789", slash + 1) == Str::npos;
+}
+
+// "a.b.c.d/n" with n from 0 to 32; the network is the address masked, so
+// "10.1.2.3/8" is 10.0.0.0/8.
+bool parseCidr(const Str& value, uint32_t& net, uint32_t& mask) {
+  size_t slash = value.find('/');
+  uint32_t addr;
+  if (!parseIPv4(value.substr(0, slash), addr)) return false;
+  Str bits = value.substr(slash + 1);
+  if (bits.size() > 2) return false;
+  long n = bits.toLong(-1);
+  if (n < 0 || n > 32) return false;
+  mask = n == 0 ? 0 : ~uint32_t(0) << (32 - n);
+  net = addr & mask;
+  return true;
 }
 
 bool isComparatorChar(char c) { return c == '!' || c == '=' || c == '<' || c == '>'; }
@@ -314,6 +348,12 @@ void ParseNodeCMP::setSides(const Str& key, const Str& value) {
   _matcher.init(_lowerValue.c_str());
   _isNum = parseNumber(value, _num);
   _hasSides = true;
+  _isCidr = false;
+  if (_isLT || _isGT || !looksLikeCidr(value)) return;
+  if (!parseCidr(value, _cidrNet, _cidrMask)) {
+    throw SearchParsingException("Invalid CIDR subnet: %s", value.c_str());
+  }
+  _isCidr = true;
 }
 
 Str ParseNodeCMP::toString() const {
@@ -336,6 +376,10 @@ Str ParseNodeCMP::toString() const {
 }
 
 bool ParseNodeCMP::test(const Str& lowerValue) const {
+  if (_isCidr) {
+    uint32_t addr;
+    return parseIPv4(lowerValue, addr) && (addr & _cidrMask) == _cidrNet;
+  }
   bool range = _isLT || _isGT;
   double n;
   if (_isNum && parseNumber(lowerValue, n)) {
@@ -376,7 +420,7 @@ void ParseNodeCMP::evaluate(const SearchResult* row, size_t keyIndex) {
 
 std::unique_ptr<LispyNode> ParseNodeCMP::toLispyNode() const {
   // Only equality narrows what the index returns.
-  if (_isLT || _isGT || (_isNegated && _value.find('*') != Str::npos)) {
+  if (_isLT || _isGT || _isCidr || (_isNegated && _value.find('*') != Str::npos)) {
     return LispyNode::term("*");
   }
   Str t(lispyEscape(lower(_key)));

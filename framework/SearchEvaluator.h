@@ -179,6 +179,10 @@ class ParseNodeCMP : public ParseNode {
   bool isLeaf() const override { return true; }
   std::unique_ptr<LispyNode> toLispyNode() const override;
 
+  // An equality whose value is written "a.b.c.d/n" compares as a subnet:
+  // it holds for IPv4 values inside it ("10.0.0.0/8" takes "10.9.8.7", not
+  // "11.0.0.1" nor "host"). A value of that shape that is not a subnet
+  // ("300.0.0.0/8", "10.0.0.0/33") throws "Invalid CIDR subnet: %s".
   void setSides(const Str& key, const Str& value);
   void setIndexed(bool v) { _indexed = v; }
   bool hasSides() const { return _hasSides; }
@@ -191,7 +195,7 @@ class ParseNodeCMP : public ParseNode {
   const Str& getCmp() const { return _cmp; }
   // Equality against a non-numeric value: decided by wildcard matching of
   // the lowered value alone, so a trie of such values can stand in for it.
-  bool isPlainMatch() const { return _hasSides && !_isLT && !_isGT && !_isNum; }
+  bool isPlainMatch() const { return _hasSides && !_isLT && !_isGT && !_isNum && !_isCidr; }
   const Str& getLowerVal() const { return _lowerValue; }
   // Decides from the row's values (true when any satisfies it).
   void evaluate(const StrVector& values);
@@ -211,6 +215,9 @@ class ParseNodeCMP : public ParseNode {
   bool _indexed = false;
   bool _isNum = false;
   double _num = 0;
+  bool _isCidr = false;
+  uint32_t _cidrNet = 0;
+  uint32_t _cidrMask = 0;
   WildcardMatcher _matcher;
 };
 

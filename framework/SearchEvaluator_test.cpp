@@ -113,6 +113,9 @@ TEST(SearchEvaluatorTest, GrammarTable) {
 TEST(SearchEvaluatorTest, BadSearches) {
   const Case cases[] = {
       {"a=b=c", "Comparator '=' has an invalid term on the left hand side"},
+      {"ip=300.0.0.0/8", "Invalid CIDR subnet: 300.0.0.0/8"},
+      {"ip!=10.0.0.0/33", "Invalid CIDR subnet: 10.0.0.0/33"},
+      {"ip=10.0.0/8", "Invalid CIDR subnet: 10.0.0/8"},
       {"a)b", "unbalanced parentheses"},
       {"(a", "unbalanced parentheses"},
       {"a)", "unbalanced parentheses"},
@@ -501,6 +504,48 @@ TEST(SearchEvaluatorTest, CmpVectorTrieAgreesWithEachComparison) {
       EXPECT_EQ(va, vb) << kCmps[i].cmp << kCmps[i].value << " over " << values.size() << " values";
     }
   }
+}
+
+TEST(SearchEvaluatorTest, CidrValuesCompareAsSubnets) {
+  const struct {
+    const char* cmp;
+    const char* value;
+    const char* row;
+    bool expect;
+  } kCases[] = {
+      {"=", "10.0.0.0/8", "10.9.8.7", true},
+      {"=", "10.0.0.0/8", "11.0.0.1", false},
+      {"=", "10.0.0.0/8", "host", false},          // not an address at all
+      {"=", "10.1.2.3/8", "10.200.0.1", true},     // host bits of the subnet ignored
+      {"=", "192.168.1.0/24", "192.168.1.255", true},
+      {"=", "192.168.1.0/24", "192.168.2.0", false},
+      {"=", "0.0.0.0/0", "255.255.255.255", true},
+      {"=", "1.2.3.4/32", "1.2.3.4", true},
+      {"=", "1.2.3.4/32", "1.2.3.5", false},
+      {"!=", "10.0.0.0/8", "10.0.0.1", false},
+      {"!=", "10.0.0.0/8", "9.255.255.255", true},
+      {"=", "10.0.0.0/8", "10.0.0.01", false},     // not a dotted quad
+      {"<", "10.0.0.0/8", "0", true},              // order compares text, no subnet
+  };
+  for (const auto& c : kCases) {
+    ParseNodeCMP cmp{Str(c.cmp)};
+    cmp.setSides(Str("ip"), Str(c.value));
+    cmp.evaluate(StrVector{Str(c.row)});
+    bool v = false;
+    ASSERT_TRUE(cmp.getValue(v));
+    EXPECT_EQ(v, c.expect) << c.cmp << c.value << " against " << c.row;
+  }
+  // The index cannot answer a subnet, so the predicate takes everything.
+  ParseNodeCMP cmp{Str("=")};
+  cmp.setSides(Str("ip"), Str("10.0.0.0/8"));
+  EXPECT_EQ(cmp.toLispyNode()->toString(), "*");
+  // Values of another shape stay wildcard values.
+  ParseNodeCMP path{Str("=")};
+  path.setSides(Str("uri"), Str("/a/*"));
+  path.evaluate(StrVector{Str("/a/b")});
+  bool v = false;
+  ASSERT_TRUE(path.getValue(v));
+  EXPECT_TRUE(v);
 }
 
 }  // namespace
