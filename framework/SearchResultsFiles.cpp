@@ -1,0 +1,88 @@
+// The backing-file half of SearchResults: spilling rows to a private
+// temporary directory and reading them back a file at a time.
+#include <errno.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "framework/SearchResults.h"
+#include "util/Logger.h"
+
+namespace {
+
+Logger gLogger("SearchResults");
+
+const char TEMP_DIR_PREFIX[] = "srtemp_";
+
+bool isOurTempDir(const Pathname& dir) {
+  size_t slash = dir.rfind('/');
+  size_t start = slash == Str::npos ? 0 : slash + 1;
+  return dir.compare(start, strlen(TEMP_DIR_PREFIX), TEMP_DIR_PREFIX) == 0;
+}
+
+}  // namespace
+
+bool SearchResults::createTempDir(const Pathname& parent) {
+  std::string templ = std::string(parent) + "/" + TEMP_DIR_PREFIX + "XXXXXX";
+  if (::mkdtemp(templ.data()) == nullptr) {
+    gLogger.error("Could not create directory \"%s\": %m", templ.c_str());
+    return false;
+  }
+  _tempDir = Pathname(templ);
+  return true;
+}
+
+bool SearchResults::writeFile() {
+  if (_tempDir.empty()) {
+    const char* base = getenv("TMPDIR");
+    if (!createTempDir(Pathname(base != nullptr && *base != '\0' ? base : "/tmp"))) return false;
+  }
+  char name[64];
+  snprintf(name, sizeof(name), "srtmpfile_%zu.csv.gz", _fileSeq++);
+  Pathname path = _tempDir / name;
+  if (!toCSV(path)) return false;
+  _files.push_back(path);
+  for (SearchResult* r : _rows) delete r;
+  _rows.clear();
+  return true;
+}
+
+bool SearchResults::nextFile() {
+  for (SearchResult* r : _rows) delete r;
+  _rows.clear();
+  if (_nextFile >= _files.size()) return false;
+  return readFile(_files[_nextFile++]);
+}
+
+bool SearchResults::deleteFile(const Pathname& which) {
+  const Pathname path = which;  // `which` may be an entry of _files
+  for (size_t i = 0; i < _files.size(); ++i) {
+    if (_files[i] != path) continue;
+    _files.erase(_files.begin() + static_cast<std::ptrdiff_t>(i));
+    if (i < _nextFile) --_nextFile;
+    break;
+  }
+  if (_cowFiles) {
+    gLogger.debug("Copy on write file not deleted: %s", path.c_str());
+    return true;
+  }
+  if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
+    gLogger.error("Error deleting file: %s", path.c_str());
+    return false;
+  }
+  return true;
+}
+
+void SearchResults::removeFiles() {
+  while (!_files.empty()) deleteFile(_files.back());
+  _nextFile = 0;
+  if (_tempDir.empty()) return;
+  if (!isOurTempDir(_tempDir)) {
+    gLogger.error("in _removeDirs(), not a temporary directory: %s", _tempDir.c_str());
+  } else if (::rmdir(_tempDir.c_str()) != 0 && errno != ENOENT) {
+    gLogger.error("Failed to remove temporary directory: %s", _tempDir.c_str());
+  }
+  _tempDir = Pathname();
+}
