@@ -8,7 +8,8 @@
 #include <cstring>
 
 #include "libbundle/PropertiesMap.h"
-#include "libbundle/PropertyPages.h"
+#include "libbundle/PropertiesMap.h"
+#include "framework/LimitsStanza.h"
 #include "util/Logger.h"
 #include "util/Regex.h"
 #include "util/RegexMatch.h"
@@ -18,15 +19,9 @@ namespace {
 Logger gLogger("SearchEvaluator");
 
 bool searchLimitFlag(const char* key, bool dflt) {
-  try {
-    PropertyPages* pages = PropertyPages::instance("limits");
-    PropertiesMap stanza;
-    if (pages == nullptr || !pages->getStanza("search", stanza)) return dflt;
-    return stanza.get(key).toBool(dflt, dflt);
-  } catch (const std::exception&) {
-    // Without a configuration (tools, tests) the built-in defaults apply.
-    return dflt;
-  }
+  PropertiesMap stanza;
+  if (!getLimitsStanza("search", stanza)) return dflt;
+  return stanza.get(key).toBool(dflt, dflt);
 }
 
 // Dotted-quad IPv4, each part 0-255 without sign or blanks.

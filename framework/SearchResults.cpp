@@ -8,8 +8,9 @@
 #include <cstring>
 #include <exception>
 
+#include "framework/LimitsStanza.h"
 #include "libbundle/PropertiesMap.h"
-#include "libbundle/PropertyPages.h"
+#include "libbundle/PropertiesMap.h"
 #include "util/GzipFileDescriptor.h"
 #include "util/Logger.h"
 #include "util/Timeval.h"
@@ -45,15 +46,9 @@ bool isInternalField(const Str& name) {
 }
 
 unsigned long limitsSetting(const char* key, unsigned long dflt) {
-  try {
-    PropertyPages* pages = PropertyPages::instance("limits");
-    PropertiesMap stanza;
-    if (pages == nullptr || !pages->getStanza("searchresults", stanza)) return dflt;
-    return stanza.get(key).toUnsignedLong(dflt);
-  } catch (const std::exception& e) {
-    // Without a configuration (tools, tests) the built-in defaults apply.
-    return dflt;
-  }
+  PropertiesMap stanza;
+  if (!getLimitsStanza("searchresults", stanza)) return dflt;
+  return stanza.get(key).toUnsignedLong(dflt);
 }
 
 bool readWholeFile(const Pathname& path, Str& out, Str& errorKey) {
