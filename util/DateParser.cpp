@@ -196,8 +196,10 @@ bool DateParser::dateTimeFromString(Timeval& out, const StrSegment& text, int& t
   }
   if (extra != nullptr && _guesser.haveOverride()) extra->timezoneKnown = true;
   const Timeval& previous = _guesser.previous;
-  // With no previous event there is no gap to average.
-  if (_useMemory && previous.tv_sec != 0 && parsed > previous) {
+  // The first event counts its distance from zero too, which keeps the
+  // date shortcut shut for the first few dozen lines of a stream, until
+  // the average has come down from there.
+  if (_useMemory && parsed > previous) {
     const uint64_t gap = static_cast<uint64_t>(parsed.tv_sec) - static_cast<uint64_t>(previous.tv_sec);
     _avgGapSecs = (gap + 2 * _avgGapSecs) / 3;
   }

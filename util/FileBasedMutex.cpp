@@ -87,3 +87,25 @@ void FileBasedMutex::unlock() {
   ::close(_fd);
   _fd = -1;
 }
+
+bool FileBasedMutex::isLockStrategiesSupportedOnFs(const Pathname& dir) {
+  Str leaf;
+  leaf.format(".lockprobe.%ld", static_cast<long>(getpid()));
+  const Pathname probe = dir / leaf;
+  const int fd = open(probe.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (fd < 0) return false;
+  bool supported = tryLock(fd) == 0;
+  if (supported) {
+    struct flock fl = {};
+    fl.l_type = F_UNLCK;
+    fl.l_whence = SEEK_SET;
+#ifdef F_OFD_SETLK
+    supported = fcntl(fd, F_OFD_SETLK, &fl) == 0 || fcntl(fd, F_SETLK, &fl) == 0;
+#else
+    supported = fcntl(fd, F_SETLK, &fl) == 0;
+#endif
+  }
+  close(fd);
+  unlink(probe.c_str());
+  return supported;
+}

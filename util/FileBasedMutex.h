@@ -39,6 +39,13 @@ class FileBasedMutex {
   void unlock();
   bool isLocked() const { return _fd >= 0; }
 
+  // Whether the file system that holds directory `dir` carries this lock:
+  // a probe file there ("<dir>/.lockprobe.<pid>") is created, locked,
+  // unlocked and removed. False when any step fails, so a pooled
+  // configuration is not put where processes could not keep out of each
+  // other's way.
+  static bool isLockStrategiesSupportedOnFs(const Pathname& dir);
+
   // The wait lock() allows, in whole seconds.
   static unsigned long long waitSeconds(unsigned long long timeoutMsec) {
     return (timeoutMsec + 999) / 1000;

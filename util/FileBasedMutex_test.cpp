@@ -129,3 +129,14 @@ TEST(FileBasedMutex, AWaiterGetsTheLockWhenTheHolderLetsGo) {
 }
 
 }  // namespace
+
+// The probe answers for the file system under a directory and leaves
+// nothing behind; a directory that cannot take a file cannot take the lock.
+TEST(FileBasedMutex, ProbesWhetherAFileSystemCarriesTheLock) {
+  TestTempDir dir;
+  EXPECT_TRUE(FileBasedMutex::isLockStrategiesSupportedOnFs(dir.path()));
+  EXPECT_TRUE(FileBasedMutex::isLockStrategiesSupportedOnFs(Pathname("/dev/shm")));
+  EXPECT_FALSE(FileBasedMutex::isLockStrategiesSupportedOnFs(dir / "missing"));
+  EXPECT_FALSE(FileBasedMutex::isLockStrategiesSupportedOnFs(Pathname("/proc/self")));
+  EXPECT_EQ(0, system(("test -z \"$(ls -A '" + std::string(dir.path()) + "')\"").c_str()));
+}
