@@ -6,6 +6,7 @@
 #include <cstring>
 #include <vector>
 
+#include "framework/PipelineDataLogger.h"
 #include "util/Assert.h"
 #include "util/InputStream.h"
 #include "util/OutputStream.h"
@@ -119,6 +120,12 @@ const PipelineData::special_key_chanpiece* const kPieceKeys[] = {
 // Shared by every unset handle and never mutated or freed: it starts with
 // two references so that it never counts as sole owner.
 PipelineData CowPipelineData::_emptyPipelineData(2);
+
+namespace {
+// Any program that builds events also gets the date set-up's reports on
+// their channels; a program without events keeps the plain log line.
+const bool kRegexReporterInstalled = (PipelineDataLogger::installDatetimeRegexReporter(), true);
+}  // namespace
 
 PipelineDataKeyValueAcceptor::~PipelineDataKeyValueAcceptor() = default;
 
