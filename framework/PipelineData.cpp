@@ -1172,3 +1172,64 @@ PipelineInputChannel* CowPipelineData::getInputChannel() {
   if (!_pd->_chan.hasConf()) return writable()->getInputChannel();
   return _pd->_chan.get();
 }
+
+PipelineData* CowPipelineData::release() {
+  PipelineData* pd = _pd;
+  _emptyPipelineData.add_reference();
+  _pd = &_emptyPipelineData;
+  return pd;
+}
+
+void CowPipelineData::pushToBackAndClear(PipelineDataVector& v) { v.push_back(release()); }
+void CowPipelineData::pushToBackAndClear(PipelineDataDeque& d) { d.push_back(release()); }
+void CowPipelineData::pushToFrontAndClear(PipelineDataDeque& d) { d.push_front(release()); }
+void CowPipelineData::pushToAndClear(PipelineDataQueue& q) { q.push(release()); }
+
+bool CowPipelineData::fetchFromFront(PipelineDataDeque& d) {
+  if (d.empty()) return false;
+  adopt(d.front());
+  d.pop_front();
+  return true;
+}
+
+bool CowPipelineData::fetchFromBack(PipelineDataDeque& d) {
+  if (d.empty()) return false;
+  adopt(d.back());
+  d.pop_back();
+  return true;
+}
+
+bool CowPipelineData::fetchFrom(PipelineDataQueue& q) {
+  if (q.empty()) return false;
+  adopt(q.front());
+  q.pop();
+  return true;
+}
+
+bool CowPipelineData::frontRef(const PipelineDataDeque& d) {
+  if (d.empty()) return false;
+  d.front()->add_reference();
+  adopt(d.front());
+  return true;
+}
+
+PipelineDataVectorIterator::PipelineDataVectorIterator(PipelineDataVector& v) : _v(v) { take(); }
+
+void PipelineDataVectorIterator::take() {
+  if (atEnd()) return;
+  _cur.adopt(_v[_pos]);
+  _holding = true;
+}
+
+void PipelineDataVectorIterator::put_back() {
+  if (!_holding) return;
+  _v[_pos] = _cur.release();
+  _holding = false;
+}
+
+PipelineDataVectorIterator& PipelineDataVectorIterator::operator++() {
+  put_back();
+  _pos++;
+  take();
+  return *this;
+}

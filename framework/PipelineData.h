@@ -4,6 +4,9 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
+#include <queue>
+#include <vector>
 #include <set>
 #include <stdexcept>
 
@@ -211,6 +214,12 @@ class PipelineData {
   PipelineInputChannelSet* _chanset = nullptr;  // null: global_channel_set, which may not exist yet
 };
 
+// Plain sequences of records; each element owns one reference, which the
+// handle's push and fetch operations move in and out.
+typedef std::vector<PipelineData*> PipelineDataVector;
+typedef std::deque<PipelineData*> PipelineDataDeque;
+typedef std::queue<PipelineData*> PipelineDataQueue;
+
 class CowPipelineData {
  public:
   CowPipelineData() : _pd(&_emptyPipelineData) { _pd->add_reference(); }
@@ -246,11 +255,54 @@ class CowPipelineData {
   PipelineInputChannel* getInputChannel();
   bool isLogging() const { return _pd->contains(PipelineData::_loggingKey); }
 
+  // Moves the record into the container and leaves this handle unset.
+  void pushToBackAndClear(PipelineDataVector& v);
+  void pushToBackAndClear(PipelineDataDeque& d);
+  void pushToFrontAndClear(PipelineDataDeque& d);
+  void pushToAndClear(PipelineDataQueue& q);
+  // Takes an element out in place of this handle's record; false when the
+  // container is empty.
+  bool fetchFromFront(PipelineDataDeque& d);
+  bool fetchFromBack(PipelineDataDeque& d);
+  bool fetchFrom(PipelineDataQueue& q);
+  // Shares the front element, leaving it in place.
+  bool frontRef(const PipelineDataDeque& d);
+
   static void drop_reference(PipelineData* pd);
   static PipelineData _emptyPipelineData;
 
  private:
   // A record for createFrom: this one reset when it is sole owner.
   void reuse_or_new();
+  // Gives up the record without dropping its reference.
+  PipelineData* release();
+  void adopt(PipelineData* pd) {
+    drop_reference(_pd);
+    _pd = pd;
+  }
+  friend class PipelineDataVectorIterator;
   PipelineData* _pd;
+};
+
+// Walks a vector holding the current element in its own handle, so that
+// the element can be changed (copied on write) through it; moving on, and
+// the end of the walk, put it back.
+class PipelineDataVectorIterator {
+ public:
+  explicit PipelineDataVectorIterator(PipelineDataVector& v);
+  ~PipelineDataVectorIterator() { put_back(); }
+  PipelineDataVectorIterator(const PipelineDataVectorIterator&) = delete;
+  PipelineDataVectorIterator& operator=(const PipelineDataVectorIterator&) = delete;
+  bool atEnd() const { return _pos >= _v.size(); }
+  CowPipelineData& operator*() { return _cur; }
+  CowPipelineData* operator->() { return &_cur; }
+  PipelineDataVectorIterator& operator++();
+
+ private:
+  void take();
+  void put_back();
+  PipelineDataVector& _v;
+  size_t _pos = 0;
+  bool _holding = false;
+  CowPipelineData _cur;
 };

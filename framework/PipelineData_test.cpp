@@ -433,6 +433,57 @@ TEST(CowPipelineData, EightThreadsTakePrivateCopies) {
   for (int t = 0; t < 8; t++) EXPECT_EQ(results[t], "shared raw!" + std::to_string(t));
 }
 
+TEST(CowPipelineData, ContainerMovesKeepTheCountsAndTheOrder) {
+  CowPipelineData a, b, c;
+  putKey(a.writable(), "_raw", "a");
+  putKey(b.writable(), "_raw", "b");
+  putKey(c.writable(), "_raw", "c");
+  const PipelineData* pa = a.get();
+  PipelineDataDeque d;
+  a.pushToBackAndClear(d);
+  b.pushToBackAndClear(d);
+  c.pushToFrontAndClear(d);
+  EXPECT_TRUE(a.isUnset() && b.isUnset() && c.isUnset());
+  EXPECT_EQ(pa->refcnt(), 1u);
+  CowPipelineData h;
+  ASSERT_TRUE(h.frontRef(d));
+  EXPECT_EQ(Str(h->raw()), "c");
+  EXPECT_EQ(h->refcnt(), 2u);
+  ASSERT_TRUE(h.fetchFromBack(d));
+  EXPECT_EQ(Str(h->raw()), "b");
+  EXPECT_EQ(h->refcnt(), 1u);
+  ASSERT_TRUE(h.fetchFromFront(d));
+  EXPECT_EQ(Str(h->raw()), "c");
+  EXPECT_EQ(h->refcnt(), 1u);  // the frontRef share went with the last fetch
+  ASSERT_TRUE(h.fetchFromFront(d));
+  EXPECT_EQ(h.get(), pa);
+  EXPECT_FALSE(h.fetchFromFront(d));
+  EXPECT_EQ(h.get(), pa);
+
+  PipelineDataQueue q;
+  h.pushToAndClear(q);
+  ASSERT_TRUE(a.fetchFrom(q));
+  EXPECT_EQ(a.get(), pa);
+  EXPECT_FALSE(a.fetchFrom(q));
+
+  // Changes made through the vector iterator land in the vector.
+  PipelineDataVector v;
+  CowPipelineData keep(a);
+  a.pushToBackAndClear(v);
+  b.writable();
+  b.pushToBackAndClear(v);
+  for (PipelineDataVectorIterator it(v); !it.atEnd(); ++it) putKey(it->writable(), "seen", "1");
+  ASSERT_EQ(v.size(), 2u);
+  Str s;
+  for (PipelineData* pd : v) {
+    EXPECT_NE(pd->internal_get("seen", 4, djb2_hash("seen"), &s), nullptr);
+    EXPECT_EQ(pd->refcnt(), 1u);
+  }
+  EXPECT_NE(v[0], keep.get());  // shared, so copied on write
+  EXPECT_EQ(keep->internal_get("seen", 4, djb2_hash("seen"), &s), nullptr);
+  for (PipelineData* pd : v) CowPipelineData::drop_reference(pd);
+}
+
 TEST(PipelineData, DefaultConfJoinsThePiecesWhereverTheyLive) {
   CowPipelineData pd = withChannel("x");
   Str conf;
