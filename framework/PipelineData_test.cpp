@@ -1,0 +1,501 @@
+#include "framework/PipelineData.h"
+
+#include <random>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "util/InputStream.h"
+#include "util/OutputStream.h"
+#include "util/StrMem.h"
+#include "util/Timeval.h"
+
+namespace {
+
+void putKey(PipelineData* pd, const char* name, const Str& value) {
+  pd->internal_put(name, std::strlen(name), djb2_hash(name), value);
+}
+
+Str serialized(const PipelineData& pd) {
+  NativeByteOrderOutputStream out(256, 2);
+  pd.serialize(out);
+  return Str(std::string(reinterpret_cast<const char*>(out.data()), out.size()));
+}
+
+// Reads `bytes` into a fresh handle; false when refused.
+bool readBack(const Str& bytes, CowPipelineData* out) {
+  NativeByteOrderInputStream in(bytes.data(), bytes.size());
+  return out->writable()->ressurrect(in, false);
+}
+
+// A stream built by hand: pairs, then the trailing count and mark.
+Str handStream(const std::vector<std::pair<Str, Str>>& pairs) {
+  NativeByteOrderOutputStream out(256, 2);
+  out.write_32(static_cast<unsigned>(pairs.size()));
+  for (const auto& [k, v] : pairs) {
+    out.write(k);
+    out.write(v);
+  }
+  out.write_32(0);
+  out.write(Str("_raw"));
+  return Str(std::string(reinterpret_cast<const char*>(out.data()), out.size()));
+}
+
+const char* const kConf = "source::/var/log/a|host::web01|syslog|chan1";
+
+// A record with the channel of kConf, its pieces in their fast places.
+CowPipelineData withChannel(const Str& raw) {
+  CowPipelineData pd;
+  EXPECT_TRUE(readBack(handStream({{"_raw", raw}, {"_conf", kConf},
+                                   {"MetaData:Source", "source::/var/log/a"},
+                                   {"MetaData:Host", "host::web01"},
+                                   {"MetaData:Sourcetype", "sourcetype::syslog"},
+                                   {"_channel", "chan1"}}),
+                       &pd));
+  return pd;
+}
+
+TEST(PipelineData, ChannelPiecesLiveInTheChannelUnlessTheyDeviate) {
+  CowPipelineData pd = withChannel("hello");
+  EXPECT_EQ(pd->flags() & 0x1FE00, 0x200u | 0x800u | 0x2000u | 0x8000u);
+  EXPECT_EQ(pd->contentMap().size(), 0u);
+  StrSegment seg;
+  ASSERT_TRUE(pd->get_chan_piece(PipelineData::__inmap_host, &seg));
+  EXPECT_EQ(Str(seg), "host::web01");
+
+  // A source differing from the channel's comes back in the map.
+  CowPipelineData dev;
+  ASSERT_TRUE(readBack(handStream({{"_conf", kConf}, {"MetaData:Source", "source::other"}}), &dev));
+  EXPECT_EQ(dev->flags() & 0x600, 0x400u);
+  ASSERT_TRUE(dev->get_chan_piece(PipelineData::__inmap_source, &seg));
+  EXPECT_EQ(Str(seg), "source::other");
+  CowPipelineData again;
+  ASSERT_TRUE(readBack(serialized(*dev), &again));
+  EXPECT_EQ(again->flags() & 0x600, 0x400u);
+  ASSERT_TRUE(again->get_chan_piece(PipelineData::__inmap_source, &seg));
+  EXPECT_EQ(Str(seg), "source::other");
+  EXPECT_EQ(serialized(*again), serialized(*dev));
+}
+
+TEST(PipelineData, TimeKeepsItsFastPlaceOnlyForPlainNumbers) {
+  struct Case {
+    const char* text;
+    bool fast;
+    long long secs;
+  } cases[] = {{"7", true, 7},        {"007", false, 0},  {"-12", true, -12}, {"+7", false, 0},
+               {"1.5", false, 0},     {"", false, 0},     {"-", false, 0},    {"-0", false, 0},
+               {"1700000000", true, 1700000000}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    CowPipelineData pd;
+    putKey(pd.writable(), "_time", c.text);
+    Timeval tv;
+    EXPECT_EQ(pd->getTimeKey(&tv), c.fast);
+    EXPECT_EQ((pd->flags() & 0x80) != 0, c.fast);
+    EXPECT_EQ((pd->flags() & 0x100) != 0, !c.fast);
+    if (c.fast) {
+      EXPECT_EQ(tv.tv_sec, c.secs);
+    }
+    CowPipelineData back;
+    ASSERT_TRUE(readBack(serialized(*pd), &back));
+    Str scratch;
+    const Str* v = back->internal_get("_time", 5, djb2_hash("_time"), &scratch);
+    ASSERT_NE(v, nullptr);
+    EXPECT_EQ(*v, c.text);
+    EXPECT_EQ(back->flags(), pd->flags());
+  }
+}
+
+TEST(PipelineData, OneValueKeysCostABitUnlessTheValueDiffers) {
+  CowPipelineData pd;
+  putKey(pd.writable(), "_done", "_done");
+  EXPECT_EQ(pd->flags(), PDFLAG_HAS_DONE_NORMAL);
+  EXPECT_EQ(pd->contentMap().size(), 0u);
+  putKey(pd.writable(), "_done", "other");
+  EXPECT_EQ(pd->flags(), PDFLAG_HAS_DONE_IN_MAP);
+  EXPECT_EQ(pd->contentMap().size(), 1u);
+  putKey(pd.writable(), "_done", "_done");
+  EXPECT_EQ(pd->flags(), PDFLAG_HAS_DONE_NORMAL);
+  EXPECT_EQ(pd->contentMap().size(), 0u);
+  EXPECT_TRUE(pd->contains(PipelineData::__inmap_done));
+}
+
+TEST(PipelineData, GetOfAnAbsentKeyThrowsWithTheKeyName) {
+  CowPipelineData pd;
+  try {
+    pd->get(PipelineData::_pathKey);
+    FAIL() << "no exception";
+  } catch (const KeyNotFoundException& e) {
+    EXPECT_STREQ(e.what(), "This key could not be found : _path");
+  }
+  pd.writable()->put(PipelineData::_pathKey, "/x");
+  EXPECT_EQ(pd->get(PipelineData::_pathKey), "/x");
+  // Registered keys share their text with the map entry.
+  EXPECT_EQ(pd->contentMap().begin()->second.first.data(), PipelineData::_pathKey.data());
+}
+
+// ---- round trip over generated records ----
+
+Str randomText(std::mt19937& rng, size_t maxLen) {
+  std::uniform_int_distribution<size_t> len(0, maxLen);
+  std::uniform_int_distribution<int> ch(0, 255);
+  Str s;
+  const size_t n = len(rng);
+  for (size_t i = 0; i < n; i++) s.push_back(static_cast<char>(ch(rng)));
+  return s;
+}
+
+TEST(PipelineData, SerialiseThenReadBackIsTheIdentity) {
+  std::mt19937 rng(1234);
+  const char* onevals[] = {"_done", "_flush", "_utf8", "_linebreaker", "_dstrx", "_recoverevent",
+                           "_hpn"};
+  const char* pieces[] = {"MetaData:Source", "MetaData:Host", "MetaData:Sourcetype", "_channel"};
+  const char* pieceValues[] = {"source::/var/log/a", "host::web01", "sourcetype::syslog", "chan1"};
+  const char* times[] = {"7", "007", "-3", "+1", "1.25", ""};
+  for (int round = 0; round < 300; round++) {
+    SCOPED_TRACE(round);
+    std::vector<std::pair<Str, Str>> pairs;
+    const int rawShape = round % 3;  // none, small, large (sized pools)
+    if (rawShape == 1) pairs.push_back({"_raw", randomText(rng, 200)});
+    if (rawShape == 2) pairs.push_back({"_raw", Str(std::string(3000 + round, 'r'))});
+    for (const char* k : onevals) {
+      if (rng() % 3 == 0) pairs.push_back({k, rng() % 2 ? Str(k) : randomText(rng, 5)});
+    }
+    if (rng() % 2) pairs.push_back({"_time", times[rng() % 6]});
+    if (rng() % 2) pairs.push_back({"_stmid", "AAAAAAAAAAB" + std::to_string(rng() % 5) + ".C"});
+    const bool conf = rng() % 2;
+    if (conf) pairs.push_back({"_conf", kConf});
+    for (int n = 0; n < 4; n++) {
+      const unsigned pick = rng() % 3;
+      if (pick == 1) pairs.push_back({pieces[n], pieceValues[n]});
+      if (pick == 2) pairs.push_back({pieces[n], "deviant" + std::to_string(n)});
+    }
+    const int fields = static_cast<int>(rng() % 8);
+    for (int f = 0; f < fields; f++) {
+      pairs.push_back({rng() % 2 ? Str("field" + std::to_string(f)) : Str("_path"),
+                       randomText(rng, 20)});
+    }
+    CowPipelineData first;
+    ASSERT_TRUE(readBack(handStream(pairs), &first));
+    const Str bytes = serialized(*first);
+    CowPipelineData second;
+    ASSERT_TRUE(readBack(bytes, &second));
+    EXPECT_EQ(serialized(*second), bytes);
+    EXPECT_EQ(second->flags() & ~PDFLAG_HAS_MULTI_RAWSTOR, first->flags());
+    EXPECT_EQ(second->toString(), first->toString());
+    EXPECT_EQ(second->channel().get(), first->channel().get());
+    // Each value reads back the same wherever it lives.
+    for (const auto& [k, v] : pairs) {
+      Str s1, s2;
+      const Str* a = first->internal_get(k.data(), k.size(), djb2_hash(k.data(), k.size()), &s1);
+      const Str* b = second->internal_get(k.data(), k.size(), djb2_hash(k.data(), k.size()), &s2);
+      ASSERT_EQ(a == nullptr, b == nullptr) << k;
+      if (a != nullptr) {
+        EXPECT_EQ(*a, *b) << k;
+      }
+    }
+    // A copy made writable serialises the same.
+    CowPipelineData copy(second);
+    copy.make_writable();
+    EXPECT_NE(copy.get(), second.get());
+    EXPECT_EQ(serialized(*copy), bytes);
+  }
+}
+
+TEST(PipelineData, SwappedByteOrderRoundTrips) {
+  CowPipelineData pd = withChannel("swapped raw");
+  pd.writable()->put(PipelineData::_indexKey, "main");
+  SwappedByteOrderOutputStream out(64, 2);
+  pd->serialize(out);
+  SwappedByteOrderInputStream in(out.data(), out.size());
+  CowPipelineData back;
+  ASSERT_TRUE(back.writable()->ressurrect(in, false));
+  EXPECT_EQ(serialized(*back), serialized(*pd));
+}
+
+// ---- damaged input ----
+
+TEST(PipelineData, DamagedSerialFormsAreRefused) {
+  CowPipelineData pd = withChannel("abc");
+  pd.writable()->put(PipelineData::_pathKey, "/p");
+  putKey(pd.writable(), "_time", "7");
+  const Str bytes = serialized(*pd);
+  for (size_t cut = 0; cut < bytes.size(); cut++) {
+    CowPipelineData back;
+    EXPECT_FALSE(readBack(bytes.substr(0, cut), &back)) << cut;
+  }
+  // A count larger than the pairs present.
+  Str more = bytes;
+  uint32_t count;
+  std::memcpy(&count, more.data(), 4);
+  count += 1;
+  std::memcpy(more.data(), &count, 4);
+  CowPipelineData a;
+  EXPECT_FALSE(readBack(more, &a));
+  // A huge count.
+  Str huge = bytes;
+  count = 0xFFFFFFFFu;
+  std::memcpy(huge.data(), &count, 4);
+  CowPipelineData b;
+  EXPECT_FALSE(readBack(huge, &b));
+  // A string length running past the end, and a zero length.
+  for (uint32_t len : {0x7FFFFFFFu, static_cast<uint32_t>(bytes.size()), 0u}) {
+    Str bad = bytes;
+    std::memcpy(bad.data() + 4, &len, 4);
+    CowPipelineData c;
+    EXPECT_FALSE(readBack(bad, &c)) << len;
+  }
+  // A trailing count promising entries that are not there.
+  Str trail = handStream({{Str("x"), Str("y")}});
+  const size_t at = trail.size() - 4 - 9;  // before the closing "_raw"
+  uint32_t three = 3;
+  std::memcpy(trail.data() + at, &three, 4);
+  CowPipelineData d;
+  EXPECT_FALSE(readBack(trail, &d));
+}
+
+// ---- raw storage ----
+
+TEST(PipelineData, RawReadBackUsesTheSmallestPoolThatHoldsIt) {
+  struct Case {
+    size_t size;
+    PipelineDataRawStoragePool* pool;
+  } cases[] = {{0, &ressurrectedPD_mempool_128},      {112, &ressurrectedPD_mempool_128},
+               {113, &ressurrectedPD_mempool_256},    {2032, &ressurrectedPD_mempool_2K},
+               {2033, &ressurrectedPD_mempool_8K},    {23170, &ressurrectedPD_mempool_23K},
+               {23171, &ressurrectedPD_mempool_LWF},  {65536, &ressurrectedPD_mempool_LWF},
+               {65537, &ressurrectedPD_mempool_oversize}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.size);
+    PipelineDataRawStorageReference ref;
+    ref.findPool(c.size);
+    EXPECT_EQ(ref._poolp, c.pool);
+  }
+}
+
+TEST(PipelineData, TheLargestPooledSizeIsKeptAndOversizeIsFreed) {
+  const Str lwf(std::string(65536, 'a'));
+  const Str over(std::string(65537, 'b'));
+  const uint32_t lwfBefore = ressurrectedPD_mempool_LWF._freeCount;
+  {
+    CowPipelineData pd;
+    ASSERT_TRUE(readBack(handStream({{"_raw", lwf}}), &pd));
+    EXPECT_TRUE(pd->flags() & PDFLAG_IS_POINTING_AT_RAWSTOR);
+    EXPECT_EQ(Str(pd->raw()), lwf);
+  }
+  EXPECT_EQ(ressurrectedPD_mempool_LWF._freeCount, lwfBefore + 1);
+  {
+    CowPipelineData pd;
+    ASSERT_TRUE(readBack(handStream({{"_raw", over}}), &pd));
+    EXPECT_EQ(Str(pd->raw()), over);
+  }
+  EXPECT_EQ(ressurrectedPD_mempool_oversize._freeCount, 0u);
+  EXPECT_EQ(ressurrectedPD_mempool_oversize._freeHead.load(), nullptr);
+  // A pooled block is handed out again.
+  PipelineDataRawStorage* kept = ressurrectedPD_mempool_LWF._freeHead.load();
+  CowPipelineData again;
+  ASSERT_TRUE(readBack(handStream({{"_raw", lwf}}), &again));
+  EXPECT_TRUE(again->holdsRawStorage(kept));
+}
+
+class CountingObserver : public PipelineDataRawStorageObserver {
+ public:
+  explicit CountingObserver(int* destroyed) : _destroyed(destroyed) {}
+  void setPD(CowPipelineData&) override {}
+  void destroyed(PipelineDataRawStorage*) override { (*_destroyed)++; }
+
+ private:
+  int* _destroyed;
+};
+
+TEST(PipelineData, SubRangesShareTheBlockAndTheObserverHearsTheLastRelease) {
+  int destroyed = 0;
+  const Str text("first line\nsecond line\nthird");
+  {
+    CowPipelineData whole;
+    PipelineDataRawStorageObserverRef obs(new CountingObserver(&destroyed));
+    const Str stream = handStream({{"_raw", text}});
+    NativeByteOrderInputStream in2(stream.data(), stream.size());
+    ASSERT_TRUE(whole.writable()->ressurrect(in2, obs, false));
+    EXPECT_EQ(obs.get(), nullptr);
+    CowPipelineData a(whole, 0, 10);
+    CowPipelineData b(whole, 11, 11);
+    EXPECT_EQ(Str(a->raw()), "first line");
+    EXPECT_EQ(Str(b->raw()), "second line");
+    EXPECT_EQ(a->raw().data(), whole->raw().data());
+    EXPECT_EQ(b->raw().data(), whole->raw().data() + 11);
+    whole.clear();
+    EXPECT_EQ(destroyed, 0);
+
+    // Adjacent lines of one block merge by growing the segment alone.
+    a.appendAndReset(b);
+    EXPECT_TRUE(b.isUnset());
+    EXPECT_TRUE(a->flags() & PDFLAG_IS_POINTING_AT_RAWSTOR);
+    EXPECT_EQ(Str(a->raw()), "first line\nsecond line");
+    EXPECT_EQ(a->rawStorageCount(), 1u);
+
+    // Lines of two blocks end in the owned string, joined by one newline.
+    CowPipelineData other;
+    ASSERT_TRUE(readBack(handStream({{Str("_raw"), Str("elsewhere")}}), &other));
+    a.appendAndReset(other);
+    EXPECT_FALSE(a->flags() & PDFLAG_IS_POINTING_AT_RAWSTOR);
+    EXPECT_EQ(Str(a->raw()), "first line\nsecond line\nelsewhere");
+    EXPECT_EQ(a->rawStorageCount(), 2u);
+    EXPECT_TRUE(a->flags() & PDFLAG_HAS_MULTI_RAWSTOR);
+    EXPECT_EQ(destroyed, 0);
+  }
+  EXPECT_EQ(destroyed, 1);
+}
+
+TEST(PipelineData, AppendAndResetKeepsExistingValuesAndTakesMissingOnes) {
+  CowPipelineData a, b;
+  putKey(a.writable(), "_raw", "one");
+  putKey(a.writable(), "k", "a-value");
+  putKey(b.writable(), "_raw", "two");
+  putKey(b.writable(), "k", "b-value");
+  putKey(b.writable(), "only_b", "x");
+  putKey(b.writable(), "_time", "42");
+  a.appendAndReset(b);
+  Str s;
+  EXPECT_EQ(*a->internal_get("k", 1, djb2_hash("k"), &s), "a-value");
+  EXPECT_EQ(*a->internal_get("only_b", 6, djb2_hash("only_b"), &s), "x");
+  EXPECT_EQ(Str(a->raw()), "one\ntwo");
+  Timeval tv;
+  ASSERT_TRUE(a->getTimeKey(&tv));
+  EXPECT_EQ(tv.tv_sec, 42);
+}
+
+// ---- the handle ----
+
+TEST(CowPipelineData, UnsetHandlesShareTheEmptyRecord) {
+  CowPipelineData pd;
+  EXPECT_TRUE(pd.isUnset());
+  pd.clear();
+  EXPECT_TRUE(pd.isUnset());
+  EXPECT_GE(CowPipelineData::_emptyPipelineData.refcnt(), 2u);
+  PipelineData* w = pd.writable();
+  EXPECT_NE(w, &CowPipelineData::_emptyPipelineData);
+  EXPECT_EQ(w->refcnt(), 1u);
+  EXPECT_GE(CowPipelineData::_emptyPipelineData.refcnt(), 2u);
+  // The date tool reports on the channel of a record that no pipeline made.
+  PipelineInputChannel* chan = pd.getInputChannel();
+  ASSERT_NE(chan, nullptr);
+  EXPECT_TRUE(pd->channel().hasConf());
+  EXPECT_EQ(chan, pd.getInputChannel());
+}
+
+TEST(CowPipelineData, CreateFromReusesASoleOwnersRecord) {
+  CowPipelineData model;
+  putKey(model.writable(), "_raw", "model raw");
+  putKey(model.writable(), "k", "v");
+  CowPipelineData pd;
+  putKey(pd.writable(), "stale", "x");
+  const PipelineData* before = pd.get();
+  pd.createFrom(model);
+  EXPECT_EQ(pd.get(), before);
+  EXPECT_EQ(serialized(*pd), serialized(*model));
+  // Shared: a new record, the old one untouched.
+  CowPipelineData share(pd);
+  pd.createFrom(model, StrSegment("new raw"));
+  EXPECT_NE(pd.get(), share.get());
+  EXPECT_EQ(Str(pd->raw()), "new raw");
+  EXPECT_EQ(Str(share->raw()), "model raw");
+  // From an unset handle: cleared.
+  pd.createFrom(CowPipelineData());
+  EXPECT_TRUE(pd.isUnset());
+}
+
+TEST(CowPipelineData, EightThreadsTakePrivateCopies) {
+  CowPipelineData shared = withChannel("shared raw");
+  putKey(shared.writable(), "base", "1");
+  const Str original = serialized(*shared);
+  std::vector<std::thread> threads;
+  std::vector<Str> results(8);
+  for (int t = 0; t < 8; t++) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 200; i++) {
+        CowPipelineData mine(shared);
+        PipelineData* w = mine.writable();
+        putKey(w, "thread", std::to_string(t));
+        w->appendToRaw("!", 1);
+        Str scratch;
+        if (i == 199) {
+          results[t] = Str(mine->raw()) +
+                       *mine->internal_get("thread", 6, djb2_hash("thread"), &scratch);
+        }
+      }
+    });
+  }
+  for (std::thread& th : threads) th.join();
+  EXPECT_EQ(serialized(*shared), original);
+  EXPECT_EQ(shared->refcnt(), 1u);
+  for (int t = 0; t < 8; t++) EXPECT_EQ(results[t], "shared raw!" + std::to_string(t));
+}
+
+TEST(CowPipelineData, ContainerMovesKeepTheCountsAndTheOrder) {
+  CowPipelineData a, b, c;
+  putKey(a.writable(), "_raw", "a");
+  putKey(b.writable(), "_raw", "b");
+  putKey(c.writable(), "_raw", "c");
+  const PipelineData* pa = a.get();
+  PipelineDataDeque d;
+  a.pushToBackAndClear(d);
+  b.pushToBackAndClear(d);
+  c.pushToFrontAndClear(d);
+  EXPECT_TRUE(a.isUnset() && b.isUnset() && c.isUnset());
+  EXPECT_EQ(pa->refcnt(), 1u);
+  CowPipelineData h;
+  ASSERT_TRUE(h.frontRef(d));
+  EXPECT_EQ(Str(h->raw()), "c");
+  EXPECT_EQ(h->refcnt(), 2u);
+  ASSERT_TRUE(h.fetchFromBack(d));
+  EXPECT_EQ(Str(h->raw()), "b");
+  EXPECT_EQ(h->refcnt(), 1u);
+  ASSERT_TRUE(h.fetchFromFront(d));
+  EXPECT_EQ(Str(h->raw()), "c");
+  EXPECT_EQ(h->refcnt(), 1u);  // the frontRef share went with the last fetch
+  ASSERT_TRUE(h.fetchFromFront(d));
+  EXPECT_EQ(h.get(), pa);
+  EXPECT_FALSE(h.fetchFromFront(d));
+  EXPECT_EQ(h.get(), pa);
+
+  PipelineDataQueue q;
+  h.pushToAndClear(q);
+  ASSERT_TRUE(a.fetchFrom(q));
+  EXPECT_EQ(a.get(), pa);
+  EXPECT_FALSE(a.fetchFrom(q));
+
+  // Changes made through the vector iterator land in the vector.
+  PipelineDataVector v;
+  CowPipelineData keep(a);
+  a.pushToBackAndClear(v);
+  b.writable();
+  b.pushToBackAndClear(v);
+  for (PipelineDataVectorIterator it(v); !it.atEnd(); ++it) putKey(it->writable(), "seen", "1");
+  ASSERT_EQ(v.size(), 2u);
+  Str s;
+  for (PipelineData* pd : v) {
+    EXPECT_NE(pd->internal_get("seen", 4, djb2_hash("seen"), &s), nullptr);
+    EXPECT_EQ(pd->refcnt(), 1u);
+  }
+  EXPECT_NE(v[0], keep.get());  // shared, so copied on write
+  EXPECT_EQ(keep->internal_get("seen", 4, djb2_hash("seen"), &s), nullptr);
+  for (PipelineData* pd : v) CowPipelineData::drop_reference(pd);
+}
+
+TEST(PipelineData, DefaultConfJoinsThePiecesWhereverTheyLive) {
+  CowPipelineData pd = withChannel("x");
+  Str conf;
+  pd->defaultConf(conf);
+  EXPECT_EQ(conf, kConf);
+  Str chan("moved");
+  pd.writable()->setChannelDestructive(chan);
+  EXPECT_EQ(chan, "");
+  pd->defaultConf(conf);
+  // Host and channel leave the fast places; source and sourcetype stay.
+  EXPECT_EQ(conf, "source::/var/log/a||syslog|moved");
+  EXPECT_EQ(pd->channel().get()->conf(), kConf);
+}
+
+}  // namespace
