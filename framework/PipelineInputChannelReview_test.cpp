@@ -116,7 +116,7 @@ TEST(PipelineInputChannelReview, LowWaterMarkHoldsEvenForRipeChannels) {
     SCOPED_TRACE(c.inactive);
     clock.set(Timeval(4000000, 0));
     PipelineInputChannelSet set(true);
-    for (int i = 0; i < c.inactive; i++) refTo("k" + std::to_string(i), &set);
+    for (int i = 0; i < c.inactive; i++) refTo(std::string("k") + std::to_string(i), &set);
     const PipelineInputChannel* oldest = set.inactiveList().back();
     clock.set(Timeval(4000000 + 100000, 0));
     auto fresh = refTo("fresh", &set);
@@ -128,7 +128,7 @@ TEST(PipelineInputChannelReview, LowWaterMarkHoldsEvenForRipeChannels) {
 TEST(PipelineInputChannelReview, ListOverLoweredMaximumGivesUpItsOldestAtOnce) {
   ScopedFixedClock clock(Timeval(5000000, 0));
   PipelineInputChannelSet set(true);
-  for (int i = 0; i < 6; i++) refTo("k" + std::to_string(i), &set);
+  for (int i = 0; i < 6; i++) refTo(std::string("k") + std::to_string(i), &set);
   TuningFor tuning(4, 0, 100000);
   const PipelineInputChannel* oldest = set.inactiveList().back();
   auto fresh = refTo("fresh", &set);  // 6 inactive exceeds 4: young, still taken

@@ -92,8 +92,9 @@ TEST(PipelineInputChannel, DroppingPastMaxInactiveDeletesTheOldest) {
   PipelineInputChannelSet set(true);
   std::vector<std::unique_ptr<PipelineInputChannelReference>> refs;
   for (int i = 0; i < 97; i++) {
-    refs.push_back(std::make_unique<PipelineInputChannelReference>(
-        StrSegment(Str("k" + std::to_string(i))), &set, false));
+    Str key;
+    key.format("k%d", i);
+    refs.push_back(std::make_unique<PipelineInputChannelReference>(StrSegment(key), &set, false));
   }
   for (int i = 0; i < 96; i++) {
     clock.set(Timeval(1000000 + i, 0));
@@ -113,7 +114,7 @@ TEST(PipelineInputChannel, RecyclesOnlyRipeOrAbandonedChannels) {
   {
     PipelineInputChannelSet set(true);
     for (int i = 0; i < 33; i++) {
-      PipelineInputChannelReference ref(StrSegment(Str("k" + std::to_string(i))), &set, false);
+      PipelineInputChannelReference ref(StrSegment(Str(std::string("k") + std::to_string(i))), &set, false);
     }
     const PipelineInputChannel* oldest = set.inactiveList().back();
     clock.set(Timeval(5000000 + 329, 0));
@@ -192,7 +193,7 @@ TEST(PipelineInputChannelSet, KeepsTheInactiveListInvariantsUnderChurn) {
       clock.set(Timeval(now, 0));
     }
     if (held.empty() || rng() % 2 == 0) {
-      Str key = "key" + std::to_string(rng() % 400);
+      Str key = std::string("key") + std::to_string(rng() % 400);
       bool existed = model.entries.count(key) != 0;
       Str victim = existed ? Str() : model.victim(now);
       auto ref = std::make_unique<PipelineInputChannelReference>(StrSegment(key), set, false);
@@ -268,7 +269,8 @@ TEST(PipelineInputChannelSet, CountsReferencesAcrossThreads) {
       std::mt19937 rng(t);
       std::vector<PipelineInputChannelReference> held;
       for (int i = 0; i < 4000; i++) {
-        Str key = "k" + std::to_string(rng() % 150);
+        Str key;
+        key.format("k%u", static_cast<unsigned>(rng() % 150));
         PipelineInputChannelReference ref(StrSegment(key), set, false);
         if (!(ref->conf() == key.c_str())) mismatches++;
         if (held.size() < 6) {

@@ -296,7 +296,7 @@ TEST(SearchResultsTest, RoundTripProperty) {
   for (int iter = 0; iter < 200; ++iter) {
     SearchResults sr;
     int nkeys = 1 + static_cast<int>(rng() % 5);
-    for (int k = 0; k < nkeys; ++k) sr.keyIndex(Str("k" + std::to_string(k)), true);
+    for (int k = 0; k < nkeys; ++k) sr.keyIndex(Str(std::string("k") + std::to_string(k)), true);
     int nrows = static_cast<int>(rng() % 6);
     for (int r = 0; r < nrows; ++r) {
       SearchResult* row = sr.addNewResult();
