@@ -536,6 +536,14 @@ void PipelineData::attachChannelSet(PipelineInputChannelSetHolder& holder) {
   _chanset = holder.get();
 }
 
+void PipelineData::finalizeChannelSet() {
+  kassert(_chan.hasConf());
+  constexpr uint32_t kDoneOrFlush = PDFLAG_HAS_DONE_NORMAL | PDFLAG_HAS_DONE_IN_MAP |
+                                     PDFLAG_HAS_FLUSH_NORMAL | PDFLAG_HAS_FLUSH_IN_MAP;
+  if ((_flags & kDoneOrFlush) == 0) _chan.setNeedsDoneKey(true);
+  _chan->fetch_properties();
+}
+
 PipelineInputChannel* PipelineData::getInputChannel() {
   if (!_chan.hasConf()) recomputeConfKey(true);
   return _chan.get();

@@ -146,6 +146,11 @@ class PipelineData {
   void recomputeConfKey(bool create);
   // Replaces the channel set; REQUIRES: still the global set.
   void attachChannelSet(PipelineInputChannelSetHolder& holder);
+  // For a record in a channel set of its own: unless the record carries
+  // "_done" or "_flush" (as a bit or in the map), its channel keeps a
+  // reference until a done key comes; then the channel's settings are
+  // fetched. REQUIRES: a channel.
+  void finalizeChannelSet();
   // The channel, attaching the default one first when there is none.
   PipelineInputChannel* getInputChannel();
   // The channel's text key from the pieces wherever they live.

@@ -499,3 +499,24 @@ TEST(PipelineData, DefaultConfJoinsThePiecesWhereverTheyLive) {
 }
 
 }  // namespace
+
+// A record in a channel set of its own holds its channel open for the done
+// key that ends the stream, unless it already is that key.
+TEST(PipelineData, FinalizingAPrivateChannelSetAwaitsTheDoneKey) {
+  for (const bool done : {false, true}) {
+    SCOPED_TRACE(done);
+    PipelineInputChannelSetHolder holder;
+    CowPipelineData pd;
+    PipelineData* w = pd.writable();
+    w->attachChannelSet(holder);
+    const Str source("source::/var/log/a"), host("host::web01"), type("sourcetype::syslog");
+    w->set_channel(&source, &host, &type);
+    if (done) {
+      putKey(w, "_done", "yes");
+      ASSERT_NE(0u, w->flags() & (PDFLAG_HAS_DONE_NORMAL | PDFLAG_HAS_DONE_IN_MAP));
+    }
+    const uint32_t before = w->channel()->refcnt();
+    w->finalizeChannelSet();
+    EXPECT_EQ(before + (done ? 0 : 1), w->channel()->refcnt());
+  }
+}
