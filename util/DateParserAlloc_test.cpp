@@ -2,34 +2,19 @@
 // patterns have settled, a line must not allocate at all, pattern
 // evaluations included. The global operator new is replaced here to count
 // every allocation of the process.
-#include <atomic>
 #include <cstdio>
-#include <cstdlib>
-#include <new>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include "util/testing/CountingNew.h"
 
 #include "util/DateParser.h"
 #include "util/testing/DateParserTestSupport.h"
 #include "util/testing/FixedClock.h"
 #include "util/testing/XmlTestInit.h"
 
-namespace {
-std::atomic<long> gAllocations{0};
-}  // namespace
-
-void* operator new(std::size_t size) {
-  gAllocations.fetch_add(1, std::memory_order_relaxed);
-  if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
-  throw std::bad_alloc();
-}
-void* operator new[](std::size_t size) { return operator new(size); }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete[](void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
-void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
 
 namespace {
 
@@ -65,9 +50,9 @@ TEST(DateParserAlloc, ASettledStreamAllocatesNothing) {
     // Ten new minutes settle the date pattern too.
     run(0, 800);
     const uint64_t evaluations = parser->getTimeEvaluations() + parser->getDateEvaluations();
-    const long before = gAllocations.load();
+    const long before = testing_alloc::allocations();
     run(800, 2000);
-    const long allocations = gAllocations.load() - before;
+    const long allocations = testing_alloc::allocations() - before;
     const uint64_t evaluated =
         parser->getTimeEvaluations() + parser->getDateEvaluations() - evaluations;
     EXPECT_GE(1221u, evaluated) << shape;  // one time regex a line, a date one a minute
@@ -76,9 +61,9 @@ TEST(DateParserAlloc, ASettledStreamAllocatesNothing) {
 }
 
 TEST(DateParserAlloc, TheCounterSeesAllocations) {
-  const long before = gAllocations.load();
+  const long before = testing_alloc::allocations();
   std::unique_ptr<int> p(new int(3));
-  EXPECT_LT(before, gAllocations.load());
+  EXPECT_LT(before, testing_alloc::allocations());
 }
 
 }  // namespace

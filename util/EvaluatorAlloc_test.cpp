@@ -4,23 +4,11 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdlib>
-#include <new>
+#include "util/testing/CountingNew.h"
+
 
 #include "util/Evaluator.h"
 
-namespace {
-std::atomic<long> gAllocations{0};
-}  // namespace
-
-void* operator new(std::size_t n) {
-  gAllocations.fetch_add(1, std::memory_order_relaxed);
-  if (void* p = std::malloc(n == 0 ? 1 : n)) return p;
-  throw std::bad_alloc();
-}
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 namespace {
 
@@ -65,9 +53,9 @@ TEST(EvaluatorAllocations, AWarmEvaluationAllocatesNothingPerRow) {
       }
     };
     runRows(0, 1000);  // warm: slots grow to their largest strings
-    const long before = gAllocations.load();
+    const long before = testing_alloc::allocations();
     runRows(1000, 201000);  // a million warm rows over the five
-    EXPECT_EQ(0, gAllocations.load() - before) << expr;
+    EXPECT_EQ(0, testing_alloc::allocations() - before) << expr;
   }
 }
 

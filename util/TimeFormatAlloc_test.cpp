@@ -1,29 +1,14 @@
 // rawParse runs once per event line: it must not allocate. The global
 // operator new is replaced here to count every allocation of the process.
-#include <atomic>
-#include <cstdlib>
-#include <new>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "util/testing/CountingNew.h"
+
 #include "util/TimeFormat.h"
 
-namespace {
-std::atomic<long> gAllocations{0};
-}  // namespace
-
-void* operator new(std::size_t size) {
-  gAllocations.fetch_add(1, std::memory_order_relaxed);
-  if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
-  throw std::bad_alloc();
-}
-void* operator new[](std::size_t size) { return operator new(size); }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete[](void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
-void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
 
 namespace {
 
@@ -43,7 +28,7 @@ TEST(TimeFormatAlloc, RawParseAllocatesNothing) {
   for (const auto& c : kCases) texts.emplace_back(c.text);
 
   long parsed = 0;
-  const long before = gAllocations.load();
+  const long before = testing_alloc::allocations();
   for (int round = 0; round < 100; ++round) {
     for (size_t i = 0; i < formats.size(); ++i) {
       TimeFormatRawParseResult pr;
@@ -51,15 +36,15 @@ TEST(TimeFormatAlloc, RawParseAllocatesNothing) {
       if (formats[i].rawParse(&pr, text.data(), text.data() + text.size()) != nullptr) ++parsed;
     }
   }
-  const long after = gAllocations.load();
+  const long after = testing_alloc::allocations();
   EXPECT_EQ(before, after);
   EXPECT_EQ(100L * 8, parsed);  // every row but the last parses
 }
 
 TEST(TimeFormatAlloc, TheCounterSeesAllocations) {
-  const long before = gAllocations.load();
+  const long before = testing_alloc::allocations();
   TimeFormat f("%Y-%m-%d");  // compiling allocates the atoms
-  EXPECT_LT(before, gAllocations.load());
+  EXPECT_LT(before, testing_alloc::allocations());
 }
 
 }  // namespace
