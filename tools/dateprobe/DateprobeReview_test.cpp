@@ -15,6 +15,7 @@
 
 #include <gtest/gtest.h>
 
+#include "util/testing/RunProgram.h"
 #include "util/testing/TestTempDir.h"
 
 namespace {
@@ -39,42 +40,17 @@ std::string stagedHome() {
   return std::filesystem::weakly_canonical(exeDir() + "/../../home").string();
 }
 
-struct Outcome {
-  int status = -1;
-  std::string output;
-};
+typedef ProgramOutcome Outcome;
 
 // Runs the binary with `words` in zone `zone` against install root `home`;
 // standard error is dropped, standard output collected.
 Outcome run(const std::vector<std::string>& words, const std::string& zone = "UTC",
             const std::string& home = stagedHome()) {
-  const std::string bin = dateprobeBin();
-  std::vector<char*> argv = {const_cast<char*>(bin.c_str())};
-  for (const std::string& w : words) argv.push_back(const_cast<char*>(w.c_str()));
-  argv.push_back(nullptr);
-  int fds[2];
-  if (pipe(fds) != 0) return {};
-  const pid_t pid = fork();
-  if (pid == 0) {
+  return runProgram(dateprobeBin(), words, [&] {
     setenv("TZ", zone.c_str(), 1);
     setenv("KESTRO_HOME", home.c_str(), 1);
     if (freopen("/dev/null", "w", stderr) == nullptr) _exit(126);
-    dup2(fds[1], STDOUT_FILENO);
-    close(fds[0]);
-    close(fds[1]);
-    execv(bin.c_str(), argv.data());
-    _exit(127);
-  }
-  close(fds[1]);
-  Outcome outcome;
-  char buffer[4096];
-  ssize_t n;
-  while ((n = read(fds[0], buffer, sizeof buffer)) > 0) outcome.output.append(buffer, n);
-  close(fds[0]);
-  int wstatus = 0;
-  waitpid(pid, &wstatus, 0);
-  outcome.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
-  return outcome;
+  });
 }
 
 // The "UTC Time" value printed for a line, or "none" when the output has no

@@ -18,6 +18,7 @@
 #include "loaderinfo/LoaderInfo.h"
 #include "tools/dateprobe/DateprobeBack.h"
 #include "tools/dateprobe/LineProbe.h"
+#include "util/testing/RunProgram.h"
 #include "util/testing/ScopedTz.h"
 #include "util/testing/XmlTestInit.h"
 
@@ -48,35 +49,17 @@ Outcome runDateprobe(const std::vector<std::string>& words, HomeSetting home = {
   const char* bin = getenv("DATEPROBE_BIN");
   EXPECT_NE(nullptr, bin) << "DATEPROBE_BIN is not set";
   if (bin == nullptr) return {};
-  std::vector<char*> argv = {const_cast<char*>(bin)};
-  for (const std::string& w : words) argv.push_back(const_cast<char*>(w.c_str()));
-  argv.push_back(nullptr);
-
-  int fds[2];
-  if (pipe(fds) != 0) return {};
-  const pid_t pid = fork();
-  if (pid == 0) {
+  const ProgramOutcome child = runProgram(bin, words, [&] {
     if (zone == nullptr) unsetenv("TZ");
     if (zone != nullptr) setenv("TZ", zone, 1);
     if (home.replace && home.value == nullptr) unsetenv("KESTRO_HOME");
     if (home.replace && home.value != nullptr) setenv("KESTRO_HOME", home.value, 1);
     if (!errorsTo.empty() && freopen(errorsTo.c_str(), "w", stderr) == nullptr) _exit(126);
-    dup2(fds[1], STDOUT_FILENO);
-    close(fds[0]);
-    close(fds[1]);
-    execv(bin, argv.data());
-    _exit(127);
-  }
-  close(fds[1]);
+  });
+  EXPECT_NE(-1, child.status) << "the program did not exit normally";
   Outcome outcome;
-  char buffer[4096];
-  ssize_t n;
-  while ((n = read(fds[0], buffer, sizeof buffer)) > 0) outcome.output.append(buffer, n);
-  close(fds[0]);
-  int wstatus = 0;
-  waitpid(pid, &wstatus, 0);
-  EXPECT_TRUE(WIFEXITED(wstatus));
-  outcome.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
+  outcome.status = child.status;
+  outcome.output = child.output;
   if (!errorsTo.empty()) outcome.errors = readTestFile(Pathname(errorsTo));
   return outcome;
 }
