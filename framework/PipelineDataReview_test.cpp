@@ -840,6 +840,52 @@ TEST(PipelineDataRead, InternalGetOfRawCopiesOnlyWhenItMust) {
   EXPECT_EQ(*got, "in storage");
 }
 
+TEST(PipelineDataRead, KeysWithTheSameHashStayApart) {
+  // djb2 is linear: raising one byte by 1 and lowering the next by 33 keeps
+  // the hash, so "_pauG" collides with the registered "_path".
+  ASSERT_EQ(djb2_hash("_pauG"), djb2_hash("_path"));
+  ASSERT_EQ(djb2_hash("x_Ab"), djb2_hash("x_BA"));
+  PipelineData pd;
+  iput(&pd, "_pauG", "impostor");
+  pd.put(PipelineData::_pathKey, "/real");
+  iput(&pd, "x_Ab", "first");
+  iput(&pd, "x_BA", "second");
+  EXPECT_EQ(pd.contentMap().size(), 4u);
+  EXPECT_EQ(pd.get(PipelineData::_pathKey), "/real");
+  const struct {
+    const char* name;
+    const char* value;
+  } kCases[] = {{"_pauG", "impostor"}, {"_path", "/real"}, {"x_Ab", "first"}, {"x_BA", "second"}};
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    Str scratch;
+    const Str* got = pd.internal_get(c.name, strlen(c.name), djb2_hash(c.name), &scratch);
+    ASSERT_NE(got, nullptr);
+    EXPECT_EQ(*got, c.value);
+  }
+  PipelineData back;
+  ASSERT_TRUE(readBack(serialized(pd), &back));
+  EXPECT_EQ(serialized(back), serialized(pd));
+  EXPECT_EQ(back.get(PipelineData::_pathKey), "/real");
+  pd.remove(PipelineData::_pathKey);
+  EXPECT_EQ(pd.getIfAvail(PipelineData::_pathKey), nullptr);
+  Str scratch;
+  const Str* left = pd.internal_get("_pauG", 5, djb2_hash("_pauG"), &scratch);
+  ASSERT_NE(left, nullptr);
+  EXPECT_EQ(*left, "impostor");
+}
+
+TEST(PipelineDataRead, PuttingMetaReplacesTheAtoms) {
+  PipelineData pd;
+  iput(&pd, "_meta", "a::b c::d");
+  iput(&pd, "_meta", "e::f");
+  Str text;
+  pd.metaKey().appendTo(&text, pd.raw(), nullptr);
+  EXPECT_EQ(text, "e::f");
+  EXPECT_EQ(pd.metaKey().atoms().size(), 1u);
+  EXPECT_EQ(pd.flags(), PDFLAG_HAS_META);
+}
+
 // ---------------------------------------------------------------------------
 // Raw storage pools
 
