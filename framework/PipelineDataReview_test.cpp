@@ -8,6 +8,7 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -704,6 +705,23 @@ TEST(PipelineDataChannel, AReaderWithItsOwnSetGetsChannelsFromIt) {
   }
 }
 
+TEST(PipelineDataChannel, RecomputeConfKeyWithoutPiecesAttachesTheDefaultChannel) {
+  for (bool create : {false, true}) {
+    SCOPED_TRACE(create);
+    PipelineData pd;
+    iput(&pd, "k", "v");
+    pd.recomputeConfKey(create);
+    EXPECT_TRUE(pd.channel().hasConf());
+    EXPECT_EQ(pd.flags(), 0u);
+    PipelineInputChannel* chan = pd.getInputChannel();
+    EXPECT_EQ(chan, pd.channel().get());
+    // The channel's key is the one the record's own pieces (none) make.
+    Str conf;
+    pd.defaultConf(conf);
+    EXPECT_EQ(std::string(chan->conf().data(), chan->conf().size()), conf);
+  }
+}
+
 // ---------------------------------------------------------------------------
 // Reading and the text forms
 
@@ -998,6 +1016,40 @@ TEST(PipelineDataRawStoragePool, ReadingBackPutsTheRawInTheSmallestPoolThatHolds
   }
 }
 
+TEST(PipelineDataRawStoragePool, ThreadsSharingAPoolKeepItsListBounded) {
+  PipelineDataRawStoragePool& pool = ressurrectedPD_mempool_1K;
+  const int kThreads = 4;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([t] {
+      std::vector<PipelineDataRawStorage*> held;
+      for (int i = 0; i < 300; ++i) {
+        PipelineDataRawStorageReference ref;
+        ref.findPool(600);
+        std::string bytes(600, static_cast<char>('a' + t));
+        ref.set(StrSegment(bytes.data(), bytes.size()));
+        if (std::string(ref._p->data, 600) != bytes) ADD_FAILURE() << "bytes of thread " << t;
+        held.push_back(ref._p);
+        ref._p = nullptr;
+        if (held.size() == 7) {
+          for (PipelineDataRawStorage* s : held) s->abandon();
+          held.clear();
+        }
+      }
+      for (PipelineDataRawStorage* s : held) s->abandon();
+    });
+  }
+  for (std::thread& th : threads) th.join();
+  // The unlocked capacity test may let each thread push one past the limit.
+  EXPECT_LE(pool._freeCount.load(), pool._maxFree + kThreads);
+  uint32_t listed = 0;
+  for (PipelineDataRawStorage* b = pool._freeHead.load(); b != nullptr; b = b->_nextFree) {
+    ++listed;
+    EXPECT_EQ(b->_pool, &pool);
+  }
+  EXPECT_EQ(listed, pool._freeCount.load());
+}
+
 // ---------------------------------------------------------------------------
 // Copy-on-write handles
 
@@ -1201,6 +1253,42 @@ TEST(CowPipelineDataReview, AppendAndResetJoinsTheLogs) {
   b.writable()->appendLog("B;");
   a.appendAndReset(b);
   EXPECT_EQ(a->get(PipelineData::_loggingKey), "A;B;");
+}
+
+TEST(CowPipelineDataReview, AppendAndResetMergesChannelPiecesLikeOtherBits) {
+  const struct {
+    const char* what;
+    const char* thisHost;   // null: absent from the form
+    const char* otherHost;
+    uint32_t hostFlags;
+    const char* mapValue;   // null: no map entry
+  } kCases[] = {
+      {"both on the channel", "host::h", "host::h", HOST_NORMAL, nullptr},
+      {"other deviates", "host::h", "host::x", HOST_NORMAL, nullptr},
+      {"this deviates", "host::y", "host::h", HOST_IN_MAP, "host::y"},
+      {"this has none, other on the channel", nullptr, "host::h", HOST_NORMAL, nullptr},
+      {"this has none, other deviates", nullptr, "host::x", HOST_IN_MAP, "host::x"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.what);
+    Pairs pa = {{"_conf", kConf}, {"_raw", "one"}};
+    if (c.thisHost) pa.emplace_back("MetaData:Host", c.thisHost);
+    Pairs pb = {{"_conf", kConf}, {"_raw", "two"}, {"MetaData:Host", c.otherHost}};
+    CowPipelineData a, b;
+    ASSERT_TRUE(readBack(Form::record(pa), a.writable()));
+    ASSERT_TRUE(readBack(Form::record(pb), b.writable()));
+    ASSERT_EQ(a->channel().get(), b->channel().get());
+    a.appendAndReset(b);
+    EXPECT_EQ(a->flags() & (HOST_NORMAL | HOST_IN_MAP), c.hostFlags);
+    std::string v;
+    if (c.mapValue == nullptr) {
+      EXPECT_FALSE(mapHas(*a, "MetaData:Host"));
+    } else {
+      ASSERT_TRUE(mapHas(*a, "MetaData:Host", &v));
+      EXPECT_EQ(v, c.mapValue);
+    }
+    EXPECT_EQ(rawOf(a), "one\ntwo");
+  }
 }
 
 // ---------------------------------------------------------------------------
