@@ -1291,6 +1291,60 @@ TEST(CowPipelineDataReview, AppendAndResetMergesChannelPiecesLikeOtherBits) {
   }
 }
 
+TEST(CowPipelineDataReview, EachBlockIsHeldOnceHoweverManyPiecesComeFromIt) {
+  PipelineDataRawStorage *one, *two;
+  CowPipelineData modelOne = fromStorage("aa|bb|cc", &one);
+  CowPipelineData modelTwo = fromStorage("zz", &two);
+  CowPipelineData a(modelOne, 0, 2), b(modelOne, 3, 2), c(modelTwo, 0, 2), d(modelOne, 6, 2);
+  modelOne.clear();
+  modelTwo.clear();
+  EXPECT_EQ(one->_refcnt.load(), 3u);
+  a.appendAndReset(b);  // the same single block
+  EXPECT_EQ(a->rawStorageCount(), 1u);
+  EXPECT_EQ(one->_refcnt.load(), 2u);
+  a.appendAndReset(c);  // a second block: a set of two
+  EXPECT_EQ(a->rawStorageCount(), 2u);
+  EXPECT_NE(a->flags() & PDFLAG_HAS_MULTI_RAWSTOR, 0u);
+  a.appendAndReset(d);  // already in the set
+  EXPECT_EQ(a->rawStorageCount(), 2u);
+  EXPECT_EQ(one->_refcnt.load(), 1u);
+  EXPECT_EQ(two->_refcnt.load(), 1u);
+  EXPECT_EQ(rawOf(a), "aa\nbb\nzz\ncc");
+
+  // A copy shares both blocks; dropping it gives the references back.
+  {
+    CowPipelineData copy(a);
+    copy.make_writable();
+    EXPECT_EQ(copy->rawStorageCount(), 2u);
+    EXPECT_EQ(one->_refcnt.load(), 2u);
+    EXPECT_EQ(two->_refcnt.load(), 2u);
+  }
+  EXPECT_EQ(one->_refcnt.load(), 1u);
+  EXPECT_EQ(two->_refcnt.load(), 1u);
+
+  // Reading a new raw into the record lets both blocks go.
+  gDestroyedIn.clear();
+  PipelineDataRawStorageObserverRef observer(new RecordingObserver);
+  std::string bytes = Form::record({{"_raw", "fresh"}});
+  NativeByteOrderInputStream in(bytes.data(), bytes.size());
+  ASSERT_TRUE(a.writable()->ressurrect(in, observer, false));
+  EXPECT_EQ(a->rawStorageCount(), 1u);
+  EXPECT_EQ(a->flags() & PDFLAG_HAS_MULTI_RAWSTOR, 0u);
+  EXPECT_EQ(rawOf(a), "fresh");
+  a.clear();
+  EXPECT_EQ(gDestroyedIn.size(), 1u);  // only the new block had the observer
+}
+
+TEST(CowPipelineDataReview, ASubRangeOfRawMovedOutOfStorageIsCopied) {
+  PipelineDataRawStorage* block;
+  CowPipelineData h = fromStorage("abcdef", &block);
+  h.writable()->appendToRaw("gh", 2);
+  CowPipelineData sub(h, 4, 4);
+  EXPECT_EQ(rawOf(sub), "efgh");
+  EXPECT_EQ(sub->flags() & PDFLAG_IS_POINTING_AT_RAWSTOR, 0u);
+  EXPECT_NE(sub->raw().data(), h->raw().data() + 4);
+}
+
 // ---------------------------------------------------------------------------
 // Contract assertions
 
