@@ -605,6 +605,11 @@ void PipelineData::add_to_rawstor(PipelineDataRawStorage* s) {
 }
 
 void PipelineData::steal_rawstors_from(PipelineData& other) {
+  if (rawStorageCount() == 0) {
+    // Holding nothing, this record can take other's set whole.
+    swap_rawstors_with(other);
+    return;
+  }
   if (other._flags & PDFLAG_HAS_MULTI_RAWSTOR) {
     for (PipelineDataRawStorage* s : *other._rawStor.multi) add_to_rawstor(s);
     delete other._rawStor.multi;
@@ -625,6 +630,13 @@ void PipelineData::copy_rawstors_from(const PipelineData& other) {
     other._rawStor.single->add_reference();
     add_to_rawstor(other._rawStor.single);
   }
+}
+
+void PipelineData::swap_rawstors_with(PipelineData& other) {
+  std::swap(_rawStor, other._rawStor);
+  const uint32_t mine = _flags & PDFLAG_HAS_MULTI_RAWSTOR;
+  _flags = (_flags & ~PDFLAG_HAS_MULTI_RAWSTOR) | (other._flags & PDFLAG_HAS_MULTI_RAWSTOR);
+  other._flags = (other._flags & ~PDFLAG_HAS_MULTI_RAWSTOR) | mine;
 }
 
 void PipelineData::reset_rawstor() {
@@ -728,6 +740,18 @@ void PipelineData::serialize(OutputStream& out) const {
   out.write(_rawKey);
 }
 
+void PipelineData::pull_old_inmap_after_resurrect(const special_key_chanpiece& key,
+                                                  StrSegment* value, bool* have, Str* owned) {
+  if (!(_flags & key.inmap_flag)) return;
+  if (!*have) {
+    *owned = _contentMap.at(key);
+    *value = *owned;
+    *have = true;
+  }
+  erase_key(key);
+  _flags &= ~key.inmap_flag;
+}
+
 void PipelineData::post_resurrect_chanpiece_merge(const special_key_chanpiece& key,
                                                   const StrSegment* value, bool have,
                                                   const PipelineInputChannel* oldChan,
@@ -821,15 +845,7 @@ bool PipelineData::ressurrect(InputStream& in, PipelineDataRawStorageObserverRef
 
   if (_flags & PDFLAG_ANY_CHANPIECE_IN_MAP) {
     for (int n = 0; n < 4; n++) {
-      const special_key_chanpiece& k = *kPieceKeys[n];
-      if (!(_flags & k.inmap_flag)) continue;
-      if (!pieceHave[n]) {
-        pieceOwned[n] = _contentMap.at(k);
-        pieceVal[n] = pieceOwned[n];
-        pieceHave[n] = true;
-      }
-      erase_key(k);
-      _flags &= ~k.inmap_flag;
+      pull_old_inmap_after_resurrect(*kPieceKeys[n], &pieceVal[n], &pieceHave[n], &pieceOwned[n]);
     }
   }
   const PipelineInputChannel* oldChan = _chan.get();
@@ -1149,8 +1165,13 @@ void CowPipelineData::appendAndReset(CowPipelineData& other) {
     for (const PipelineData::special_key* k :
          {static_cast<const PipelineData::special_key*>(&PipelineData::__inmap_done),
           static_cast<const PipelineData::special_key*>(&PipelineData::__inmap_flush)}) {
-      if ((of & k->inmap_flag) && !(me->_flags & (k->normal_flag | k->inmap_flag))) {
-        me->_flags |= k->inmap_flag;
+      if (of & k->inmap_flag) {
+        // The entry came over with the map; the bit already says it here.
+        if (me->_flags & k->normal_flag) {
+          me->erase_key(*k);
+        } else {
+          me->_flags |= k->inmap_flag;
+        }
       } else if ((of & k->normal_flag) && !(me->_flags & (k->normal_flag | k->inmap_flag))) {
         me->_flags |= k->normal_flag;
       }
@@ -1170,19 +1191,7 @@ void CowPipelineData::appendAndReset(CowPipelineData& other) {
         &PipelineData::__inmap_headerproc_off_by_default,
         &PipelineData::__inmap_host,          &PipelineData::__inmap_source,
         &PipelineData::__inmap_channel,       &PipelineData::__inmap_sourcetype};
-    for (const PipelineData::special_key* k : fixups) {
-      const bool meNormal = me->_flags & k->normal_flag, meMap = me->_flags & k->inmap_flag;
-      if (of & k->normal_flag) {
-        if (!meNormal && !meMap) me->_flags |= k->normal_flag;
-      } else if (of & k->inmap_flag) {
-        // The entry was copied from other above when this record lacked it.
-        if (meNormal) {
-          me->erase_key(*k);
-        } else if (!meMap) {
-          me->_flags |= k->inmap_flag;
-        }
-      }
-    }
+    for (const PipelineData::special_key* k : fixups) me->postmerge_fixup(*k, of);
     const PipelineData::special_key& t = PipelineData::__inmap_time;
     if (!(me->_flags & (t.normal_flag | t.inmap_flag))) {
       me->_timeKey = o->_timeKey;
@@ -1192,6 +1201,20 @@ void CowPipelineData::appendAndReset(CowPipelineData& other) {
     }
   }
   other.clear();
+}
+
+void PipelineData::postmerge_fixup(const special_key& key, uint32_t otherFlags) {
+  const bool meNormal = _flags & key.normal_flag, meMap = _flags & key.inmap_flag;
+  if (otherFlags & key.normal_flag) {
+    if (!meNormal && !meMap) _flags |= key.normal_flag;
+  } else if (otherFlags & key.inmap_flag) {
+    // The entry was copied from the other record when this one lacked it.
+    if (meNormal) {
+      erase_key(key);
+    } else if (!meMap) {
+      _flags |= key.inmap_flag;
+    }
+  }
 }
 
 PipelineInputChannel* CowPipelineData::getInputChannel() {

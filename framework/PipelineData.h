@@ -213,6 +213,9 @@ class PipelineData {
  private:
   void assert_has_raw() const { kassert(hasRaw()); }
   void remove_special_key(const special_key& key);
+  // Merges one special key's place after appendAndReset copied the other
+  // record's missing map entries: this record's value wins.
+  void postmerge_fixup(const special_key& key, uint32_t otherFlags);
   friend class CowPipelineData;
 
   explicit PipelineData(uint32_t initialRefs);
@@ -239,6 +242,10 @@ class PipelineData {
   void set_stmid(StrSegment value);
   void notify_raw_change();
   void notify_channel_change(const PipelineInputChannel* chan);
+  // A piece the record had in its map before reading: a value from the
+  // stream wins, else the old one is taken up; the entry goes either way.
+  void pull_old_inmap_after_resurrect(const special_key_chanpiece& key, StrSegment* value,
+                                      bool* have, Str* owned);
   void post_resurrect_chanpiece_merge(const special_key_chanpiece& key, const StrSegment* value,
                                       bool have, const PipelineInputChannel* oldChan,
                                       const PipelineInputChannel* newChan);
@@ -246,6 +253,8 @@ class PipelineData {
   void add_to_rawstor(PipelineDataRawStorage* s);
   void steal_rawstors_from(PipelineData& other);
   void copy_rawstors_from(const PipelineData& other);
+  // Exchanges the storage pointers and the multi flag with `other`.
+  void swap_rawstors_with(PipelineData& other);
   void reset_rawstor();
   void copy_rawdata_and_flags_from(const PipelineData& other);
   void aim_at_rawAsStr() { _rawSeg = StrSegment(_rawAsStr.data(), _rawAsStr.size()); }
