@@ -36,7 +36,9 @@ TEST(PipelineDataLoad, PathKeepsWhatFollowsTheSchemeBehindOneSlash) {
   } kCases[] = {
       {"monitor:///var/log/", "/var/log"},
       {"monitor:///var/log", "/var/log"},
+      {"monitor:///var/log///", "/var/log"},
       {"tcp://9997", "/9997"},
+      {"tcp::9997", "/9997"},
       {"udp:514", "/514"},
       {"script::://a//b//", "/a//b"},  // runs of ":" and "/" both skipped
       {"monitor://x", "/"},            // a one-character remainder is dropped
