@@ -9,14 +9,11 @@
 #include <new>
 #include <vector>
 
+#include "bench/BenchAllocations.h"
 #include "framework/PipelineDataMetaKey.h"
 #include "framework/PipelineInputChannel.h"
 
 namespace {
-
-// Heap allocations made by this thread, counted by the replaced operator new
-// below; the other benchmarks of the binary pay one thread-local increment.
-thread_local uint64_t tAllocations = 0;
 
 struct ChannelFixture {
   std::vector<Str> sources, hosts;

@@ -46,6 +46,14 @@ PipelineData::predefined_key::predefined_key(const char* name) : HashedStr(name)
   num_registered_keys_minus1++;
 }
 
+bool PipelineData::byname_key::lessThan(const HashedStrReference& other, bool orEqual) const {
+  if (hash() != other.hash()) return hash() < other.hash();
+  const int c = std::memcmp(data(), other.data(), std::min(length(), other.length()));
+  if (c != 0) return c < 0;
+  if (length() != other.length()) return length() < other.length();
+  return orEqual;
+}
+
 const PipelineData::special_key_oneval PipelineData::__inmap_done("_done", 0x2, 0x4);
 const PipelineData::special_key_oneval PipelineData::__inmap_utf8("_utf8", 0x8, 0x10);
 const PipelineData::special_key_oneval PipelineData::__inmap_linebreaker("_linebreaker", 0x20,
@@ -250,14 +258,14 @@ bool PipelineData::getTimeKey(Timeval* out) const {
 bool PipelineData::get_chan_piece(const special_key_chanpiece& key, StrSegment* out) const {
   const special_key_chanpiece* ims = &key;
   if (_flags & ims->normal_flag) {
-    kassert(_chan.hasConf() && _chan.hasPieceNumber(ims->piece_num));
+    kassert(_chan.hasPieceNumber(ims->piece_num));
+    kassert((_flags & ims->inmap_flag) == 0);
     *out = _chan->piece(ims->piece_num);
     return true;
   }
   if (_flags & ims->inmap_flag) {
-    auto it = _contentMap._internal_find(key);
-    kassert(it != _contentMap.end());
-    *out = StrSegment(it->second.second.data(), it->second.second.size());
+    const Str& v = _contentMap.at(key);
+    *out = StrSegment(v.data(), v.size());
     return true;
   }
   return false;
@@ -354,6 +362,15 @@ void PipelineData::set_meta(StrSegment value) {
   _flags |= PDFLAG_HAS_META;
 }
 
+void PipelineData::set_stmid(StrSegment value) {
+  if (_streamId.parse(value.data(), value.data() + value.size())) {
+    _flags |= PDFLAG_HAS_STMID;
+  } else {
+    _streamId = PipelineDataStreamId();
+    _flags &= ~PDFLAG_HAS_STMID;
+  }
+}
+
 void PipelineData::set_conf(StrSegment value) {
   migrate_all_out_of_chan();
   PipelineInputChannelReference fresh(value, chanset(), true);
@@ -374,16 +391,7 @@ void PipelineData::internal_put(const char* name, size_t length, uint64_t hash,
   }
   if (sameName(_rawKey, name, length, hash)) return set_raw(value);
   if (sameName(_metaKey_name, name, length, hash)) return set_meta(value);
-  if (sameName(_stmidKey, name, length, hash)) {
-    // A text that does not parse leaves no stream id rather than a
-    // half-filled one.
-    PipelineDataStreamId id;
-    if (id.parse(value.data(), value.data() + value.size())) {
-      _streamId = id;
-      _flags |= PDFLAG_HAS_STMID;
-    }
-    return;
-  }
+  if (sameName(_stmidKey, name, length, hash)) return set_stmid(value);
   for (const special_key_oneval* k : kOnevalKeys) {
     if (sameName(*k, name, length, hash)) return put_special_oneval(*k, value);
   }
@@ -399,9 +407,25 @@ void PipelineData::internal_put(const char* name, size_t length, uint64_t hash,
 
 void PipelineData::remove(const predefined_key& key) {
   assertIsUnshared();
-  auto it = _contentMap._internal_find(key);
-  kassert(it != _contentMap.end());
-  _contentMap.erase(it);
+  _contentMap.erase(_contentMap._internal_find(key));
+}
+
+void PipelineData::remove_special_key(const special_key& key) {
+  if (_flags & key.inmap_flag) erase_key(key);
+  _flags &= ~(key.normal_flag | key.inmap_flag);
+}
+
+void PipelineData::remove(const special_key& key) {
+  assertIsUnshared();
+  kassert((_flags & (key.normal_flag | key.inmap_flag)) != 0);
+  remove_special_key(key);
+}
+
+bool PipelineData::removeIfAvail(const special_key& key) {
+  assertIsUnshared();
+  if ((_flags & (key.normal_flag | key.inmap_flag)) == 0) return false;
+  remove_special_key(key);
+  return true;
 }
 
 bool PipelineData::removeIfAvail(const predefined_key& key) {
@@ -423,7 +447,10 @@ void PipelineData::appendToRaw(const char* bytes, size_t length) {
     _rawAsStr.swap(copy);
     _flags &= ~PDFLAG_IS_POINTING_AT_RAWSTOR;
   } else if (_rawSeg.data() == _rawAsStr.data()) {
-    if (_rawSeg.size() != _rawAsStr.size()) _rawAsStr.resize(_rawSeg.size());
+    if (_rawSeg.size() != _rawAsStr.size()) {
+      kassert(_rawAsStr.size() > _rawSeg.size());
+      _rawAsStr.resize(_rawSeg.size());
+    }
   } else {
     Str copy(_rawSeg);
     _rawAsStr.swap(copy);
@@ -443,16 +470,14 @@ void PipelineData::consolidate_item_in_chan(const special_key_chanpiece& key) {
   if (!(_flags & key.inmap_flag) || !_chan.hasConf() || !_chan.hasPieceNumber(key.piece_num)) {
     return;
   }
-  auto it = _contentMap._internal_find(key);
-  kassert(it != _contentMap.end());
-  if (!sameBytes(it->second.second, _chan->piece(key.piece_num))) return;
-  _contentMap.erase(it);
+  if (!sameBytes(_contentMap.at(key), _chan->piece(key.piece_num))) return;
+  erase_key(key);
   _flags = (_flags | key.normal_flag) & ~key.inmap_flag;
 }
 
 void PipelineData::migrate_item_out_of_chan(const special_key_chanpiece& key) {
   if (!(_flags & key.normal_flag)) return;
-  kassert(_chan.hasConf() && _chan.hasPieceNumber(key.piece_num));
+  kassert(_chan.hasPieceNumber(key.piece_num));
   _contentMap[key] = Str(_chan->piece(key.piece_num));
   _flags = (_flags | key.inmap_flag) & ~key.normal_flag;
 }
@@ -580,6 +605,11 @@ void PipelineData::add_to_rawstor(PipelineDataRawStorage* s) {
 }
 
 void PipelineData::steal_rawstors_from(PipelineData& other) {
+  if (rawStorageCount() == 0) {
+    // Holding nothing, this record can take other's set whole.
+    swap_rawstors_with(other);
+    return;
+  }
   if (other._flags & PDFLAG_HAS_MULTI_RAWSTOR) {
     for (PipelineDataRawStorage* s : *other._rawStor.multi) add_to_rawstor(s);
     delete other._rawStor.multi;
@@ -600,6 +630,13 @@ void PipelineData::copy_rawstors_from(const PipelineData& other) {
     other._rawStor.single->add_reference();
     add_to_rawstor(other._rawStor.single);
   }
+}
+
+void PipelineData::swap_rawstors_with(PipelineData& other) {
+  std::swap(_rawStor, other._rawStor);
+  const uint32_t mine = _flags & PDFLAG_HAS_MULTI_RAWSTOR;
+  _flags = (_flags & ~PDFLAG_HAS_MULTI_RAWSTOR) | (other._flags & PDFLAG_HAS_MULTI_RAWSTOR);
+  other._flags = (other._flags & ~PDFLAG_HAS_MULTI_RAWSTOR) | mine;
 }
 
 void PipelineData::reset_rawstor() {
@@ -703,6 +740,18 @@ void PipelineData::serialize(OutputStream& out) const {
   out.write(_rawKey);
 }
 
+void PipelineData::pull_old_inmap_after_resurrect(const special_key_chanpiece& key,
+                                                  StrSegment* value, bool* have, Str* owned) {
+  if (!(_flags & key.inmap_flag)) return;
+  if (!*have) {
+    *owned = _contentMap.at(key);
+    *value = *owned;
+    *have = true;
+  }
+  erase_key(key);
+  _flags &= ~key.inmap_flag;
+}
+
 void PipelineData::post_resurrect_chanpiece_merge(const special_key_chanpiece& key,
                                                   const StrSegment* value, bool have,
                                                   const PipelineInputChannel* oldChan,
@@ -761,12 +810,7 @@ bool PipelineData::ressurrect(InputStream& in, PipelineDataRawStorageObserverRef
       continue;
     }
     if (sameName(_stmidKey, name.data(), name.size(), hash)) {
-      if (_streamId.parse(value.data(), value.data() + value.size())) {
-        _flags |= PDFLAG_HAS_STMID;
-      } else {
-        _streamId = PipelineDataStreamId();
-        _flags &= ~PDFLAG_HAS_STMID;
-      }
+      set_stmid(value);
       continue;
     }
     bool done = false;
@@ -801,17 +845,7 @@ bool PipelineData::ressurrect(InputStream& in, PipelineDataRawStorageObserverRef
 
   if (_flags & PDFLAG_ANY_CHANPIECE_IN_MAP) {
     for (int n = 0; n < 4; n++) {
-      const special_key_chanpiece& k = *kPieceKeys[n];
-      if (!(_flags & k.inmap_flag)) continue;
-      auto it = _contentMap._internal_find(k);
-      kassert(it != _contentMap.end());
-      if (!pieceHave[n]) {
-        pieceOwned[n] = it->second.second;
-        pieceVal[n] = pieceOwned[n];
-        pieceHave[n] = true;
-      }
-      _contentMap.erase(it);
-      _flags &= ~k.inmap_flag;
+      pull_old_inmap_after_resurrect(*kPieceKeys[n], &pieceVal[n], &pieceHave[n], &pieceOwned[n]);
     }
   }
   const PipelineInputChannel* oldChan = _chan.get();
@@ -1102,7 +1136,7 @@ void CowPipelineData::appendAndReset(CowPipelineData& other) {
       me->_contentMap[entry.second.first] = entry.second.second;
     }
   }
-  kassert(me->hasRaw());
+  me->assert_has_raw();
   if (o->refcnt() == 1) {
     me->steal_rawstors_from(*o);
   } else {
@@ -1131,8 +1165,13 @@ void CowPipelineData::appendAndReset(CowPipelineData& other) {
     for (const PipelineData::special_key* k :
          {static_cast<const PipelineData::special_key*>(&PipelineData::__inmap_done),
           static_cast<const PipelineData::special_key*>(&PipelineData::__inmap_flush)}) {
-      if ((of & k->inmap_flag) && !(me->_flags & (k->normal_flag | k->inmap_flag))) {
-        me->_flags |= k->inmap_flag;
+      if (of & k->inmap_flag) {
+        // The entry came over with the map; the bit already says it here.
+        if (me->_flags & k->normal_flag) {
+          me->erase_key(*k);
+        } else {
+          me->_flags |= k->inmap_flag;
+        }
       } else if ((of & k->normal_flag) && !(me->_flags & (k->normal_flag | k->inmap_flag))) {
         me->_flags |= k->normal_flag;
       }
@@ -1152,19 +1191,7 @@ void CowPipelineData::appendAndReset(CowPipelineData& other) {
         &PipelineData::__inmap_headerproc_off_by_default,
         &PipelineData::__inmap_host,          &PipelineData::__inmap_source,
         &PipelineData::__inmap_channel,       &PipelineData::__inmap_sourcetype};
-    for (const PipelineData::special_key* k : fixups) {
-      const bool meNormal = me->_flags & k->normal_flag, meMap = me->_flags & k->inmap_flag;
-      if (of & k->normal_flag) {
-        if (!meNormal && !meMap) me->_flags |= k->normal_flag;
-      } else if (of & k->inmap_flag) {
-        // The entry was copied from other above when this record lacked it.
-        if (meNormal) {
-          me->erase_key(*k);
-        } else if (!meMap) {
-          me->_flags |= k->inmap_flag;
-        }
-      }
-    }
+    for (const PipelineData::special_key* k : fixups) me->postmerge_fixup(*k, of);
     const PipelineData::special_key& t = PipelineData::__inmap_time;
     if (!(me->_flags & (t.normal_flag | t.inmap_flag))) {
       me->_timeKey = o->_timeKey;
@@ -1174,6 +1201,20 @@ void CowPipelineData::appendAndReset(CowPipelineData& other) {
     }
   }
   other.clear();
+}
+
+void PipelineData::postmerge_fixup(const special_key& key, uint32_t otherFlags) {
+  const bool meNormal = _flags & key.normal_flag, meMap = _flags & key.inmap_flag;
+  if (otherFlags & key.normal_flag) {
+    if (!meNormal && !meMap) _flags |= key.normal_flag;
+  } else if (otherFlags & key.inmap_flag) {
+    // The entry was copied from the other record when this one lacked it.
+    if (meNormal) {
+      erase_key(key);
+    } else if (!meMap) {
+      _flags |= key.inmap_flag;
+    }
+  }
 }
 
 PipelineInputChannel* CowPipelineData::getInputChannel() {

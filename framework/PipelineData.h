@@ -14,6 +14,7 @@
 #include "framework/PipelineDataRawStorage.h"
 #include "framework/PipelineDataStreamId.h"
 #include "framework/PipelineInputChannel.h"
+#include "util/Assert.h"
 #include "util/HashedStr.h"
 #include "util/HashedStrMap.h"
 #include "util/Str.h"
@@ -21,6 +22,7 @@
 
 class InputStream;
 class OutputStream;
+class PropertiesMap;
 class Timeval;
 
 static const uint32_t PDFLAG_HAS_DONE_NORMAL = 0x2;
@@ -77,6 +79,18 @@ class PipelineData {
     special_key_oneval(const char* name, uint32_t normal, uint32_t inmap)
         : special_key(name, normal, inmap), value(name) {}
     Str value;
+  };
+  // A key ordered by its name: by hash first, then bytewise (as unsigned
+  // bytes) with `<` or, when `orEqual`, with `<=`; of two texts that agree
+  // over the shorter one's length, the shorter sorts first ("ab" before
+  // "abc"). Equal texts: lessThan(x, false) is false, lessThan(x, true)
+  // true. Borrows the key's block like any HashedStrReference.
+  class byname_key : public HashedStrReference {
+   public:
+    explicit byname_key(const HashedStrReference& key) : HashedStrReference(key) {}
+    bool lessThan(const HashedStrReference& other, bool orEqual) const;
+    bool operator<(const byname_key& other) const { return lessThan(other, false); }
+    bool operator<=(const byname_key& other) const { return lessThan(other, true); }
   };
   // Its fast place is piece `piece_num` of the input channel.
   class special_key_chanpiece : public special_key {
@@ -136,14 +150,44 @@ class PipelineData {
 
   // Writing; all REQUIRE an unshared record.
   void put(const predefined_key& key, const Str& value);
+  // Stores any name: special names land in their fast places or flags.
+  // "_stmid" takes the text form of PipelineDataStreamId; a text that does
+  // not parse leaves the record with no stream id at all (flag clear,
+  // fields zero), replacing any it had, since the flag promises an id that
+  // means something and a half-parsed one would be written back as a
+  // different position. ressurrect reads "_stmid" the same way and keeps
+  // the rest of the event.
   void internal_put(const char* name, size_t length, uint64_t hash, const Str& value);
+  // Removes a map entry. REQUIRES: present ("it != end()").
   void remove(const predefined_key& key);
   bool removeIfAvail(const predefined_key& key);
+  // A special key wherever it lives, fast place or map; the forms above
+  // for a special key come here. remove REQUIRES that it be present.
+  void remove(const special_key& key);
+  bool removeIfAvail(const special_key& key);
   void appendToRaw(const char* bytes, size_t length);
   void appendLog(const Str& text);
   void set_channel(const Str* source, const Str* host, const Str* sourcetype);
   void setChannelDestructive(Str& channel);
   void recomputeConfKey(bool create);
+  // Fills the record from an input's settings. Each setting with a
+  // non-empty value, its name taken without regard to ASCII case: "_raw"
+  // is skipped; "source", "sourcetype" and "host" become the channel's
+  // pieces with their prefixes ("source::", "sourcetype::", "host::");
+  // "reportinghost" goes under _reportingHostKey as "reportinghost::"
+  // plus the value; "index" under _indexKey; any other name through
+  // internal_put, verbatim. Without a host, the host is "host::" plus
+  // ServerConfig::getServerName(). Then set_channel with the pieces given.
+  // A null `props` counts as no settings.
+  void load(const PropertiesMap* props);
+  // For an input named by `path`: nothing when `props` is disabled or the
+  // path holds no ":". Otherwise the part after the first run of ":" and
+  // the run of "/" after it, trailing "/" stripped, is stored under
+  // _pathKey behind one "/", then load(props):
+  //   "monitor:///var/log/" -> "/var/log"     "tcp://9997" -> "/9997"
+  //   "monitor://x" -> "/" (a one-character remainder is dropped)
+  //   "monitor://" -> "/"                    "/var/log" -> nothing at all
+  void load(const PropertiesMap* props, const Str& path);
   // Replaces the channel set; REQUIRES: still the global set.
   void attachChannelSet(PipelineInputChannelSetHolder& holder);
   // For a record in a channel set of its own: unless the record carries
@@ -167,6 +211,11 @@ class PipelineData {
   void assertIsUnshared() const;
 
  private:
+  void assert_has_raw() const { kassert(hasRaw()); }
+  void remove_special_key(const special_key& key);
+  // Merges one special key's place after appendAndReset copied the other
+  // record's missing map entries: this record's value wins.
+  void postmerge_fixup(const special_key& key, uint32_t otherFlags);
   friend class CowPipelineData;
 
   explicit PipelineData(uint32_t initialRefs);
@@ -190,8 +239,13 @@ class PipelineData {
   void set_conf(StrSegment value);
   void set_raw(StrSegment value);
   void set_meta(StrSegment value);
+  void set_stmid(StrSegment value);
   void notify_raw_change();
   void notify_channel_change(const PipelineInputChannel* chan);
+  // A piece the record had in its map before reading: a value from the
+  // stream wins, else the old one is taken up; the entry goes either way.
+  void pull_old_inmap_after_resurrect(const special_key_chanpiece& key, StrSegment* value,
+                                      bool* have, Str* owned);
   void post_resurrect_chanpiece_merge(const special_key_chanpiece& key, const StrSegment* value,
                                       bool have, const PipelineInputChannel* oldChan,
                                       const PipelineInputChannel* newChan);
@@ -199,6 +253,8 @@ class PipelineData {
   void add_to_rawstor(PipelineDataRawStorage* s);
   void steal_rawstors_from(PipelineData& other);
   void copy_rawstors_from(const PipelineData& other);
+  // Exchanges the storage pointers and the multi flag with `other`.
+  void swap_rawstors_with(PipelineData& other);
   void reset_rawstor();
   void copy_rawdata_and_flags_from(const PipelineData& other);
   void aim_at_rawAsStr() { _rawSeg = StrSegment(_rawAsStr.data(), _rawAsStr.size()); }

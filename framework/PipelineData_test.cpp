@@ -1,5 +1,8 @@
 #include "framework/PipelineData.h"
 
+#include <atomic>
+#include <functional>
+#include <memory>
 #include <random>
 #include <thread>
 #include <vector>
@@ -23,9 +26,13 @@ Str serialized(const PipelineData& pd) {
   return Str(std::string(reinterpret_cast<const char*>(out.data()), out.size()));
 }
 
-// Reads `bytes` into a fresh handle; false when refused.
+// Reads `bytes` into a fresh handle; false when refused. The bytes are
+// copied into a buffer of exactly their size, so that a read past the end
+// is an error the address sanitizer sees.
 bool readBack(const Str& bytes, CowPipelineData* out) {
-  NativeByteOrderInputStream in(bytes.data(), bytes.size());
+  std::unique_ptr<char[]> exact(new char[bytes.size()]);
+  std::memcpy(exact.get(), bytes.data(), bytes.size());
+  NativeByteOrderInputStream in(exact.get(), bytes.size());
   return out->writable()->ressurrect(in, false);
 }
 
@@ -153,12 +160,21 @@ TEST(PipelineData, SerialiseThenReadBackIsTheIdentity) {
   const char* pieces[] = {"MetaData:Source", "MetaData:Host", "MetaData:Sourcetype", "_channel"};
   const char* pieceValues[] = {"source::/var/log/a", "host::web01", "sourcetype::syslog", "chan1"};
   const char* times[] = {"7", "007", "-3", "+1", "1.25", ""};
-  for (int round = 0; round < 300; round++) {
+  const char* metas[] = {"a::b c::\"d e\"", "n::7 n::007", "_subsecond::.120", "flag"};
+  // Where the raw bytes end up before the record is written.
+  enum RawShape { NONE, BLOCK, LARGE_BLOCK, OWNED, SUB_RANGE, TWO_BLOCKS, POOL_EDGE, SHAPES };
+  for (int round = 0; round < 350; round++) {
     SCOPED_TRACE(round);
     std::vector<std::pair<Str, Str>> pairs;
-    const int rawShape = round % 3;  // none, small, large (sized pools)
-    if (rawShape == 1) pairs.push_back({"_raw", randomText(rng, 200)});
-    if (rawShape == 2) pairs.push_back({"_raw", Str(std::string(3000 + round, 'r'))});
+    const int rawShape = round % SHAPES;
+    if (rawShape == BLOCK || rawShape == SUB_RANGE || rawShape == TWO_BLOCKS) {
+      pairs.push_back({"_raw", "<" + randomText(rng, 200) + ">"});
+    }
+    if (rawShape == LARGE_BLOCK) pairs.push_back({"_raw", Str(std::string(3000 + round, 'r'))});
+    if (rawShape == POOL_EDGE) {
+      pairs.push_back({"_raw", Str(std::string(65536 + (round / SHAPES) % 2, 'e'))});
+    }
+    if (rng() % 3 == 0) pairs.push_back({"_meta", metas[rng() % 4]});
     for (const char* k : onevals) {
       if (rng() % 3 == 0) pairs.push_back({k, rng() % 2 ? Str(k) : randomText(rng, 5)});
     }
@@ -178,11 +194,21 @@ TEST(PipelineData, SerialiseThenReadBackIsTheIdentity) {
     }
     CowPipelineData first;
     ASSERT_TRUE(readBack(handStream(pairs), &first));
+    if (rawShape == OWNED) putKey(first.writable(), "_raw", randomText(rng, 100));
+    if (rawShape == SUB_RANGE) first = CowPipelineData(first, 1, first->rawSize() - 2);
+    if (rawShape == TWO_BLOCKS) {
+      CowPipelineData tail;
+      ASSERT_TRUE(readBack(handStream(pairs), &tail));
+      first.appendAndReset(tail);
+      ASSERT_EQ(first->rawStorageCount(), 2u);
+    }
     const Str bytes = serialized(*first);
     CowPipelineData second;
     ASSERT_TRUE(readBack(bytes, &second));
     EXPECT_EQ(serialized(*second), bytes);
-    EXPECT_EQ(second->flags() & ~PDFLAG_HAS_MULTI_RAWSTOR, first->flags());
+    const uint32_t whereRawLives = PDFLAG_HAS_MULTI_RAWSTOR | PDFLAG_IS_POINTING_AT_RAWSTOR;
+    EXPECT_EQ(second->flags() & ~whereRawLives, first->flags() & ~whereRawLives);
+    EXPECT_EQ(Str(second->raw()), Str(first->raw()));
     EXPECT_EQ(second->toString(), first->toString());
     EXPECT_EQ(second->channel().get(), first->channel().get());
     // Each value reads back the same wherever it lives.
@@ -277,14 +303,15 @@ TEST(PipelineData, RawReadBackUsesTheSmallestPoolThatHoldsIt) {
 TEST(PipelineData, TheLargestPooledSizeIsKeptAndOversizeIsFreed) {
   const Str lwf(std::string(65536, 'a'));
   const Str over(std::string(65537, 'b'));
-  const uint32_t lwfBefore = ressurrectedPD_mempool_LWF._freeCount;
+  uint32_t lwfInUse = 0;
   {
     CowPipelineData pd;
     ASSERT_TRUE(readBack(handStream({{"_raw", lwf}}), &pd));
     EXPECT_TRUE(pd->flags() & PDFLAG_IS_POINTING_AT_RAWSTOR);
     EXPECT_EQ(Str(pd->raw()), lwf);
+    lwfInUse = ressurrectedPD_mempool_LWF._freeCount;
   }
-  EXPECT_EQ(ressurrectedPD_mempool_LWF._freeCount, lwfBefore + 1);
+  EXPECT_EQ(ressurrectedPD_mempool_LWF._freeCount, lwfInUse + 1);
   {
     CowPipelineData pd;
     ASSERT_TRUE(readBack(handStream({{"_raw", over}}), &pd));
@@ -406,31 +433,36 @@ TEST(CowPipelineData, CreateFromReusesASoleOwnersRecord) {
   EXPECT_TRUE(pd.isUnset());
 }
 
+// Writers copy and change while they and the others read the shared
+// record: every private copy holds only its own thread's change, and the
+// shared record reads the same throughout.
 TEST(CowPipelineData, EightThreadsTakePrivateCopies) {
   CowPipelineData shared = withChannel("shared raw");
   putKey(shared.writable(), "base", "1");
   const Str original = serialized(*shared);
+  std::atomic<int> wrong{0};
   std::vector<std::thread> threads;
-  std::vector<Str> results(8);
   for (int t = 0; t < 8; t++) {
     threads.emplace_back([&, t] {
+      const Str own = std::to_string(t);
       for (int i = 0; i < 200; i++) {
         CowPipelineData mine(shared);
         PipelineData* w = mine.writable();
-        putKey(w, "thread", std::to_string(t));
+        putKey(w, "thread", own);
         w->appendToRaw("!", 1);
         Str scratch;
-        if (i == 199) {
-          results[t] = Str(mine->raw()) +
-                       *mine->internal_get("thread", 6, djb2_hash("thread"), &scratch);
+        const Str* v = mine->internal_get("thread", 6, djb2_hash("thread"), &scratch);
+        if (mine.get() == shared.get() || Str(mine->raw()) != "shared raw!" || v == nullptr ||
+            *v != own || serialized(*shared) != original) {
+          wrong++;
         }
       }
     });
   }
   for (std::thread& th : threads) th.join();
+  EXPECT_EQ(wrong.load(), 0);
   EXPECT_EQ(serialized(*shared), original);
   EXPECT_EQ(shared->refcnt(), 1u);
-  for (int t = 0; t < 8; t++) EXPECT_EQ(results[t], "shared raw!" + std::to_string(t));
 }
 
 TEST(CowPipelineData, ContainerMovesKeepTheCountsAndTheOrder) {
@@ -496,6 +528,166 @@ TEST(PipelineData, DefaultConfJoinsThePiecesWhereverTheyLive) {
   // Host and channel leave the fast places; source and sourcetype stay.
   EXPECT_EQ(conf, "source::/var/log/a||syslog|moved");
   EXPECT_EQ(pd->channel().get()->conf(), kConf);
+}
+
+TEST(PipelineData, AStreamIdThatDoesNotParseLeavesNone) {
+  const struct {
+    const char* text;
+    bool kept;
+  } kCases[] = {
+      {"AAAAAAAAAAB.C", true},
+      {"AAAAAAAAAAA", true},        // no ".": the third number is zero
+      {"AAAAAAAAAA", false},        // ten digits
+      {"AAAAAAAAAAB.", false},      // "." with nothing after it
+      {"AAAAAAAAAA*.B", false},     // a byte outside the alphabet
+      {"", false},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.text);
+    // Over an earlier id: put replaces it, whatever the new text is.
+    CowPipelineData pd;
+    putKey(pd.writable(), "_stmid", "AAAAAAAAAAZ.Z");
+    putKey(pd.writable(), "_stmid", c.text);
+    EXPECT_EQ((pd->flags() & PDFLAG_HAS_STMID) != 0, c.kept);
+    Str scratch;
+    const Str* v = pd->internal_get("_stmid", 6, djb2_hash("_stmid"), &scratch);
+    EXPECT_EQ(v != nullptr, c.kept);
+    if (!c.kept) {
+      EXPECT_EQ(pd->streamId(), PipelineDataStreamId());
+    }
+    // Read from a stream, the rest of the event stays.
+    CowPipelineData back;
+    ASSERT_TRUE(readBack(handStream({{"_raw", "r"}, {"_stmid", c.text}}), &back));
+    EXPECT_EQ((back->flags() & PDFLAG_HAS_STMID) != 0, c.kept);
+    EXPECT_EQ(Str(back->raw()), "r");
+  }
+}
+
+TEST(PipelineData, BynameKeyOrdersByHashThenBytes) {
+  // "aB" and "b!" share their djb2 hash: 97*33+66 == 98*33+33.
+  ASSERT_EQ(djb2_hash("aB"), djb2_hash("b!"));
+  const struct {
+    const char* a;
+    const char* b;
+  } kPairs[] = {{"aB", "b!"}, {"b!", "aB"}, {"aB", "aB"}, {"host", "source"},
+                {"source", "host"}, {"", "x"}, {"x", "x"}};
+  HashedStrMap_KeyPool pool;
+  for (const auto& p : kPairs) {
+    SCOPED_TRACE(std::string(p.a) + " vs " + p.b);
+    const HashedStrReference ha = pool.create(p.a), hb = pool.create(p.b);
+    const PipelineData::byname_key a(ha), b(hb);
+    // Oracle: the hash, then std::string's bytewise order.
+    const bool less = ha.hash() != hb.hash() ? ha.hash() < hb.hash()
+                                             : std::string(p.a) < std::string(p.b);
+    const bool equal = std::string(p.a) == p.b;
+    EXPECT_EQ(a < b, less);
+    EXPECT_EQ(a <= b, less || equal);
+    EXPECT_EQ(a.lessThan(hb, true), less || equal);
+  }
+}
+
+TEST(PipelineData, RemovingASpecialKeyClearsItWhereverItLives) {
+  const struct {
+    const char* name;
+    const char* value;
+    const PipelineData::special_key* key;
+  } kCases[] = {
+      {"_done", "_done", &PipelineData::__inmap_done},    // a bit
+      {"_done", "other", &PipelineData::__inmap_done},    // the map
+      {"_time", "7", &PipelineData::__inmap_time},        // the fast field
+      {"_time", "007", &PipelineData::__inmap_time},      // the map
+      {"MetaData:Host", "host::h", &PipelineData::__inmap_host},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(std::string(c.name) + "=" + c.value);
+    CowPipelineData pd;
+    putKey(pd.writable(), c.name, c.value);
+    ASSERT_TRUE(pd->contains(*c.key) || !pd->contentMap().empty());
+    EXPECT_TRUE(pd.writable()->removeIfAvail(*c.key));
+    EXPECT_EQ(pd->flags() & (c.key->normal_flag | c.key->inmap_flag), 0u);
+    EXPECT_TRUE(pd->contentMap().empty());
+    EXPECT_FALSE(pd.writable()->removeIfAvail(*c.key));
+    Str scratch;
+    EXPECT_EQ(pd->internal_get(c.name, std::strlen(c.name), djb2_hash(c.name), &scratch), nullptr);
+  }
+}
+
+// A done or flush key of the next line merges into the first; the first
+// line's own form wins, and no map entry is left beside a bit.
+TEST(PipelineData, AppendAndResetMergesDoneAndFlush) {
+  const struct {
+    const char* key;
+    const char* mine;  // null: absent
+    const char* next;
+    uint32_t flags;    // of the key's two flags, afterwards
+    bool inMap;
+  } kCases[] = {
+      {"_done", nullptr, "_done", PDFLAG_HAS_DONE_NORMAL, false},
+      {"_done", nullptr, "x", PDFLAG_HAS_DONE_IN_MAP, true},
+      {"_done", "_done", "x", PDFLAG_HAS_DONE_NORMAL, false},
+      {"_done", "y", "_done", PDFLAG_HAS_DONE_IN_MAP, true},
+      {"_done", "y", "x", PDFLAG_HAS_DONE_IN_MAP, true},
+      {"_flush", "_flush", "x", PDFLAG_HAS_FLUSH_NORMAL, false},
+      {"_flush", nullptr, "x", PDFLAG_HAS_FLUSH_IN_MAP, true},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(std::string(c.key) + " " + (c.mine ? c.mine : "-") + " + " + c.next);
+    CowPipelineData a, b;
+    putKey(a.writable(), "_raw", "one");
+    if (c.mine != nullptr) putKey(a.writable(), c.key, c.mine);
+    putKey(b.writable(), "_raw", "two");
+    putKey(b.writable(), c.key, c.next);
+    a.appendAndReset(b);
+    const uint32_t both = c.key[1] == 'd' ? PDFLAG_HAS_DONE_NORMAL | PDFLAG_HAS_DONE_IN_MAP
+                                          : PDFLAG_HAS_FLUSH_NORMAL | PDFLAG_HAS_FLUSH_IN_MAP;
+    EXPECT_EQ(a->flags() & both, c.flags);
+    EXPECT_EQ(a->contentMap().size(), c.inMap ? 1u : 0u);
+    // Written out and read back, the key appears once.
+    CowPipelineData back;
+    ASSERT_TRUE(readBack(serialized(*a), &back));
+    EXPECT_EQ(back->flags() & both, c.flags);
+  }
+}
+
+// The contract checks whose texts are fixed, each reached through the
+// public interface by the misuse it guards against.
+TEST(PipelineDataDeathTest, MisuseEndsTheProcessWithTheInvariantsText) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  CowPipelineData noRaw;
+  noRaw.writable();
+  CowPipelineData withRaw;
+  putKey(withRaw.writable(), "_raw", "abc");
+  const struct {
+    const char* text;
+    std::function<void()> misuse;
+  } kCases[] = {
+      {"_refcnt\\.refcntIsOne\\(\\)",
+       [&] {
+         CowPipelineData share(withRaw);
+         const_cast<PipelineData*>(share.get())->put(PipelineData::_pathKey, "/x");
+       }},
+      {"hasRaw\\(\\)", [&] { const_cast<PipelineData*>(noRaw.get())->appendToRaw("x", 1); }},
+      {"hasRaw\\(\\)",
+       [&] {
+         CowPipelineData other(withRaw, StrSegment("more"));
+         noRaw.appendAndReset(other);
+       }},
+      {"it != end\\(\\)",
+       [&] { const_cast<PipelineData*>(noRaw.get())->remove(PipelineData::_pathKey); }},
+      {"this != &other", [&] { withRaw.appendAndReset(withRaw); }},
+      {"startRawPos <= other\\.rawSize\\(\\)", [&] { CowPipelineData cut(withRaw, 4, 0); }},
+      {"!observer \\|\\| claim_storage",
+       [&] {
+         PipelineDataRawStorageReference ref;
+         ref.set(StrSegment("abc"));
+         int destroyed = 0;
+         CowPipelineData pd(withRaw, ref, 3, false, new CountingObserver(&destroyed));
+       }},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.text);
+    EXPECT_DEATH(c.misuse(), std::string("Assertion failed: ") + c.text);
+  }
 }
 
 }  // namespace

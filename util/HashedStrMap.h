@@ -7,6 +7,7 @@
 #include <map>
 #include <utility>
 
+#include "util/Assert.h"
 #include "util/HashedStr.h"
 
 // An ordered multi-map from the 64-bit hash to (key, value). Keys of equal
@@ -91,9 +92,19 @@ class HashedStrMap {
     return _insert(it, _pool.create(bytes, length, hash));
   }
 
+  // The value stored under `key`. REQUIRES: the key is present
+  // ("it != end()").
+  const V& at(const HashedStrReference& key) const {
+    const_iterator it = _internal_find(key);
+    kassert(it != end());
+    return it->second.second;
+  }
+
   // Removes one entry; a key this map pooled is freed with it, so handles
   // to it dangle afterwards. Other iterators stay valid.
+  // REQUIRES: "it != end()".
   void erase(iterator it) {
+    kassert(it != end());
     HashedStrReference key = it->second.first;
     _tree.erase(it);
     if (!key.isPermanent()) key._really_unlink_and_free();
