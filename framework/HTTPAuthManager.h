@@ -42,7 +42,7 @@ struct AuthResult {
 };
 
 // Borrows the user and session managers, which must outlive it. Safe from
-// any thread.
+// any thread once set up: setAllowGetAuth belongs before the first request.
 class HTTPAuthManager {
  public:
   static constexpr const char* SESSION_SCHEME = "Kestro";
