@@ -1,6 +1,8 @@
 // The REST dispatcher seen from outside: the corners of the URL forms, what
 // a handler is handed, sessions that expire or belong to someone else,
-// credentials kept out of replies and logs, the user's time zone, headers a
+// credentials kept out of replies and logs (the query string included),
+// sessions that end with their account, log lines client text cannot forge,
+// anchored alternatives, the user's time zone, headers a
 // handler sets itself, and the messages of URL parsing.
 #include <gtest/gtest.h>
 
@@ -454,6 +456,81 @@ TEST(HTTPRestDispatcherReview, AllowGetAuthIsReadFromGlobal) {
     RestTree rest(std::string(c.global) + "[admin:open]\nmatch = /open\n");
     auto d = rest.dispatcher(false);
     EXPECT_EQ(c.allow, d->allowGetAuth()) << c.global;
+  }
+}
+
+TEST(HTTPRestDispatcherReview, MatchAlternativesStayAnchored) {
+  const struct {
+    const char* url;
+    int status;
+  } kCases[] = {
+      {"/services/one", 200},
+      {"/services/two", 200},
+      {"/services/x/two", 404},  // never in the middle of a path
+      {"/services/x/one", 404},
+  };
+  for (const auto& c : kCases) {
+    Fixture f(true, "[admin:alt]\nmatch = /one|/two\nrequireAuthentication = false\n");
+    EXPECT_EQ(c.status, f.get(c.url)->_status) << c.url;
+  }
+}
+
+TEST(HTTPRestDispatcherReview, LoginCredentialsComeOnlyInTheBody) {
+  // A request line is written to the access log: a password there is logged.
+  for (const char* method : {"GET", "POST"}) {
+    Fixture f;
+    auto r = f.send(method, "/services/auth/login?username=admin&password=s3cret%20pw");
+    EXPECT_EQ(401, r->_status) << method;
+    EXPECT_EQ("", sessionKeyOf(*r)) << method;
+    EXPECT_EQ(0u, f.rest.sessions.size()) << method;
+  }
+}
+
+TEST(HTTPRestDispatcherReview, RefusedTrustedLoginIsNotLoggedAsAccepted) {
+  Fixture f;
+  f.rest.tree.put("system/local/server.conf", "[general]\ntrustedIP = 10.1.2.3\n");
+  ScopedLogCapture log("HTTPRestDispatcher");
+  auto r = RestTree::send(*f.d, "POST /services/auth/trustedlogin HTTP/1.1", {},
+                          "username=gone", "10.1.2.3");
+  EXPECT_EQ(401, r->_status);
+  EXPECT_EQ("", sessionKeyOf(*r));
+  EXPECT_EQ(std::string::npos, log.text().find("SSO - Accepting")) << log.text();
+}
+
+TEST(HTTPRestDispatcherReview, ClientTextCannotForgeLogLines) {
+  Fixture f;
+  f.rest.tree.put("system/local/server.conf", "[general]\ntrustedIP = 10.1.2.3\n");
+  ScopedLogCapture log("HTTPRestDispatcher", "%p %m%n");
+  f.send("POST", "/services/auth/login", {}, "username=x%0AFORGED%1b[31m&password=zz");
+  RestTree::send(*f.d, "POST /services/auth/trustedlogin HTTP/1.1", {}, "username=y%0AFORGED",
+                 "10.1.2.3");
+  f.get("/servicesNS/a%0AFORGED/search/open");
+  for (const std::string& line : log.lines()) {
+    EXPECT_NE(0u, line.find("FORGED")) << log.text();
+    EXPECT_EQ(std::string::npos, line.find('\x1b')) << line;
+  }
+  EXPECT_NE(std::string::npos, log.text().find("FORGED")) << log.text();
+}
+
+TEST(HTTPRestDispatcherReview, SessionEndsWithItsUsersAccount) {
+  const std::string hash = PasswordHash::hash(RestTree::PASSWORD, 1000);
+  const std::string admin = "[admin]\npassword = " + hash + "\nroles = admin\n";
+  const struct {
+    const char* what;
+    std::string users;
+  } kCases[] = {
+      {"disabled", admin + "[bob]\npassword = " + hash + "\nroles = user\ndisabled = true\n"},
+      {"removed", admin},
+  };
+  for (const auto& c : kCases) {
+    Fixture f;
+    const std::string key = f.login("bob");
+    ASSERT_EQ(32u, key.size());
+    f.rest.tree.put("system/local/users.conf", c.users);
+    f.rest.page("users")->updateConfigs();
+    auto r = f.get("/services/locked", {"Authorization: Kestro " + key});
+    EXPECT_EQ(401, r->_status) << c.what;
+    EXPECT_TRUE(f.handler.seen.empty()) << c.what;
   }
 }
 
