@@ -59,6 +59,14 @@ const Regex& namespacedForm() {
   return kRegex;
 }
 
+// A copy of client-supplied text fit for one log line: control bytes are
+// written out, so a user name or URL cannot start a forged line.
+Str loggable(const Str& text) {
+  Str out = text;
+  out.makeSafeForLogging();
+  return out;
+}
+
 Str group(const RegexMatch& m, size_t n) {
   Str out;
   m.fetch(n, &out);
@@ -77,10 +85,11 @@ Str decodeSection(const Str& section, bool isUser) {
                                           "' due to invalid UTF-8 encoding");
   }
   if (isUser) {
-    gLogger.debug("Escaped user URL section: %s -> %s", section.c_str(), decoded.c_str());
+    gLogger.debug("Escaped user URL section: %s -> %s", loggable(section).c_str(),
+                  loggable(decoded).c_str());
   } else {
-    gLogger.debug("Escaped application URL section: %s -> %s", section.c_str(),
-                  decoded.c_str());
+    gLogger.debug("Escaped application URL section: %s -> %s", loggable(section).c_str(),
+                  loggable(decoded).c_str());
   }
   return decoded;
 }
@@ -140,7 +149,9 @@ void HTTPRestDispatcher::loadConfig(const Str& category, PropertyPages* pages) {
     if (match[0] != '^') match.insert(0, "^");
     data->match = match;
     try {
-      data->regex = std::make_unique<Regex>(match);
+      // Anchored as a whole, so that every alternative of "/a|/b" starts at
+      // the path's start and none matches in its middle.
+      data->regex = std::make_unique<Regex>(match, true, Regex::ANCHORED);
     } catch (const RegexException& e) {
       gLogger.error("'match' regex error for stanza %s = %s", stanzaName.c_str(), e.what());
       continue;
@@ -230,7 +241,7 @@ HTTPReply* HTTPRestDispatcher::handleRequest(const FdConnectionData& connection,
     reply = setupRestHandlerArg(arg);
     if (reply == nullptr && !arg.getRestPath().empty()) reply = internal_dispatch(arg, remote);
   } catch (const ComponentException& e) {
-    gLogger.warn("%s", e.what());
+    gLogger.warn("%s", loggable(Str(e.what())).c_str());
     reply = errorReply(400, Str(e.what()), "WARN");
   }
   if (reply == nullptr) reply = HTTPReply::createNotFoundErrorReply();
@@ -248,7 +259,7 @@ HTTPReply* HTTPRestDispatcher::setupRestHandlerArg(MRestHandlerArg& arg) {
   Str url;
   HTTPRequest::parseGetParams(words[1], url, arg.restGetArgs());
 
-  gLogger.debug("Preparing to handle URL: %s", url.c_str());
+  gLogger.debug("Preparing to handle URL: %s", loggable(url).c_str());
   MRestHandlerContext& context = arg.restHandlerContext();
   context.setRestUserToWildcard();
   context.setRestApplicationToWildcard();
@@ -270,7 +281,7 @@ HTTPReply* HTTPRestDispatcher::setupRestHandlerArg(MRestHandlerArg& arg) {
     application = group(m, 2);
     arg.setRestPath(group(m, 3));
   } else {
-    gLogger.warn("Cannot handle URL: %s", url.c_str());
+    gLogger.warn("Cannot handle URL: %s", loggable(url).c_str());
     return HTTPReply::createNotFoundErrorReply();
   }
   user = decodeSection(user, true);
@@ -301,11 +312,11 @@ HTTPReply* HTTPRestDispatcher::setupRestHandlerArg(MRestHandlerArg& arg) {
       context.isWildcardRestApplication() ? Str() : application));
 
   if (userOnly) {
-    gLogger.debug("Only has user: %s", user.c_str());
+    gLogger.debug("Only has user: %s", loggable(user).c_str());
     return createApplicationListReply(arg);
   }
   if (arg.getRestPath().empty() || arg.getRestPath() == "/") {
-    gLogger.debug("At base URL: %s", url.c_str());
+    gLogger.debug("At base URL: %s", loggable(url).c_str());
     arg.setRestPath(Str());
     return createListReply(arg);
   }
@@ -316,7 +327,7 @@ std::shared_ptr<RestMapData> HTTPRestDispatcher::findMatch(const Str& path) {
   ScopedLock hold(_mutex);
   for (const auto& [category, table] : _matchMap) {
     for (const auto& [name, data] : table) {
-      gLogger.debug("path=%s regex=%s", path.c_str(), data->match.c_str());
+      gLogger.debug("path=%s regex=%s", loggable(path).c_str(), data->match.c_str());
       if (data->regex->matches(path)) {
         gLogger.debug("      we have a match...");
         return data;
@@ -357,9 +368,17 @@ HTTPReply* HTTPRestDispatcher::internal_dispatch(MRestHandlerArg& arg,
     }
     user = result.user;
     if (!result.sessionToken.empty()) {
+      const Str invalid = std::string("Invalid session token: ") + result.sessionToken;
       SessionInfo session;
       if (!auth->sessionManager().getSessionInfo(result.sessionToken, session)) {
-        return errorReply(401, std::string("Invalid session token: ") + result.sessionToken, "WARN");
+        return errorReply(401, invalid, "WARN");
+      }
+      // A session ends with its user's account: a removed or disabled user
+      // is refused, as his password now is.
+      UserInfo owner;
+      if (!auth->userManager().getUserInfo(session.user, owner) || owner.disabled) {
+        auth->sessionManager().endSession(result.sessionToken);
+        return errorReply(401, invalid, "WARN");
       }
       user = session.user;
     }
@@ -371,7 +390,8 @@ HTTPReply* HTTPRestDispatcher::internal_dispatch(MRestHandlerArg& arg,
   const LStrContainer& capability = match->capabilityFor(arg.getRestMethod());
   if (!capability.empty() && !_noAuthentication) {
     if (auth == nullptr || user.empty() ||
-        !auth->userManager().hasCapability(user, capability.str(), std::string("REST: ") + path)) {
+        !auth->userManager().hasCapability(user, capability.str(),
+                                           std::string("REST: ") + loggable(path))) {
       return errorReply(403, std::string("Permission denied: capability '") + capability.str() +
                                  "' is needed for " + path,
                         "WARN");
@@ -422,21 +442,32 @@ HTTPReply* HTTPRestDispatcher::authAndReply(const MRestHandlerArg& arg,
     auth = _authManager;
     full = _fullAuthentication;
   }
-  const Str& user = arg.getArg(Str("username"));
   Str token;
   if (!trusted) {
+    // Credentials come only in the body: a request line is written whole to
+    // the access log, and a password must never reach a log.
+    const MRestHandlerArg::ArgMap& form = arg.getRestPostArgs();
+    const auto userIt = form.find(Str("username"));
+    const auto passwordIt = form.find(Str("password"));
+    const Str noText;
+    const Str& user =
+        userIt != form.end() && !userIt->second.empty() ? userIt->second.front() : noText;
+    const Str& password =
+        passwordIt != form.end() && !passwordIt->second.empty() ? passwordIt->second.front()
+                                                                : noText;
     if (!full) {
       return errorReply(403, Str("Login is restricted: full authentication is not licensed"),
                         "WARN");
     }
-    if (auth == nullptr || user.empty() ||
-        !auth->login(user, arg.getArg(Str("password")), token)) {
-      gLogger.warn("Failed login for user '%s' from IP '%s'", user.c_str(), remote.ip().c_str());
+    if (auth == nullptr || user.empty() || !auth->login(user, password, token)) {
+      gLogger.warn("Failed login for user '%s' from IP '%s'", loggable(user).c_str(),
+                   loggable(remote.ip()).c_str());
       return errorReply(401, Str("Login failed"), "WARN");
     }
     return sessionKeyReply(token);
   }
 
+  const Str& user = arg.getArg(Str("username"));
   PropertiesMap general;
   PropertyPages* server = PropertyPages::instance(
       Str("server"), PropertyPagesContext(getBundlesSetup(), User(), Str()));
@@ -452,12 +483,14 @@ HTTPReply* HTTPRestDispatcher::authAndReply(const MRestHandlerArg& arg,
     message.format("SSO failed - User does not exist: %s", user.c_str());
   }
   if (message.empty()) {
-    gLogger.info("SSO - Accepting trusted login for user '%s' from IP '%s'", user.c_str(),
-                 remote.ip().c_str());
-    if (auth->trustedLogin(user, token)) return sessionKeyReply(token);
+    if (auth->trustedLogin(user, token)) {
+      gLogger.info("SSO - Accepting trusted login for user '%s' from IP '%s'",
+                   loggable(user).c_str(), loggable(remote.ip()).c_str());
+      return sessionKeyReply(token);
+    }
     message.format("SSO failed - User is disabled: %s", user.c_str());
   }
-  gLogger.error("%s", message.c_str());
+  gLogger.error("%s", loggable(message).c_str());
   return errorReply(401, message, "ERROR");
 }
 

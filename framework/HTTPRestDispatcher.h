@@ -10,7 +10,8 @@
 //   /servicesNS/<user>/<app><path>  "/servicesNS//search" has user ""
 //   /servicesNS/<user>, .../<user>/ the application list
 // Stanzas are tried in the order of category and name, bytewise; the first
-// whose pattern matches the path from its start wins.
+// whose pattern matches the path from its start wins. Patterns are anchored
+// as a whole: "match = /a|/b" matches "/b/x" but not "/x/b".
 #pragma once
 
 #include <map>
@@ -86,6 +87,8 @@ class HTTPRestDispatcher : public MHttpRequestHandler {
 
   // The login steps for "/auth/login" (`trusted` false) or
   // "/auth/trustedlogin": the session key document, or an error reply.
+  // "/auth/login" takes "username" and "password" from the form body only,
+  // since the request line reaches the access log.
   HTTPReply* authAndReply(const MRestHandlerArg& arg, const RemoteLoginInfo& remote,
                           bool trusted);
   // The endpoints as an Atom feed (AtomFeed.h): one entry per stanza, in

@@ -93,8 +93,10 @@ bool UserManager::checkPassword(const Str& name, const Str& password) const {
     PasswordHash::verify(password, decoyHash());
     return false;
   }
-  if (stanza.toBool(Str("disabled"), false)) return false;
-  return PasswordHash::verify(password, stanza.get(Str("password")));
+  // A disabled user pays for the hash too, so that the time taken does not
+  // tell disabled users from the others.
+  const bool matches = PasswordHash::verify(password, stanza.get(Str("password")));
+  return matches && !stanza.toBool(Str("disabled"), false);
 }
 
 void UserManager::getCapabilities(const std::set<Str>& roles, std::set<Str>& out) const {

@@ -61,7 +61,8 @@ class UserManager : public IUserInfoProvider {
   bool getUserInfo(const Str& name, UserInfo& out) const;
   // Whether `password` is the user's. False for an unknown or disabled user
   // and for a stanza without a well-formed hash; an unknown user costs a
-  // hash all the same, so that the time does not tell which users exist.
+  // hash all the same, and so does a disabled one, so that the time does not
+  // tell which users exist or are disabled.
   // Passwords are never logged.
   bool checkPassword(const Str& name, const Str& password) const;
   // Whether the user holds `capability` (any case). A refusal is logged at
