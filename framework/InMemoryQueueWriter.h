@@ -24,8 +24,11 @@ class InMemoryQueueWriter : public QueueWriterImpl {
   bool hasData() override { return !_deque.empty(); }
   // False while 500 more bytes would fit; true otherwise unless empty.
   bool isFull() override;
-  // More than half the maximum is free.
-  bool isHalfEmpty() override { return _maxBytes - _curBytes > _maxBytes / 2; }
+  // More than half the maximum is free; never while an oversized event
+  // holds more than the maximum.
+  bool isHalfEmpty() override {
+    return _curBytes < _maxBytes && _maxBytes - _curBytes > _maxBytes / 2;
+  }
   uint64_t getSize() override { return _curCount; }
   // An empty queue also forgets its byte count.
   bool remove(CowPipelineData& out) override;
