@@ -106,6 +106,6 @@ PersistentQueueConfig::PersistentQueueConfig(PersistentQueue* queue, Str serverC
 
 QueueWriter* PersistentQueueConfig::getWriter() {
   if (!_persistent) return _queue->getInMemoryWriter(_inputName, _sizeInMemory);
-  return _queue->getPersistentQueueWriter(Str().format("%s_%s", _queueName.c_str(), _writerName.c_str()), _sizeInMemory,
-                                          _fileSize, _path);
+  const Str key = Str().format("%s_%s", _queueName.c_str(), _writerName.c_str());
+  return _queue->getPersistentQueueWriter(key, _sizeInMemory, _fileSize, _path);
 }

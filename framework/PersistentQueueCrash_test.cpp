@@ -56,7 +56,8 @@ std::string payload(int seq) {
     }
     bool inserted = false;
     if (rng() % 10 < 6) {
-      CowPipelineData e = makeQueueEvent(payload(nextSeq), nextSeq % 4 == 0 ? "source::/c" : nullptr);
+      CowPipelineData e =
+          makeQueueEvent(payload(nextSeq), nextSeq % 4 == 0 ? "source::/c" : nullptr);
       if (w.insertAndClear(e)) {
         send(fd, 'I', nextSeq++);
         inserted = true;

@@ -43,7 +43,9 @@ std::string recordBytes(const std::string& raw) {
   return r;
 }
 
-void put64(std::string& image, size_t offset, uint64_t v) { image.replace(offset, 8, reinterpret_cast<const char*>(&v), 8); }
+void put64(std::string& image, size_t offset, uint64_t v) {
+  image.replace(offset, 8, reinterpret_cast<const char*>(&v), 8);
+}
 
 // A queue file holding `records` from offset 96, its valid block at
 // `blockOffset` (8 or 48), the other block filled with nonsense.
