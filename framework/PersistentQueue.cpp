@@ -115,6 +115,11 @@ QueueWriter* PersistentQueue::setWriter(const Str& name, QueueWriterImpl* impl) 
 }
 
 bool PersistentQueue::remove(CowPipelineData& out) {
+  ScopedLock lock(_mutex);
+  return internal_remove(out);
+}
+
+bool PersistentQueue::internal_remove(CowPipelineData& out) {
   if (_shutdown || _writers.empty()) return false;
   // One full turn from where the last removal left off, so that every
   // writer is served in turn.
@@ -129,10 +134,10 @@ bool PersistentQueue::remove(CowPipelineData& out) {
 
 bool PersistentQueue::remove(CowPipelineData& out, const ConditionWaitTimeout& timeout) {
   ScopedLock lock(_mutex);
-  if (remove(out)) return true;
+  if (internal_remove(out)) return true;
   if (_shutdown) return false;
   _dataAvailable.wait(_mutex, timeout);
-  return remove(out);
+  return internal_remove(out);
 }
 
 bool PersistentQueue::isShutdown() {

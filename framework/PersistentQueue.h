@@ -89,6 +89,8 @@ class PersistentQueue : public Queue, public QueueReader {
   };
 
   QueueWriter* internal_addWriter(WriterMap& map, const Str& name, QueueWriterImpl* impl);
+  // remove(out) with `_mutex` already held.
+  bool internal_remove(CowPipelineData& out);
   // Unregisters the metrics of the writers in `map` without the mutex, then
   // shuts them down under it.
   void shutdownQueue(WriterMap& map);

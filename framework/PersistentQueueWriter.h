@@ -58,10 +58,11 @@ class PersistentQueueWriter : public QueueWriterImpl {
   void shutdown() override;
   const char* metricsPrefix() const override { return "persistentQueue"; }
 
-  // Reads the file's records into memory without consuming them from the
-  // header's point of view until all fit: then the file is committed empty.
-  // When they do not all fit, memory is left as it was and the file stays
-  // in charge. Requires a usable file and an empty memory side.
+  // Restores a small queue into memory: reads the file's records, and when
+  // all fit in memory commits the file empty; when they do not, drops what
+  // it read, reads the header again and leaves the file in charge. Throws
+  // PersistentQueueException or InvalidPersistentQueueVersion for file
+  // trouble. REQUIRES: the memory side is empty.
   void initInMemoryQueue();
 
   uint64_t getSizeInKB() const;
