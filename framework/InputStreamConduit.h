@@ -5,58 +5,30 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <condition_variable>
-#include <deque>
-#include <mutex>
+#include <memory>
 
 #include "util/Str.h"
 
 class HTTPServer;
+class PersistentQueue;
+class ProducerConsumerQueue;
 class TcpPolledFd;
-
-// The queue a conduit runs over. This is the seam where the server's
-// durable queues take over; until then BoundedStreamQueue below serves.
-// Implementations are safe for one writer and one reader at once.
-class MStreamQueue {
- public:
-  virtual ~MStreamQueue() = default;
-  // Adds one buffer (an empty one with `doneKey` marks the end), waiting
-  // at most `timeoutMs` for room; false when the time ran out.
-  virtual bool push(Str buffer, bool doneKey, int timeoutMs) = 0;
-  // The next buffer into `out` and whether it is the done key; false when
-  // nothing came within `timeoutMs`.
-  virtual bool pop(Str& out, bool& doneKey, int timeoutMs) = 0;
-  virtual unsigned count() const = 0;
-};
-
-// An in-memory queue of at most `capacity` buffers.
-class BoundedStreamQueue : public MStreamQueue {
- public:
-  explicit BoundedStreamQueue(size_t capacity) : _capacity(capacity) {}
-  bool push(Str buffer, bool doneKey, int timeoutMs) override;
-  bool pop(Str& out, bool& doneKey, int timeoutMs) override;
-  unsigned count() const override;
-
- private:
-  struct Item {
-    Str data;
-    bool done;
-  };
-  size_t _capacity;
-  mutable std::mutex _mutex;
-  std::condition_variable _changed;
-  std::deque<Item> _items;  // GUARDED_BY(_mutex)
-};
 
 // Buffers a conduit's queue holds before write() waits.
 constexpr size_t STREAM_QUEUE_CAPACITY = 64;
 
+// The bytes travel as events of a private in-memory queue bounded by count;
+// the done key is an event carrying "_done", and it always finds room.
+// Thread story: one writer (the event thread) and one reader at once.
 class InputStreamConduit {
  public:
   // A conduit for `fd`'s stream with a queue named "queue_<descriptor>"
   // ("Creating queue %s in InputStreamConduit"). Reads and writes wait at
   // most `writeTimeoutMs`.
   InputStreamConduit(TcpPolledFd* fd, HTTPServer* server, int writeTimeoutMs);
+  ~InputStreamConduit();
+  InputStreamConduit(const InputStreamConduit&) = delete;
+  InputStreamConduit& operator=(const InputStreamConduit&) = delete;
 
   // The next bytes into `out` and their count. False at the end: the done
   // key, the server's shutdown, or nothing within the timeout, each logged.
@@ -73,8 +45,9 @@ class InputStreamConduit {
  private:
   TcpPolledFd* _fd;
   HTTPServer* _server;
-  BoundedStreamQueue _queue;
   Str _queueName;
+  std::unique_ptr<PersistentQueue> _hub;
+  std::unique_ptr<ProducerConsumerQueue> _queue;
   bool _done = false;
   int _writeTimeoutMs;
 };
