@@ -90,6 +90,8 @@ TEST(PersistentQueueWriterReview, NewFileIsOneHeaderWithBlockH1Valid) {
   EXPECT_EQ(std::string("v1\0\0\0\0\0\0", 8), file.substr(0, 8));
   const PersistentQueueFileHeader h = headerOf(file);
   expectBlock(h.h1, 96, 96, 1096, 96, 0);
+  // Only block h1 is filled in; the rest of the header is zero.
+  expectBlock(h.h2, 0, 0, 0, 0, 0);
   EXPECT_EQ(std::string("h1\0\0\0\0\0\0", 8), file.substr(88, 8));
 }
 
@@ -226,7 +228,7 @@ TEST(PersistentQueueWriterReview, WhichH2SelectsBlockH2) {
 }
 
 TEST(PersistentQueueWriterReview, ForeignVersionLeavesTheFileAloneAndRunsInMemory) {
-  for (const char* ver : {"v2", "v0", "x1", ""}) {
+  for (const char* ver : {"v2", "v0", "x1", "", "v10", "V1"}) {
     SCOPED_TRACE(ver);
     TestTempDir dir;
     const Pathname path = dir / "q";

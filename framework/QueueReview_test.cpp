@@ -5,6 +5,7 @@
 // own.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -25,6 +26,7 @@
 #include "util/MetricsRegistry.h"
 #include "util/UnitUtil.h"
 #include "util/testing/LogCapture.h"
+#include "util/testing/TestTempDir.h"
 
 namespace {
 
@@ -471,6 +473,8 @@ TEST(QueueManagerReview, QueueSizesComeFromTheirStanzaOrTheDefault) {
   ScopedLogCapture log("QueueManager");
   QueueManager& m = QueueManager::instance();
   EXPECT_EQ(3072u, m.defaultQueueSize());
+  EXPECT_NE(std::string::npos, log.text().find("DEBUG using maxSize=3KB for default queue"))
+      << log.text();
   const struct { const char* name; uint64_t bytes; const char* logged; } kCases[] = {
       {"review", 4096, "using maxSize=4KB for queue=review"},
       {"digits", 4096, "using maxSize=8 for queue=digits"},
