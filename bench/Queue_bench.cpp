@@ -86,7 +86,7 @@ void BM_Queue_PersistentThroughFile(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations());
   w.shutdown();
 }
-BENCHMARK(BM_Queue_PersistentThroughFile);
+BENCHMARK(BM_Queue_PersistentThroughFile)->UseRealTime();
 
 // The spill's write rate: records (8-byte length and serialised event)
 // appended with a header commit each.
@@ -109,7 +109,7 @@ void BM_Queue_SpillWrite(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * kBatch);
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kBatch * recordBytes));
 }
-BENCHMARK(BM_Queue_SpillWrite)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Queue_SpillWrite)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // Baseline: the same record bytes written one record per write() call.
 void BM_Queue_SequentialWriteBaseline(benchmark::State& state) {
@@ -132,6 +132,6 @@ void BM_Queue_SequentialWriteBaseline(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * kBatch);
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kBatch * out.size()));
 }
-BENCHMARK(BM_Queue_SequentialWriteBaseline)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Queue_SequentialWriteBaseline)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace

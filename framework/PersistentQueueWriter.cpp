@@ -125,11 +125,14 @@ void PersistentQueueWriter::readHeader() {
 }
 
 // The valid block must describe a circular area that the records fill
-// exactly, so that no read can run past what was written or allocate what
-// a damaged length claims.
+// exactly, and the file must really hold the bytes it claims, so that no
+// read can run past what was written or allocate what a damaged length
+// claims.
 void PersistentQueueWriter::validateHeader() const {
   const PersistentQueueHeaderBlock& h = _header;
+  long physical = 0;
   const bool ok = [&] {
+    if (!_fd.getSize(&physical) || static_cast<uint64_t>(physical) < h.dataSize) return false;
     if (h.fileSize < PQ_HEADER_SIZE || h.dataSize < PQ_HEADER_SIZE) return false;
     if (h.dataSize > h.fileSize) return false;
     if (h.readOffset < PQ_HEADER_SIZE || h.readOffset > h.fileSize) return false;

@@ -274,6 +274,7 @@ TEST(PersistentQueueWriter, DamagedHeadersDegradeToMemoryAndLeaveTheFile) {
       {"write offset past the end", {96, 5000, 4192, end, 2}},
       {"offsets disagree with the data size", {96, end + 8, 4192, end, 2}},
       {"file size below the header", {96, 96, 50, 96, 0}},
+      {"more data than the file holds", {96, end + 1000, 4192, end + 1000, 2}},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.what);

@@ -75,25 +75,6 @@ TEST(InMemoryQueueWriter, FullnessKeepsAMarginAndHalfEmptyNeedsMoreThanHalf) {
   }
 }
 
-TEST(InMemoryQueueWriterByCount, RefusesAtTheMaximumCount) {
-  InMemoryQueueWriterByCount w(3);
-  for (int i = 0; i < 3; i++) {
-    CowPipelineData e = makeQueueEvent(std::to_string(i));
-    EXPECT_FALSE(w.isFull());
-    ASSERT_TRUE(w.insertAndClear(e));
-  }
-  EXPECT_TRUE(w.isFull());
-  CowPipelineData e = makeQueueEvent("refused");
-  EXPECT_FALSE(w.insertAndClear(e));
-  EXPECT_EQ("refused", rawOf(e));
-  CowPipelineData out;
-  for (int i = 0; i < 3; i++) {
-    ASSERT_TRUE(w.remove(out));
-    EXPECT_EQ(std::to_string(i), rawOf(out));
-  }
-  EXPECT_FALSE(w.remove(out));
-}
-
 TEST(PersistentQueue, ServesWritersRoundRobin) {
   TestTempDir dir;
   PersistentQueue q("rr");
@@ -249,27 +230,6 @@ TEST(PersistentQueue, WritersReportMetricsUntilShutdown) {
   EXPECT_NE(std::string::npos, log.text().find("INFO Unregistering callback for: queue:m"));
   EXPECT_NE(std::string::npos,
             log.text().find("INFO Unregistering callback for: persistentQueue:p"));
-}
-
-// Shutting a hub down writes what its persistent writers hold in memory to
-// their files; a new hub over the same file finds it.
-TEST(PersistentQueue, ShutdownKeepsPersistentContentsForTheNextHub) {
-  TestTempDir dir;
-  {
-    PersistentQueue q("keep");
-    QueueWriter* w = q.getPersistentQueueWriter("w", 100000, 4096, dir / "w");
-    for (int i = 0; i < 5; i++) {
-      CowPipelineData e = makeQueueEvent("kept" + std::to_string(i));
-      ASSERT_TRUE(w->insertAndClear(e, kShort));
-    }
-  }
-  PersistentQueue q("keep");
-  q.getPersistentQueueWriter("w", 100000, 4096, dir / "w");
-  CowPipelineData out;
-  for (int i = 0; i < 5; i++) {
-    ASSERT_TRUE(q.remove(out, kShort));
-    EXPECT_EQ("kept" + std::to_string(i), rawOf(out));
-  }
 }
 
 }  // namespace
