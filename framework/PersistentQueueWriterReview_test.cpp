@@ -567,27 +567,6 @@ TEST(PersistentQueueWriterReview, ShortHeaderDegradesToMemoryAndLeavesTheFile) {
   }
 }
 
-TEST(PersistentQueueWriterReview, RecordsCutShortAreLoggedByWhatIsMissing) {
-  const struct { std::string area; uint64_t fileEnd; const char* reason; } kCases[] = {
-      {"", 1096, "Failed to read size of CowPipelineData."},
-  };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.reason);
-    TestTempDir dir;
-    const Pathname path = dir / "q";
-    const PersistentQueueHeaderBlock h1 = {96, 96 + 8 + 20, c.fileEnd, 96 + 8 + 20, 1};
-    writeTestFile(path, headerBytes("v1", h1, h1, "h1") + c.area);
-    ScopedLogCapture log("PersistentQueueWriter");
-    PersistentQueueWriter w(100000, c.fileEnd - 96, path);
-    CowPipelineData out;
-    EXPECT_FALSE(w.remove(out));
-    EXPECT_TRUE(out.isUnset());
-    EXPECT_NE(std::string::npos, log.text().find("Failed to remove event from=" + std::string(path) +
-                                                 " failed. " + c.reason))
-        << log.text();
-  }
-}
-
 TEST(PersistentQueueWriterReview, ZeroFileSizeKeepsEverythingInMemory) {
   TestTempDir dir;
   const Pathname path = dir / "q";
@@ -601,6 +580,7 @@ TEST(PersistentQueueWriterReview, ZeroFileSizeKeepsEverythingInMemory) {
   EXPECT_FALSE(c.isUnset());
   EXPECT_EQ(0u, w.header().count);
   EXPECT_EQ(2u, w.getNumberOfElements());
+  EXPECT_FALSE(path.exists()) << "no file is made";
   CowPipelineData out;
   ASSERT_TRUE(w.remove(out));
   EXPECT_EQ(std::string(100, 'a'), rawOf(out));
@@ -632,5 +612,74 @@ TEST(PersistentQueueWriterReview, InitInMemoryQueueLeavesALargeFileInCharge) {
     EXPECT_EQ(std::string(100, c), rawOf(out));
   }
 }
+
+// The first commit after reopening an empty file writes the block that is
+// not valid on disk, so that a crash during it leaves the old block in
+// force.
+TEST(PersistentQueueWriterReview, FirstCommitAfterReopeningWritesTheInvalidBlock) {
+  TestTempDir dir;
+  const Pathname path = dir / "q";
+  { PersistentQueueWriter w(0, 1000, path); }
+  const std::string before = readTestFile(path);
+  ASSERT_EQ(std::string("h1", 3), before.substr(88, 3));
+  PersistentQueueWriter w(0, 1000, path);
+  CowPipelineData ev = makeEvent("after reopen");
+  const std::string rec = recordOf(ev);
+  ASSERT_TRUE(w.insertAndClear(ev));
+  const std::string after = readTestFile(path);
+  EXPECT_EQ(before.substr(8, 40), after.substr(8, 40)) << "block h1 was valid: left alone";
+  EXPECT_EQ(std::string("h2", 3), after.substr(88, 3));
+  expectBlock(headerOf(after).h2, 96, 96 + rec.size(), 1096, 96 + rec.size(), 1);
+}
+
+
+TEST(PersistentQueueWriterReview, ImpossibleRecordLengthsReadAsIncomplete) {
+  const struct { std::string area; uint64_t fileEnd; } kCases[] = {
+      {u64Bytes(5000) + std::string(20, 'z'), 1096},
+      // A length longer than the whole area would wrap and still come up
+      // short.
+      {u64Bytes(1000) + std::string(92, 'z'), 196},
+  };
+  for (const auto& c : kCases) {
+    TestTempDir dir;
+    const Pathname path = dir / "q";
+    const PersistentQueueHeaderBlock h1 = {96, 96 + 8 + 20, c.fileEnd, 96 + 8 + 20, 1};
+    writeTestFile(path, headerBytes("v1", h1, h1, "h1") + c.area);
+    ScopedLogCapture log("PersistentQueueWriter");
+    PersistentQueueWriter w(100000, c.fileEnd - 96, path);
+    CowPipelineData out;
+    EXPECT_FALSE(w.remove(out));
+    EXPECT_NE(std::string::npos, log.text().find("Failed to remove event from=" + std::string(path) +
+                                                 " failed. Could not read complete data for CowPipelineData."))
+        << log.text();
+  }
+}
+
+
+TEST(PersistentQueueWriterReview, ZeroMaximumStillRestoresAnEarlierRunsRecords) {
+  TestTempDir dir;
+  const Pathname path = dir / "q";
+  {
+    PersistentQueueWriter w(0, 1000, path);
+    for (const char* r : {"kept1", "kept2"}) {
+      CowPipelineData ev = makeEvent(r);
+      ASSERT_TRUE(w.insertAndClear(ev));
+    }
+    w.shutdown();
+  }
+  PersistentQueueWriter w(600, 0, path);
+  EXPECT_EQ(2u, w.restoredCount());
+  for (const char* r : {"kept1", "kept2"}) {
+    CowPipelineData out;
+    ASSERT_TRUE(w.remove(out));
+    EXPECT_EQ(r, rawOf(out));
+  }
+  // Emptied, the writer keeps to memory: one event of 300, then refusals.
+  CowPipelineData a = makeEvent(std::string(100, 'a')), b = makeEvent(std::string(100, 'b'));
+  EXPECT_TRUE(w.insertAndClear(a));
+  EXPECT_FALSE(w.insertAndClear(b));
+  EXPECT_EQ(0u, w.header().count);
+}
+
 
 }  // namespace

@@ -262,6 +262,32 @@ TEST(PersistentQueueReview, ShutdownPersistsAPersistentWritersMemory) {
   EXPECT_FALSE(q.remove(out));
 }
 
+TEST(PersistentQueueReview, InMemoryAndPersistentWritersMayShareAName) {
+  TestTempDir dir;
+  auto q = std::make_unique<PersistentQueue>("review-shared-name");
+  QueueWriter* mem = q->getInMemoryWriter("x", 100000);
+  QueueWriter* file = q->getPersistentQueueWriter("x", 100000, 100000, dir / "x");
+  EXPECT_NE(mem, file);
+  CowPipelineData a = makeQueueEvent("to memory"), b = makeQueueEvent("to file");
+  ASSERT_TRUE(mem->insertAndClear(a, kShortWait));
+  ASSERT_TRUE(file->insertAndClear(b, kShortWait));
+  std::vector<std::string> got;
+  CowPipelineData out;
+  while (q->remove(out)) got.push_back(rawOf(out));
+  std::sort(got.begin(), got.end());
+  EXPECT_EQ((std::vector<std::string>{"to file", "to memory"}), got);
+  const std::vector<metric> all = MetricsRegistry::instance().collect();
+  for (const auto& m : all) {
+    if (m.name == "queue:x" || m.name == "persistentQueue:x") {
+      size_t n = 0;
+      for (const auto& kv : m.values) n += kv.first == "current size";
+      EXPECT_EQ(1u, n) << m.name << " reports one writer";
+    }
+  }
+  q.reset();
+}
+
+
 // ---- Metrics ----
 
 const metric* findMetric(const std::vector<metric>& all, const std::string& name) {
