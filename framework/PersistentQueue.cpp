@@ -77,16 +77,15 @@ QueueWriter* PersistentQueue::internal_addWriter(WriterMap& map, const Str& name
   // Registered outside the mutex: the callback takes it.
   const Str writerName = name;
   MetricsRegistry::instance().registerCallback(
-      metricsName(w), [this, writerName](metric* m) { reportMetrics(writerName, m); });
+      metricsName(w),
+      [this, &map, writerName](metric* m) { reportMetrics(map, writerName, m); });
   return w;
 }
 
-void PersistentQueue::reportMetrics(const Str& writerName, metric* m) {
+void PersistentQueue::reportMetrics(const WriterMap& map, const Str& writerName, metric* m) {
   ScopedLock lock(_mutex);
-  for (WriterMap* map : {&_inMemoryWriters, &_persistentWriters}) {
-    auto it = map->find(writerName);
-    if (it != map->end()) it->second->_impl->addMetrics(m);
-  }
+  auto it = map.find(writerName);
+  if (it != map.end()) it->second->_impl->addMetrics(m);
 }
 
 QueueWriter* PersistentQueue::getPersistentQueueWriter(const Str& name, uint64_t memorySize,

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <set>
 
@@ -82,9 +83,13 @@ class PersistentQueue : public Queue, public QueueReader {
 
  private:
   typedef std::map<Str, LockedWriter*> WriterMap;
+  // Name order makes the round robin predictable; an in-memory and a
+  // persistent writer may share a name, so equal names fall back to the
+  // objects' addresses and both stay in the set.
   struct ByName {
     bool operator()(const LockedWriter* a, const LockedWriter* b) const {
-      return a->name() < b->name();
+      if (a->name() != b->name()) return a->name() < b->name();
+      return std::less<const LockedWriter*>()(a, b);
     }
   };
 
@@ -94,7 +99,9 @@ class PersistentQueue : public Queue, public QueueReader {
   // Unregisters the metrics of the writers in `map` without the mutex, then
   // shuts them down under it.
   void shutdownQueue(WriterMap& map);
-  void reportMetrics(const Str& writerName, metric* m);
+  // The figures of the writer `writerName` of `map` only: the other map may
+  // hold a writer of the same name, reported under its own prefix.
+  void reportMetrics(const WriterMap& map, const Str& writerName, metric* m);
   static Str metricsName(const LockedWriter* w);
 
   Str _name;

@@ -35,7 +35,9 @@ class RecordConsumedError : public PersistentQueueException {
 PersistentQueueWriter::PersistentQueueWriter(uint64_t maxMemory, uint64_t maxFileSize,
                                              const Pathname& path)
     : _out(100000, 10), _maxMemory(maxMemory), _maxFileSize(maxFileSize), _path(path) {
-  if (_maxFileSize != 0) {
+  // A zero maximum wants no file, yet what an earlier run left is still
+  // read out before the writer goes to memory only.
+  if (_maxFileSize != 0 || _path.exists()) {
     try {
       initPersistentQueue();
     } catch (const InvalidPersistentQueueVersion& e) {
@@ -68,8 +70,16 @@ void PersistentQueueWriter::initPersistentQueue() {
     readHeader();
     validateHeader();
     // An empty file takes the configured size; one holding data keeps its
-    // size until it is emptied.
-    if (_header.count == 0) initFileHeader(false);
+    // size until it is emptied. An empty file of the configured size is left
+    // as it is: resetting the header image here would point the next
+    // commit at the block that is valid on disk.
+    if (_header.count == 0) {
+      if (_maxFileSize == 0) {
+        disableFileUse();
+      } else if (_header.fileSize != _maxFileSize + PQ_HEADER_SIZE) {
+        initFileHeader(false);
+      }
+    }
   } else {
     _header.fileSize = _maxFileSize + PQ_HEADER_SIZE;
     initFileHeader(false);
@@ -368,8 +378,7 @@ void PersistentQueueWriter::readCowPipelineData(CowPipelineData& out) {
   // A length the stored bytes cannot hold is damage; believing it would
   // allocate what the file claims.
   if (length > _header.dataSize - PQ_HEADER_SIZE - PQ_RECORD_LENGTH_SIZE) {
-    throw PersistentQueueException(
-        offsetText("Could not read CowPipelineData from the persistent store. size=", length, ""));
+    throw PersistentQueueException("Could not read complete data for CowPipelineData.");
   }
   std::unique_ptr<unsigned char[]> bytes(new unsigned char[length]);
   if (read(&offset, bytes.get(), length) != length) {
@@ -434,6 +443,9 @@ bool PersistentQueueWriter::remove(CowPipelineData& out) {
       if (_header.count == 0) initFileHeader(true);
     }
     updateHeader();
+    // A file kept only to hand back an earlier run's records is done with
+    // once they are out.
+    if (_header.count == 0 && _maxFileSize == 0) disableFileUse();
   } catch (const PersistentQueueException& e) {
     gLogger.error("Failed to remove event from=%s failed. %s", _path.c_str(), e.what());
     return false;

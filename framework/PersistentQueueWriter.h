@@ -33,8 +33,12 @@ class PersistentQueueWriter : public QueueWriterImpl {
   // Keeps up to `maxMemory` bytes in memory (raw length plus 200 per event)
   // and `maxFileSize` bytes of records in the file at `path`, creating it
   // and its directories as needed, or restoring what an earlier run left.
-  // A `maxFileSize` of 0 keeps the queue in memory only. Never throws for
-  // file trouble: it logs and degrades.
+  // A `maxFileSize` of 0 creates no file and keeps events in memory only;
+  // records an earlier run left at `path` are still handed back first (new
+  // events queue behind them in the file, in its old size, to keep the
+  // order), and once they are out the writer is memory only. isFileUsable()
+  // is false throughout. Never throws for file trouble: it logs and
+  // degrades.
   PersistentQueueWriter(uint64_t maxMemory, uint64_t maxFileSize, const Pathname& path);
   ~PersistentQueueWriter() override;
 
