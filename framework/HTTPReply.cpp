@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <map>
 
+#include "framework/AtomFeed.h"
+
 namespace {
 
 const std::map<int, const char*>& statusTexts() {
@@ -129,6 +131,10 @@ HTTPReply* HTTPReply::createErrorXMLReply(int status, const Str& message, const 
 HTTPReply* HTTPReply::createNotFoundErrorReply() {
   return createReply(404, Str("text/html"), Str("<html><body>404 - not found</body></html>"),
                      StrVector());
+}
+
+HTTPReply* HTTPReply::createAtomReply(const AtomFeed_new& feed) {
+  return createReply(200, Str("text/xml"), feed.toXml(), StrVector());
 }
 
 Str HTTPReply::createCookies(const Str& name, const Str& value, const Str& path,

@@ -7,6 +7,8 @@
 #include "util/Str.h"
 #include "util/StrVector.h"
 
+class AtomFeed_new;
+
 class HTTPReply {
  public:
   // Starts the header list with "Server: Kestrod" and "Date: " in GMT.
@@ -31,6 +33,8 @@ class HTTPReply {
   static HTTPReply* createErrorXMLReply(int status, const Str& message, const Str& type);
   // 404 with "<html><body>404 - not found</body></html>" as "text/html".
   static HTTPReply* createNotFoundErrorReply();
+  // 200 with the feed's document (AtomFeed_new::toXml) as "text/xml".
+  static HTTPReply* createAtomReply(const AtomFeed_new& feed);
   // A "Set-Cookie: " line: name="value"; Version=1 and the optional
   // Path, Domain, Comment (quoted) and Max-Age (when >= 0). With
   // `forClient` the request form "Cookie: $Version=\"1\"; ..." instead.

@@ -38,6 +38,8 @@ class HTTPRequest {
   const Str& body() const { return _text.body; }
   const Timeval& start() const { return _text.start; }
   uint64_t responseSize() const { return _responseSize; }
+  // The connection answers go to; null for a request made only to parse.
+  TcpPolledFd* polledFd() const { return _fd; }
   bool isCompressing() const { return _gzip != nullptr; }
   // The streaming input of the request, null unless it streams. Borrowed.
   InputStreamConduit* conduit() const { return _conduit; }
