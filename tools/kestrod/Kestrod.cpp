@@ -3,6 +3,7 @@
 #include <signal.h>
 
 #include "libbundle/PropertyPages.h"
+#include "libbundle/UserInfoProvider.h"
 #include "tools/kestrod/ManagementPort.h"
 #include "util/ConditionWaitTimeout.h"
 #include "util/Logger.h"
@@ -20,14 +21,41 @@ constexpr long FINAL_JOIN_WAIT_NS = 50 * 1000 * 1000;
 }  // namespace
 
 Kestrod::Kestrod(const Pathname& home, int port)
-    : _home(home), _port(port), _server(HTTPServer::instance()) {}
+    : _home(home), _port(port), _server(HTTPServer::instance()), _users(_setup),
+      _auth(_users, _sessions), _probe(home), _scripts(_setup) {}
 
-Kestrod::~Kestrod() = default;
+Kestrod::~Kestrod() { UserInfoProviderRegistry::unregisterProvider(&_users); }
+
+void Kestrod::setUpRest() {
+  UserInfoProviderRegistry::registerProvider(&_users);
+  PropertyPages* restmap =
+      PropertyPages::instance(Str("restmap"), PropertyPagesContext(_setup, User(), Str()));
+  _dispatcher = std::make_unique<HTTPRestDispatcher>(false, restmap);
+  _auth.setAllowGetAuth(_dispatcher->allowGetAuth());
+  _dispatcher->setAuthManager(&_auth);
+  _dispatcher->setBundlesSetup(_setup);
+  const std::pair<const char*, MRestHandler*> categories[] = {
+      {"serverinfo", _serverInfo.get()}, {"timestamp", &_probe}, {"script", &_scripts}};
+  for (const auto& [category, handler] : categories) {
+    _dispatcher->loadConfig(Str(category), restmap);
+    _dispatcher->registerHandler(Str(category), handler);
+  }
+  _dispatcher->registerRestDispatcher(_config._handlers);
+}
 
 bool Kestrod::start(Str* error) {
+  PropertyPages* server = PropertyPages::instance(Str("server"));
   PropertiesMap settings;
-  PropertyPages::instance(Str("server"))->getStanza(Str(HTTP_SERVER_STANZA), settings);
+  server->getStanza(Str(HTTP_SERVER_STANZA), settings);
   _config = managementPortConfig(settings, _port, _home);
+  PropertiesMap general;
+  server->getStanza(Str("general"), general);
+  unsigned long long idle = 0;
+  if (general.tryToUnsignedLongLong(Str("sessionTimeout"), idle) && idle > 0) {
+    _sessions.setIdleTimeout(static_cast<int64_t>(idle));
+  }
+  _serverInfo = std::make_unique<ServerInfoHandler>(Timeval::now().tv_sec, &_server);
+  setUpRest();
   if (!_server.init(_config)) {
     *error = Str().format("could not listen on %s port %d", _config._portList[0].ip.c_str(),
                           _port);

@@ -4,11 +4,25 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
+#include "framework/HTTPAuthManager.h"
+#include "framework/HTTPRestDispatcher.h"
+#include "framework/HTTPScriptHandler.h"
 #include "framework/HTTPServer.h"
+#include "framework/SessionManager.h"
+#include "framework/UserManager.h"
+#include "libbundle/BundlesSetup.h"
+#include "tools/kestrod/KestrodEndpoints.h"
 #include "util/Pathname.h"
 #include "util/Str.h"
 
+// The "restmap" categories the daemon loads, each with its handler:
+// "serverinfo" and "timestamp" (KestrodEndpoints.h) and "script"
+// (HTTPScriptHandler). "/services/auth/login" and "/auth/trustedlogin" are
+// the dispatcher's own. Users and roles come from users.conf and
+// authorize.conf of the install (UserManager.h).
+//
 // One per process, on the main thread, after SetupHelper::initCommon.
 class Kestrod {
  public:
@@ -20,7 +34,8 @@ class Kestrod {
   Kestrod& operator=(const Kestrod&) = delete;
 
   // Reads the port's settings (ManagementPort.h) and the "restmap"
-  // endpoints, registers the handlers and binds the port. False, with the
+  // categories, attaches the handlers and binds the port. The session idle
+  // time is sessionTimeout of [general] in "server", in seconds. False, with the
   // reason in *error, when the port cannot be bound.
   bool start(Str* error);
   // "http://127.0.0.1:8089" or "https://...": where the port listens.
@@ -32,8 +47,18 @@ class Kestrod {
   size_t run();
 
  private:
+  void setUpRest();
+
   Pathname _home;
   int _port;
   HTTPServer& _server;
   HTTPServerConfig _config;
+  BundlesSetup _setup;
+  UserManager _users;
+  SessionManager _sessions;
+  HTTPAuthManager _auth;
+  std::unique_ptr<HTTPRestDispatcher> _dispatcher;
+  std::unique_ptr<ServerInfoHandler> _serverInfo;
+  TimestampProbeHandler _probe;
+  HTTPScriptHandler _scripts;
 };
