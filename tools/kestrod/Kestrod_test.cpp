@@ -73,7 +73,7 @@ class Daemon {
     pollfd p{_running.output, POLLIN, 0};
     char c;
     while (poll(&p, 1, 60000) > 0 && read(_running.output, &c, 1) == 1 && c != '\n') line += c;
-    const size_t at = line.find("http://");
+    const size_t at = line.find("http");
     if (at != std::string::npos) url = line.substr(at);
   }
   ~Daemon() {
@@ -96,10 +96,10 @@ struct Reply {
   std::string body;
 };
 
-// curl with `args` (shell words) against `daemon`'s `path`.
-Reply curl(const Daemon& daemon, const std::string& args, const std::string& path) {
+// curl with `args` (shell words) against `base` and `path`.
+Reply curl(const std::string& base, const std::string& args, const std::string& path) {
   const std::string cmd =
-      "curl -s -w '\\n%{http_code}' " + args + " '" + daemon.url + path + "'";
+      "curl -s -w '\\n%{http_code}' " + args + " '" + base + path + "'";
   std::string out;
   FILE* p = popen(cmd.c_str(), "r");
   char buf[4096];
@@ -122,7 +122,8 @@ std::string sessionKey(const Reply& login) {
 }
 
 std::string login(const Daemon& d, const std::string& user, const std::string& pw) {
-  return sessionKey(curl(d, "-d username=" + user + " -d password=" + pw, "/services/auth/login"));
+  return sessionKey(
+      curl(d.url, "-d username=" + user + " -d password=" + pw, "/services/auth/login"));
 }
 
 std::string token(const std::string& key) { return "-H 'Authorization: Kestro " + key + "'"; }
@@ -143,7 +144,7 @@ TEST(KestrodSecurity, CredentialsAndCapabilitiesAreEnforced) {
 
   std::vector<Reply> replies;
   // Every endpoint the list names refuses a request without credentials.
-  const Reply list = curl(d, "", "/services");
+  const Reply list = curl(d.url, "", "/services");
   ASSERT_EQ(200, list.status) << list.body;
   std::vector<std::string> paths;
   const std::regex match("<field name=\"match\">\\^([^<]*)</field>");
@@ -153,7 +154,7 @@ TEST(KestrodSecurity, CredentialsAndCapabilitiesAreEnforced) {
   ASSERT_EQ(2u, paths.size()) << list.body;
   for (const std::string& path : paths) {
     for (const char* method : {"", "-X POST"}) {
-      const Reply r = curl(d, method, "/services" + path);
+      const Reply r = curl(d.url, method, "/services" + path);
       EXPECT_EQ(401, r.status) << path << " " << method << ": " << r.body;
     }
   }
@@ -197,13 +198,13 @@ TEST(KestrodSecurity, CredentialsAndCapabilitiesAreEnforced) {
        "/services/auth/trustedlogin", 200, "<sessionKey>"},
   };
   for (const auto& c : kCases) {
-    const Reply r = curl(d, c.args, c.path);
+    const Reply r = curl(d.url, c.args, c.path);
     EXPECT_EQ(c.status, r.status) << c.what << ": " << r.body;
     EXPECT_NE(std::string::npos, r.body.find(c.bodyHas)) << c.what << ": " << r.body;
     replies.push_back(r);
   }
   // A session ended by nothing still works; an ended daemon forgets all.
-  EXPECT_EQ(200, curl(d, token(adminKey), "/services/server/info").status);
+  EXPECT_EQ(200, curl(d.url, token(adminKey), "/services/server/info").status);
 
   const ProgramOutcome end = d.stop();
   EXPECT_EQ(0, end.status) << end.output;
@@ -220,14 +221,14 @@ TEST(KestrodSecurity, AnIdleSessionExpires) {
   Daemon d(install.home());
   ASSERT_FALSE(d.url.empty());
   const std::string key = login(d, "carol", CAROL_PW);
-  ASSERT_EQ(200, curl(d, token(key), "/services/server/info").status);
+  ASSERT_EQ(200, curl(d.url, token(key), "/services/server/info").status);
   std::this_thread::sleep_for(std::chrono::milliseconds(2100));  // the idle time itself
-  const Reply r = curl(d, token(key), "/services/server/info");
+  const Reply r = curl(d.url, token(key), "/services/server/info");
   EXPECT_EQ(401, r.status) << r.body;
   EXPECT_NE(std::string::npos, r.body.find("Invalid session token")) << r.body;
   // Expired is gone: it does not come back after a fresh login.
-  EXPECT_EQ(200, curl(d, token(login(d, "carol", CAROL_PW)), "/services/server/info").status);
-  EXPECT_EQ(401, curl(d, token(key), "/services/server/info").status);
+  EXPECT_EQ(200, curl(d.url, token(login(d, "carol", CAROL_PW)), "/services/server/info").status);
+  EXPECT_EQ(401, curl(d.url, token(key), "/services/server/info").status);
 }
 
 // The corpus lines (the last column), every `step`-th row.
@@ -276,7 +277,7 @@ TEST(KestrodProbe, AnswersExactlyWhatDateprobePrints) {
     // The line goes through a file so that no quoting of the shell touches it.
     const std::string file = install.home() + "/line.txt";
     writeTestFile(Pathname(file), line);
-    const Reply got = curl(d, auth + " --data-urlencode 'line@" + file + "'" +
+    const Reply got = curl(d.url, auth + " --data-urlencode 'line@" + file + "'" +
                                    (context.empty() ? "" : " --data-urlencode 'context=" +
                                                                context + "'"),
                            "/services/timestamp/probe");
@@ -289,7 +290,7 @@ TEST(KestrodLifecycle, SigtermEndsTheDaemonAfterItsRequests) {
   TestInstall install("");
   Daemon d(install.home());
   ASSERT_FALSE(d.url.empty());
-  EXPECT_EQ(200, curl(d, "", "/services").status);
+  EXPECT_EQ(200, curl(d.url, "", "/services").status);
   const ProgramOutcome end = d.stop();  // waits, however long it takes
   EXPECT_EQ(0, end.status);
   EXPECT_EQ("kestrod: stopped\n", end.output);
@@ -297,6 +298,22 @@ TEST(KestrodLifecycle, SigtermEndsTheDaemonAfterItsRequests) {
   EXPECT_NE(std::string::npos, log.find("HTTPServer::handleSignal 15")) << log;
   EXPECT_NE(std::string::npos, log.find("HTTPServer shutting down. Terminating eloop.")) << log;
   EXPECT_NE(std::string::npos, install.accessLog().find("\"GET /services HTTP/1.1\" 200"));
+}
+
+TEST(KestrodLifecycle, ServesOnlyTlsWhenACertificateIsConfigured) {
+  TestInstall install(
+      "[httpServer]\nserverCert = etc/auth/cert.pem\nprivateKey = etc/auth/key.pem\n");
+  const std::string auth = install.home() + "/etc/auth";
+  ASSERT_EQ(0, std::system(("mkdir -p " + auth + " && openssl req -x509 -newkey rsa:2048 -nodes "
+                            "-days 1 -subj /CN=localhost -keyout " + auth + "/key.pem -out " +
+                            auth + "/cert.pem 2>/dev/null").c_str()));
+  Daemon d(install.home());
+  ASSERT_EQ(0u, d.url.find("https://127.0.0.1:")) << d.url;
+  const Reply r = curl(d.url, "-k -u carol:" + std::string(CAROL_PW), "/services/server/info");
+  EXPECT_EQ(200, r.status) << r.body;
+  std::string plain = d.url;
+  plain.replace(0, 5, "http");
+  EXPECT_NE(200, curl(plain, "", "/services").status);
 }
 
 TEST(KestrodOptions, UsageAndBadOptionsEndBeforeAnythingStarts) {
