@@ -1,29 +1,12 @@
 #include "framework/HTTPAuthManager.h"
 
-#include <openssl/evp.h>
-
 #include "framework/HTTPReply.h"
 #include "framework/HTTPRequest.h"
 #include "framework/SessionManager.h"
 #include "framework/UserManager.h"
+#include "util/Base64.h"
 
 namespace {
-
-// Standard base64 with padding; false for anything else.
-bool base64Decode(const Str& in, Str& out) {
-  if (in.empty() || in.size() % 4 != 0) return false;
-  Str buffer(in.size() / 4 * 3, '\0');
-  int n = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(buffer.data()),
-                          reinterpret_cast<const unsigned char*>(in.data()),
-                          static_cast<int>(in.size()));
-  if (n < 0) return false;
-  size_t pad = 0;
-  if (in.back() == '=') ++pad;
-  if (in.size() >= 2 && in[in.size() - 2] == '=') ++pad;
-  buffer.resize(static_cast<size_t>(n) - pad);
-  out = buffer;
-  return true;
-}
 
 std::unique_ptr<HTTPReply> refusal(const Str& reason, bool challenge) {
   std::unique_ptr<HTTPReply> reply(HTTPReply::createErrorXMLReply(401, reason, Str("WARN")));
@@ -73,7 +56,7 @@ bool HTTPAuthManager::authenticate(const MRestHandlerArg& arg, const RemoteLogin
   if (scheme.compareIgnoreCase(Str("Basic")) == 0) {
     Str pair;
     size_t colon;
-    if (!base64Decode(value, pair) || (colon = pair.find(':')) == Str::npos) {
+    if (!Base64::decode(value, pair) || (colon = pair.find(':')) == Str::npos) {
       reason = "Unauthorized: malformed Basic credentials";
       out.reply = refusal(reason, true);
       return false;

@@ -184,7 +184,7 @@ bool HTTPRestDispatcher::reloadHandlerConfig(const Str& category, MRestHandler* 
     gLogger.error("Cannot reload category %s: it was never loaded", category.c_str());
     return false;
   }
-  pages->updateCache();
+  pages->updateConfigs();
   loadConfig(category, pages);
   return registerHandler(category, handler);
 }
