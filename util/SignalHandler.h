@@ -50,7 +50,8 @@ class SignalHandler : public PolledReadPipe {
   void unregisterHandler(MSignalHandler* handler);
 
   // Puts the pipe's reader into `loop`, or takes it out. The loop's thread,
-  // or before the loop runs.
+  // or before the loop runs. REQUIRES: detached before `loop` is destroyed;
+  // attached to one loop at a time.
   void attach(EventLoop* loop) { add_to_eventloop(loop); }
   void detach(EventLoop* loop) { remove_from_eventloop(loop); }
 
