@@ -61,6 +61,11 @@ bool Kestrod::start(Str* error) {
                           _port);
     return false;
   }
+  // From here on a SIGTERM waits in the pipe until the loop runs.
+  SignalHandler& signals = SignalHandler::instance();
+  signals.catchSignal(SIGTERM);
+  signals.catchSignal(SIGINT);
+  signals.attach(&_server.loop());
   return true;
 }
 
@@ -74,9 +79,6 @@ Str Kestrod::url() const {
 
 size_t Kestrod::run() {
   SignalHandler& signals = SignalHandler::instance();
-  signals.catchSignal(SIGTERM);
-  signals.catchSignal(SIGINT);
-  signals.attach(&_server.loop());
   MainThread::setEventLoop(&_server.loop());
   gLogger.info("kestrod serving on %s", url().c_str());
   _server.go();

@@ -34,7 +34,8 @@ class Kestrod {
   Kestrod& operator=(const Kestrod&) = delete;
 
   // Reads the port's settings (ManagementPort.h) and the "restmap"
-  // categories, attaches the handlers and binds the port. The session idle
+  // categories, attaches the handlers, binds the port, and from then on
+  // catches SIGTERM and SIGINT for the loop. The session idle
   // time is sessionTimeout of [general] in "server", in seconds. False, with the
   // reason in *error, when the port cannot be bound.
   bool start(Str* error);

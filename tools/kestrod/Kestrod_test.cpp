@@ -288,6 +288,14 @@ TEST(KestrodProbe, AnswersExactlyWhatDateprobePrints) {
 
 TEST(KestrodLifecycle, SigtermEndsTheDaemonAfterItsRequests) {
   TestInstall install("");
+  {
+    // A SIGTERM right after the daemon said where it serves is not lost.
+    Daemon early(install.home());
+    ASSERT_FALSE(early.url.empty());
+    const ProgramOutcome end = early.stop();
+    EXPECT_EQ(0, end.status);
+    EXPECT_EQ("kestrod: stopped\n", end.output);
+  }
   Daemon d(install.home());
   ASSERT_FALSE(d.url.empty());
   EXPECT_EQ(200, curl(d.url, "", "/services").status);
