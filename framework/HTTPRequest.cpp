@@ -216,6 +216,14 @@ ssize_t HTTPRequest::writeResponse(HTTPReply* reply, int timeoutMs) {
   return static_cast<ssize_t>(_responseSize);
 }
 
+void HTTPRequest::removeFromOutside() {
+  if (_fd == nullptr) return;
+  _gzip.reset();
+  _fd->descriptor().setNonblock(false);
+  TcpPolledFd::removeFdFromOutsideELoop(_fd);
+  _fd = nullptr;
+}
+
 bool HTTPRequest::finish() {
   if (_gzip == nullptr) return true;
   bool ok = _gzip->finish();

@@ -75,6 +75,12 @@ class HTTPRequest {
   ssize_t writeResponseHeaders(const Str& statusLine, const HTTPHeaders& headers, int timeoutMs);
   // Flushes the gzip stream if there is one; false when that write failed.
   bool finish();
+  // Ends the connection from the request thread that owns it: drops any
+  // gzip stream unflushed, puts the descriptor back in blocking mode, has
+  // the loop forget the member (waiting for it), then closes and deletes
+  // it. Later writes fail with EBADF. Nothing when there is no connection.
+  // REQUIRES: the calling thread owns the connection (claimOwnership).
+  void removeFromOutside();
 
  private:
   HttpRequestText _text;

@@ -129,8 +129,8 @@ void HTTPRequestHandlerThread::logAccess(const HTTPRequest& request, const HTTPR
 }
 
 void HTTPRequestHandlerThread::main() {
+  HTTPRequest request(_data->request, _fd, _server->_config._compression);
   {
-    HTTPRequest request(_data->request, _fd, _server->_config._compression);
     request.setConduit(_conduit);
     MHttpRequestHandler* handler = nullptr;
     std::unique_ptr<HTTPReply> reply(makeReply(request, &handler));
@@ -155,8 +155,7 @@ void HTTPRequestHandlerThread::main() {
     }
   }
   if (_conduit != nullptr) _server->dropConduit(_fd);
-  _fd->descriptor().setNonblock(false);
-  TcpPolledFd::removeFdFromOutsideELoop(_fd);
+  request.removeFromOutside();
   MainThread::joinAndDeleteMe(this);
 }
 
@@ -232,6 +231,7 @@ bool HttpThreadQuiesceState::finishedWaiting(Logger& logger) {
 HTTPServer::HTTPServer() = default;
 
 HTTPServer::~HTTPServer() {
+  SignalHandler::instance().unregisterHandler(this);
   for (auto& a : _acceptors) {
     if (a->_inLoop) _loop.removeActivePolledFd(&a->_accept);
     a->_accept.closeAllConnections();
@@ -249,6 +249,7 @@ HTTPServer& HTTPServer::instance() {
 
 bool HTTPServer::init(const HTTPServerConfig& config) {
   _config = config;
+  SignalHandler::instance().registerHandler(this, HTTP_SERVER_SIGNAL_PRIORITY);
   if (!_sslDone) setupSSL();
   if (!_bindDone) bindPorts();
   if (!_acceptsDone) setupAccepts();
@@ -500,6 +501,14 @@ int HTTPServer::validateMethod(const Str& method) {
     return 501;
   }
   return 400;
+}
+
+TcpPolledFd* HTTPServer::getPolledFd(PollableDescriptor fd) {
+  ScopedLock hold(_connectionsMutex);
+  for (const auto& [member, handler] : _connections) {
+    if (member->descriptor().fd() == fd.fd()) return member;
+  }
+  return nullptr;
 }
 
 size_t HTTPServer::liveRequestThreads() {

@@ -18,6 +18,7 @@
 #include "framework/InputStreamConduit.h"
 #include "util/EventLoop.h"
 #include "util/Mutex.h"
+#include "util/SignalHandler.h"
 #include "util/SocketAddress.h"
 #include "util/Str.h"
 #include "util/TcpPolledFd.h"
@@ -83,9 +84,13 @@ class HttpThreadQuiesceState {
   uint32_t _remaining;
 };
 
+// The priority at which a server hears of signals from SignalHandler.
+constexpr int HTTP_SERVER_SIGNAL_PRIORITY = 100;
+
 // The server. Configure with init(), run with go() on the thread that is to
-// be the loop's; handleSignal() from any thread starts the shutdown.
-class HTTPServer : public TcpRawDataFdCallback {
+// be the loop's; handleSignal() from any thread starts the shutdown, and so
+// does any signal that SignalHandler catches, once init() registered it.
+class HTTPServer : public TcpRawDataFdCallback, public MSignalHandler {
  public:
   HTTPServer();
   ~HTTPServer() override;
@@ -95,7 +100,8 @@ class HTTPServer : public TcpRawDataFdCallback {
   // The process's server.
   static HTTPServer& instance();
 
-  // Copies `config`, then sets up TLS, binds and starts accepting. A port
+  // Copies `config`, registers with SignalHandler at
+  // HTTP_SERVER_SIGNAL_PRIORITY (the destructor unregisters), then sets up TLS, binds and starts accepting. A port
   // that cannot be bound is logged and left out. False when no port could
   // be bound.
   bool init(const HTTPServerConfig& config);
@@ -127,12 +133,17 @@ class HTTPServer : public TcpRawDataFdCallback {
   static Str& getErrorString(int code, Str& out) { return HTTPReply::getErrorString(code, out); }
 
   // Starts the shutdown, once ("HTTPServer::handleSignal %d"). Any thread.
-  void handleSignal(int signal);
+  void handleSignal(int signal) override;
   // Stage 2 goes on the loop. Event thread.
   void handleShutdown();
   void disableAcceptors();
   void closeAcceptors();
   void shutdownAllFds();
+
+  // The connection on descriptor `fd`, or null when the server has none
+  // there. The member stays the loop's or its request thread's: borrow it
+  // only while that owner cannot finish. Any thread.
+  TcpPolledFd* getPolledFd(PollableDescriptor fd);
 
   // The number of request threads alive, over all servers.
   static size_t liveRequestThreads();
@@ -148,6 +159,7 @@ class HTTPServer : public TcpRawDataFdCallback {
 
  private:
   friend class HTTPRequestHandlerThread;
+  friend class HTTPServerTestPeer;
   class Acceptor;
   class StageTimeout;
 

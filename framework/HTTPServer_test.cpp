@@ -17,6 +17,26 @@
 
 #include "util/ConditionWaitTimeout.h"
 #include "util/MainThread.h"
+#include "util/testing/LogCapture.h"
+
+// Reaches into the server where only a race with the loop could lead.
+class HTTPServerTestPeer {
+ public:
+  // The connections the server knows, under its lock.
+  static std::vector<TcpPolledFd*> connections(HTTPServer& server) {
+    ScopedLock hold(server._connectionsMutex);
+    std::vector<TcpPolledFd*> out;
+    for (const auto& entry : server._connections) out.push_back(entry.first);
+    return out;
+  }
+  // Forgets every connection, as if each had ended just before its request
+  // was complete; the members stay in the loop.
+  static void forgetConnections(HTTPServer& server, bool shuttingDown) {
+    ScopedLock hold(server._connectionsMutex);
+    server._connections.clear();
+    server._shuttingDown = shuttingDown;
+  }
+};
 
 namespace {
 
@@ -115,6 +135,7 @@ std::string exchange(uint16_t port, const std::string& request) {
 class HTTPServerTest : public testing::Test {
  protected:
   void start(bool tls = false, int64_t maxContent = 1 << 20) {
+    SignalHandler::instance();  // its pipe lives as long as the process
     _fdsBefore = openFds();
     HTTPServerConfig config;
     HTTPServerConfig::HTTPPortEntry entry;
@@ -382,6 +403,47 @@ TEST_F(HTTPServerTest, ShutdownGivesUpOnAHungRequestAndNamesIt) {
   EXPECT_NE(std::string::npos, log.find("GET /hang HTTP/1.1}"));
   close(s);
   stop();  // releases the handler, which then ends without its loop
+}
+
+TEST_F(HTTPServerTest, RequestOfAConnectionThatWentAwayIsDropped) {
+  const char* const kWentAway =
+      "Fd went away before we could start a new thread, and we're not shutting down.  "
+      "Please report this to Support.";
+  for (bool shuttingDown : {false, true}) {
+    SCOPED_TRACE(shuttingDown);
+    start();
+    auto capture = std::make_unique<ScopedLogCapture>("HTTPServer");
+    int s = connectTo(_port);
+    ASSERT_GE(s, 0);
+    std::vector<TcpPolledFd*> members;
+    for (int i = 0; i < 1000 && members.empty(); i++) {
+      members = HTTPServerTestPeer::connections(*_server);
+      if (members.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    ASSERT_EQ(1u, members.size());
+    EXPECT_EQ(members[0], _server->getPolledFd(members[0]->descriptor()));
+    EXPECT_EQ(nullptr, _server->getPolledFd(PollableDescriptor(s)));  // the client's end
+    HTTPServerTestPeer::forgetConnections(*_server, shuttingDown);
+    EXPECT_EQ(nullptr, _server->getPolledFd(members[0]->descriptor()));
+    send(s, "GET /echo HTTP/1.1\r\n\r\n", 22, MSG_NOSIGNAL);
+    ::shutdown(s, SHUT_WR);
+    // The loop reads the request, then the end of the stream: the closing
+    // of the member comes after the decision about the request.
+    bool closed = false;
+    for (int i = 0; i < 1000 && !closed; i++) {
+      closed = capture->text().find("Closing fd") != std::string::npos;
+      if (!closed) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    ASSERT_TRUE(closed);
+    char buf[64];
+    EXPECT_EQ(0, recv(s, buf, sizeof buf, 0));  // no answer, just the close
+    close(s);
+    EXPECT_EQ(0u, HTTPServer::liveRequestThreads());
+    EXPECT_EQ(!shuttingDown, capture->text().find(kWentAway) != std::string::npos)
+        << capture->text();
+    capture.reset();  // its file is no descriptor of the server's
+    stop();
+  }
 }
 
 }  // namespace

@@ -9,7 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "loaderinfo/LoaderInfo.h"
-#include "tools/dateprobe/DateprobeBack.h"
+#include "framework/DateprobeBack.h"
 #include "tools/dateprobe/SelfTestCase.h"
 #include "tools/dateprobe/SelfTestRun.h"
 #include "util/DateParseException.h"

@@ -1,7 +1,7 @@
 #include "tools/dateprobe/DateprobeFront.h"
 
 #include "tools/dateprobe/DateprobeArgs.h"
-#include "tools/dateprobe/LineProbe.h"
+#include "framework/LineProbe.h"
 #include "tools/dateprobe/SelfTestCase.h"
 #include "tools/dateprobe/SelfTestRun.h"
 #include "util/DateTime.h"

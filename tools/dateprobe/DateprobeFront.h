@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <exception>
 
-#include "tools/dateprobe/MDateprobeBack.h"
+#include "framework/MDateprobeBack.h"
 
 // Runs dateprobe over argv (argc counts the program name) with `back`,
 // printing everything to `out`. Calls back.initProcess() first; a list of

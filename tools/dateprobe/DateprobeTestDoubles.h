@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/dateprobe/MDateprobeBack.h"
+#include "framework/MDateprobeBack.h"
 
 // Answers each line from `results`, recording every call. A line with no
 // entry yields nothing. One owner at a time.

@@ -16,8 +16,8 @@
 #include <gtest/gtest.h>
 
 #include "loaderinfo/LoaderInfo.h"
-#include "tools/dateprobe/DateprobeBack.h"
-#include "tools/dateprobe/LineProbe.h"
+#include "framework/DateprobeBack.h"
+#include "framework/LineProbe.h"
 #include "util/testing/RunProgram.h"
 #include "util/testing/ScopedTz.h"
 #include "util/testing/XmlTestInit.h"

@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <span>
 
-#include "tools/dateprobe/MDateprobeBack.h"
+#include "framework/MDateprobeBack.h"
 #include "tools/dateprobe/SelfTestCase.h"
 #include "util/DateTime.h"
 #include "util/Timeval.h"

@@ -7,7 +7,7 @@
 #include "libbundle/LiteralsLoader.h"
 #include "loaderinfo/LoaderInfo.h"
 #include "loaderinfo/SetupHelper.h"
-#include "tools/dateprobe/DateprobeBack.h"
+#include "framework/DateprobeBack.h"
 #include "tools/dateprobe/DateprobeFront.h"
 #include "util/ScopedXmlLibInit.h"
 

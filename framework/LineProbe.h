@@ -4,7 +4,7 @@
 
 #include <cstdio>
 
-#include "tools/dateprobe/MDateprobeBack.h"
+#include "framework/MDateprobeBack.h"
 #include "util/Str.h"
 
 // Parses `line` against a fresh reading of the clock and prints the result:

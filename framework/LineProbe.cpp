@@ -1,4 +1,4 @@
-#include "tools/dateprobe/LineProbe.h"
+#include "framework/LineProbe.h"
 
 #include <algorithm>
 

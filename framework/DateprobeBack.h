@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "libbundle/PropertiesMap.h"
-#include "tools/dateprobe/MDateprobeBack.h"
+#include "framework/MDateprobeBack.h"
 #include "util/DateParser.h"
 #include "util/DateParserConfigRef.h"
 #include "util/Pathname.h"

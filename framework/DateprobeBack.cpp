@@ -1,4 +1,4 @@
-#include "tools/dateprobe/DateprobeBack.h"
+#include "framework/DateprobeBack.h"
 
 #include <utility>
 
