@@ -228,55 +228,6 @@ TEST(PropertyPagesContext, OrdersBySetupApplicationThenCaselessUser) {
   EXPECT_FALSE(PropertyPagesContext().hasUserContext());
 }
 
-TEST(PropertyPagesTree, ActingUserAndItsRefusals) {
-  Tree t;
-  t.write("apps/search/default/props.conf", "[x]\na = 1\n");
-  const PropertyPagesContext alice(t.setup, User("alice"), "search");
-  const PropertyPagesContext nobody(t.setup, User("nobody"), "search");
-  const PropertyPagesContext none(t.setup, User(), "search");
-  User acting;
-  PropertyPages::getUserToActAs(none, acting);
-  EXPECT_TRUE(acting.empty());
-  EXPECT_EQ("Cannot get user to act as: No user info provider registered " + alice.toString(),
-            thrownText<PropertyPagesException>([&] { PropertyPages::getUserToActAs(alice, acting); }));
-
-  TestUserInfo info;
-  ScopedProvider provider(&info);
-  PropertyPages::getUserToActAs(alice, acting);  // no current user: the context's stands
-  EXPECT_EQ("alice", acting.name());
-  info.current = "ALICE";
-  PropertyPages::getUserToActAs(alice, acting);
-  EXPECT_EQ("alice", acting.name());
-  info.current = "carol";
-  PropertyPages::getUserToActAs(nobody, acting);  // may not act for others: acts as herself
-  EXPECT_EQ("carol", acting.name());
-  EXPECT_EQ("User 'carol' could not act as: alice",
-            thrownText<PropertyPagesImpersonationException>(
-                [&] { PropertyPages::getUserToActAs(alice, acting); }));
-  EXPECT_THROW(PropertyPages::canContextBeUsed(alice), PropertyPagesException);
-  info.admins.insert("carol");
-  PropertyPages::canContextBeUsed(alice);
-  PropertyPages::getUserToActAs(nobody, acting);
-  EXPECT_EQ("nobody", acting.name());
-}
-
-TEST(PropertyPagesTree, RefusedContexts) {
-  Tree t;
-  t.write("apps/search/default/props.conf", "[x]\na = 1\n");
-  t.write("apps/off/default/app.conf", "[install]\nstate = disabled\n");
-  TestUserInfo info;
-  info.current = "alice";
-  ScopedProvider provider(&info);
-  EXPECT_EQ("Application is disabled: off",
-            thrownText<PropertyPagesContextException>([&] { t.page("props", "alice", "off"); }));
-  EXPECT_EQ("Application is disabled: missing",
-            thrownText<PropertyPagesContextException>([&] { t.page("props", "", "missing"); }));
-  EXPECT_NE(nullptr, t.page("app", "alice", "off"));  // the page "app" may see it
-  const Str text =
-      thrownText<PropertyPagesContextException>([&] { t.page("props", "alice", ""); });
-  EXPECT_NE(Str::npos, text.find(": Invalid configuration context: Missing app context")) << text;
-}
-
 TEST(PropertyPagesTree, OnePagePerNameContextAndCaselessActingUser) {
   Tree t;
   t.write("apps/search/default/props.conf", "[x]\na = 1\n");
