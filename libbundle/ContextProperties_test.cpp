@@ -12,8 +12,17 @@ PropertiesMap mapWith(const char* value) {
 
 }  // namespace
 
+// Only values count: the same value from another source is equal.
 TEST(ContextProperties, EqualityIgnoresTheCaseOfTheUserOnly) {
   const ContextProperties base("st", User("Admin"), "search", mapWith("1"));
+  PropertiesMap otherSource = mapWith("1");
+  otherSource.getProperty("k")->setSourceType(SOURCE_USER);
+  otherSource.getProperty("k")->setSourceStanza("other");
+  otherSource.getEmbeddedProperty().setSourceType(SOURCE_APP);
+  PropertiesMap otherEmbedded = mapWith("1");
+  otherEmbedded.getEmbeddedProperty().setValue("f");
+  PropertiesMap extraEmpty = mapWith("1");
+  extraEmpty.put("j", "");
   const struct {
     const char* name;
     ContextProperties other;
@@ -28,6 +37,10 @@ TEST(ContextProperties, EqualityIgnoresTheCaseOfTheUserOnly) {
       {"application in another case",
        ContextProperties("st", User("Admin"), "Search", mapWith("1")), false},
       {"another value", ContextProperties("st", User("Admin"), "search", mapWith("2")), false},
+      {"another source", ContextProperties("st", User("ADMIN"), "search", otherSource), true},
+      {"another embedded value", ContextProperties("st", User("Admin"), "search", otherEmbedded),
+       false},
+      {"an extra empty entry", ContextProperties("st", User("Admin"), "search", extraEmpty), false},
   };
   for (const auto& c : kCases) {
     EXPECT_EQ(c.equal, base == c.other) << c.name;

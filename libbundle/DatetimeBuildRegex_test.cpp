@@ -26,17 +26,49 @@ void recordReport(CowPipelineData* pd, const char* tag, const Str& message) {
 }
 
 TEST(DatetimeBuildRegex, CompilesCaseSensitivelyOrGivesNullForNoText) {
+  const struct {
+    const char* value;
+    const char* text;
+    bool match;
+  } kCases[] = {
+      {"^\\[pid=\\d+\\] ", "[pid=42] 11:58", true},
+      {"^\\[pid=\\d+\\] ", "[PID=42] 11:58", false},  // unlike the pattern file
+      {"(?i)time=", "TIME=12:00", true},  // a pattern may still ask for caseless itself
+      {"^\\[", " [01/Jan", false},
+      {"\xc3\xa9t\xc3\xa9:", "\xc3\xa9t\xc3\xa9: 12:00", true},
+      {"\xc3\xa9t\xc3\xa9:", "\xc3\x89T\xc3\x89: 12:00", false},
+  };
+  for (const auto& c : kCases) {
+    PropertiesMap props;
+    props.put("TIME_PREFIX", c.value);
+    std::unique_ptr<Regex> re(DatetimeInitUtils::buildRegex("TIME_PREFIX", &props, nullptr));
+    ASSERT_NE(nullptr, re) << c.value;
+    EXPECT_EQ(c.value, re->getPattern());
+    EXPECT_EQ(c.match, re->matches(StrSegment(c.text))) << c.value << " on " << c.text;
+  }
   PropertiesMap props;
-  props.put("TIME_PREFIX", "^\\[pid=\\d+\\] ");
   props.put("EMPTY", "");
-  std::unique_ptr<Regex> re(DatetimeInitUtils::buildRegex("TIME_PREFIX", &props, nullptr));
-  ASSERT_NE(nullptr, re);
-  EXPECT_TRUE(re->matches(StrSegment("[pid=42] 11:58")));
-  EXPECT_FALSE(re->matches(StrSegment("[PID=42] 11:58")));  // unlike the pattern file
   ScopedLogCapture log("DatetimeInitUtils");
   EXPECT_EQ(nullptr, DatetimeInitUtils::buildRegex("EMPTY", &props, nullptr));
   EXPECT_EQ(nullptr, DatetimeInitUtils::buildRegex("ABSENT", &props, nullptr));
   EXPECT_EQ("", log.text());
+}
+
+// The report quotes the value and the reason Regex itself gives.
+TEST(DatetimeBuildRegex, EachBadExpressionIsReportedWithItsReason) {
+  for (const char* bad : {"(\\d+", "[a-", "a{2,1}", "\\"}) {
+    std::string reason = "<compiled>";
+    try {
+      Regex r(Str(bad), true, 0);
+    } catch (const RegexException& e) {
+      reason = e.what();
+    }
+    PropertiesMap props;
+    props.put("TIME_PREFIX", bad);
+    ScopedLogCapture log("DatetimeInitUtils");
+    EXPECT_EQ(nullptr, DatetimeInitUtils::buildRegex("TIME_PREFIX", &props, nullptr)) << bad;
+    EXPECT_EQ(std::string("ERROR Invalid regex ") + bad + " -- " + reason + "\n", log.text());
+  }
 }
 
 TEST(DatetimeBuildRegex, BadExpressionIsReportedWhereTheCallerSays) {

@@ -1,5 +1,6 @@
-// initDateParser: each setting of a stanza reaches the parser, and the
-// pattern file is found under the install root.
+// initDateParser: each setting of a stanza reaches the parser, the pattern
+// file is found under the install root, and a parser set up again and again
+// keeps only what the later stanza gives.
 
 #include <cstdlib>
 #include <string>
@@ -24,13 +25,14 @@ namespace {
 // 2026-06-15 12:00:00 UTC.
 const Timeval NOW(1781524800, 0);
 
-// An install root holding the small pattern file as etc/datetime.xml and
-// as etc/other.xml, made the process's install root.
+// An install root holding the small pattern file as etc/datetime.xml,
+// etc/other.xml and etc/alt/patterns.xml, made the process's install root.
 class InitDateParserTest : public ::testing::Test {
  protected:
   InitDateParserTest() : _clock(NOW) {
     writeTestFile(_home / "etc" / "datetime.xml", MINI_PATTERNS);
     writeTestFile(_home / "etc" / "other.xml", MINI_PATTERNS);
+    writeTestFile(_home / "etc" / "alt" / "patterns.xml", MINI_PATTERNS);
     const char* old = getenv("KESTRO_HOME");
     _oldHome = old != nullptr ? old : "";
     setenv("KESTRO_HOME", std::string(_home.path()).c_str(), 1);
@@ -145,6 +147,67 @@ TEST_F(InitDateParserTest, ABrokenPrefixMeansNoPrefix) {
   init(stanza({{"TIME_PREFIX", "at=("}, {"TZ", "UTC"}}));
   EXPECT_NE(std::string::npos, log.text().find("Invalid regex at=( -- "));
   EXPECT_EQ(1781524681, parse("2026-06-15 11:58:01"));
+}
+
+// The variable holds an absolute path, which then names a place under the
+// install root like any other absolute value.
+TEST_F(InitDateParserTest, EnvironmentVariablesExpandBeforeTheRootIsAdded) {
+  setenv("KESTRO_TEST_PATTERN_DIR", "/etc/alt", 1);
+  init(stanza({{"DATETIME_CONFIG", "$KESTRO_TEST_PATTERN_DIR/patterns.xml"}, {"TZ", "UTC"}}));
+  unsetenv("KESTRO_TEST_PATTERN_DIR");
+  EXPECT_TRUE(CachedDateParserConfig::contains(home() / "etc" / "alt" / "patterns.xml"));
+  EXPECT_EQ(ref.get(), parser.getConf());
+  EXPECT_EQ(1781524681, parse("2026-06-15 11:58:01"));
+}
+
+TEST_F(InitDateParserTest, LookaheadValuesAndTheirDefault) {
+  const struct {
+    const char* value;
+    int lookahead;
+  } kCases[] = {{"0", 0}, {"-3", -1}, {"20", 20}, {nullptr, 150}, {"", 150}};
+  for (const auto& c : kCases) {
+    if (c.value != nullptr) {
+      init(stanza({{"MAX_TIMESTAMP_LOOKAHEAD", c.value}}));
+    } else {
+      init(stanza({}));
+    }
+    EXPECT_EQ(c.lookahead, parser.getDateLookahead()) << (c.value ? c.value : "(unset)");
+  }
+}
+
+// Each setting-up starts the window and the lookahead from their defaults
+// again, and a stanza without a prefix takes the old one away.
+TEST_F(InitDateParserTest, LaterStanzasRestoreDefaultsAndDropThePrefix) {
+  init(stanza({{"MAX_DAYS_AGO", "3"}, {"MAX_DAYS_HENCE", "1"}, {"MAX_TIMESTAMP_LOOKAHEAD", "12"},
+        {"TIME_PREFIX", "at="}, {"TZ", "UTC"}}));
+  EXPECT_EQ(-1, parse("2026-06-15 11:58:01"));
+  init(stanza({{"TZ", "UTC"}}));
+  EXPECT_EQ(1825 * 86400, parser.getGuesser().maxAgoSecs());
+  EXPECT_EQ(7 * 86400, parser.getGuesser().maxHenceSecs());
+  EXPECT_EQ(150, parser.getDateLookahead());
+  EXPECT_EQ(1781524681, parse("2026-06-15 11:58:01"));
+}
+
+TEST_F(InitDateParserTest, DiffLimitsAboveZeroReplaceTheBuiltIns) {
+  init(stanza({{"MAX_DIFF_SECS_AGO", "120"}, {"MAX_DIFF_SECS_HENCE", "240"}}));
+  EXPECT_EQ(120, parser.getGuesser().maxDiffSecsAgo);
+  EXPECT_EQ(240, parser.getGuesser().maxDiffSecsHence);
+  init(stanza({{"MAX_DIFF_SECS_AGO", "-1"}, {"MAX_DIFF_SECS_HENCE", "0"}}));
+  EXPECT_EQ(120, parser.getGuesser().maxDiffSecsAgo);
+  EXPECT_EQ(240, parser.getGuesser().maxDiffSecsHence);
+}
+
+// A format and a zone are only ever set, never cleared, by a stanza: one
+// without them leaves what an earlier one gave. A zone no lookup knows
+// takes the override away.
+TEST_F(InitDateParserTest, FormatAndZoneStayUntilAStanzaNamesOthers) {
+  init(stanza({{"TIME_FORMAT", "%d.%m.%Y %H:%M"}, {"TZ", "Asia/Kolkata"}}));
+  EXPECT_EQ(1781524680 - 19800, parse("15.06.2026 11:58"));
+  init(stanza({}));
+  EXPECT_EQ(1781524680 - 19800 + 86400, parse("16.06.2026 11:58"));
+  EXPECT_TRUE(parser.getGuesser().haveOverride());
+  init(stanza({{"TZ", "Not/AZone"}}));
+  EXPECT_FALSE(parser.getGuesser().haveOverride());
 }
 
 }  // namespace

@@ -68,6 +68,14 @@ TEST(PropertiesMapMetadata, InitFromTakesOwnerAndSharingFromTheBestSource) {
        {{nullptr, SOURCE_SYSTEM_DEFAULT, "default", "x", "named"},
         {"k", SOURCE_USER, "default", "Bob", "fallback"}},
        "Bob", "fallback", PropertiesMapMetadata::SHARE_USER},
+      {"system default on an entry", {{"k", SOURCE_SYSTEM_DEFAULT, "s", "ann", "appx"}}, "ann",
+       "appx", PropertiesMapMetadata::SHARE_SYSTEM},
+      {"global from another app on an entry", {{"k", SOURCE_GLOBAL_OTHER_APP, "s", "ann", "appx"}},
+       "ann", "appx", PropertiesMapMetadata::SHARE_GLOBAL},
+      {"global from the same app on an entry", {{"k", SOURCE_GLOBAL_SAME_APP, "s", "ann", "appx"}},
+       "ann", "appx", PropertiesMapMetadata::SHARE_GLOBAL},
+      {"user on the embedded", {{nullptr, SOURCE_USER, "s", "ann", "appx"}}, "ann", "appx",
+       PropertiesMapMetadata::SHARE_USER},
       {"unset sources leave the defaults",
        {{nullptr, SOURCE_UNSET, "s", "x", "y"}, {"k", SOURCE_UNSET, "s", "x", "y"}},
        "system", "system", PropertiesMapMetadata::SHARE_SYSTEM},
@@ -92,10 +100,19 @@ TEST(PropertiesMapMetadata, InitFromCopiesRemovableAndPermissions) {
   p.allow(ConfPathPermissions::ALLOW_SET, "admin");
   m.mergePermissions(ConfPathPermissionsReference(p));
   PropertiesMapMetadata md;
+  EXPECT_FALSE(md.isRemovable());
+  EXPECT_EQ(PropertiesMapMetadata::SHARE_SYSTEM, md.sharing());  // before any initFrom
+  EXPECT_EQ("system", md.getSharingAsStr());
+  EXPECT_EQ("", md.owner());
+  EXPECT_TRUE(md.permissions().empty());
   md.initFrom(m);
   EXPECT_TRUE(md.isRemovable());
   EXPECT_TRUE(md.permissions() == p);
-  m.getEmbeddedProperty().setSourceRemovable(false);
+  // Only the embedded property says whether a stanza is removable.
+  PropertiesMap entryOnly = mapOf({{"k", SOURCE_USER, "s", "u", "a"}});
+  entryOnly.getProperty("k")->setSourceRemovable(true);
+  md.initFrom(entryOnly);
+  EXPECT_FALSE(md.isRemovable());
   md.initFrom(PropertiesMap());
   EXPECT_FALSE(md.isRemovable());
   EXPECT_TRUE(md.permissions().empty());

@@ -42,6 +42,20 @@ TEST(StanzaPattern, MatchesWholeContextByItsWildcards) {
       {"sourcetype::a*", "sourcetype::a/b", false},
       {"source::*", "source::", true},
       {"source::(*", "source::(x", false},  // does not compile: never matches
+      {"source::/var/log/*.log", "source::/var/log/.log", true},  // "*" may be empty
+      {"source::/var/log/*.log", "source::/var/log/x.log\n", false},  // the very end
+      {"source::/var/log/*.log", "source::/VAR/log/x.log", false},
+      {"source::/var/log/*.log", "host::/var/log/x.log", false},  // the prefix is part of it
+      {"host::WEB*", "host::web-a", true},
+      {"host::web*", "host::web/01", false},
+      {"host::web...", "host::web/01", true},
+      {"rule::acc*", "rule::access", true},  // any prefix before "::"
+      {"rule::acc*", "rule::Access", false},
+      // The part up to "::" is taken as it is written, regex syntax and all.
+      {"a.b::*", "axb::x", true},
+      {"a.b::*", "a.b::x", true},
+      {"a+::*", "aaa::x", true},
+      {"(x::*", "(x::y", false},
   };
   for (const auto& c : kCases) {
     EXPECT_EQ(c.matches, patternMatches(c.stanza, c.context)) << c.stanza << " vs " << c.context;
@@ -50,7 +64,11 @@ TEST(StanzaPattern, MatchesWholeContextByItsWildcards) {
 
 TEST(StanzaPattern, NamesThatApplyOnlyExactlyHaveNoRegex) {
   for (const char* name : {"access*", "default", "", "source::/var/log/x.log", "a:b*",
-                           "source:/x/*", "sourcetype::plain", "...", "*"}) {
+                           "source:/x/*", "sourcetype::plain", "...", "*", "syslog", "a...b",
+                           "source::", "source::a.b", "source::a?b",
+                           "HOST::web01",  // only the lower-case prefix is a host stanza
+                           "Host::web01", "hosts::web01"}) {
+    EXPECT_EQ(nullptr, getRegexPatternFromFilePattern(name, false)) << name;
     EXPECT_EQ(nullptr, getRegexPatternFromFilePattern(name, true)) << name;
   }
 }
@@ -67,13 +85,45 @@ TEST(StanzaPattern, BuiltOnceAndLoggedOnce) {
             capture.lines());
 }
 
-TEST(StanzaPattern, HostPatternPutsCaselessFlagAfterPrefix) {
-  const Regex* regex = getRegexPatternFromFilePattern("host::db.*", false);
-  ASSERT_NE(nullptr, regex);
-  EXPECT_EQ("host::(?i)db\\.[^/]*", regex->getPattern());
-  const Regex* broken = getRegexPatternFromFilePattern("source::(*", false);
-  ASSERT_NE(nullptr, broken);
-  EXPECT_FALSE(broken->isCompiled());
+TEST(StanzaPattern, ConvertsWildcardsAndEscapesLoneDots) {
+  const struct {
+    const char* name;
+    const char* regex;
+  } kCases[] = {
+      {"source::/var/log/*.log", "source::/var/log/[^/]*\\.log"},
+      {"source::/var/....log", "source::/var/.*\\.log"},
+      {"source::...", "source::.*"},
+      {"source::*", "source::[^/]*"},
+      {"source::a..b*", "source::a\\.\\.b[^/]*"},  // two dots are no ellipsis
+      {"source::.....", "source::.*\\.\\."},        // the ellipsis is taken first
+      {"source::x::*", "source::x::[^/]*"},         // only the first "::" splits
+      {"source::(a|b)*", "source::(a|b)[^/]*"},     // regex syntax stays active
+      {"rule::acc*", "rule::acc[^/]*"},             // any prefix before "::"
+      {"::*", "::[^/]*"},
+      {"a.b::*", "a.b::[^/]*"},  // the prefix is not converted
+      {"host::web01", "host::(?i)web01"},
+      {"host::", "host::(?i)"},
+      {"host::web*.example.com", "host::(?i)web[^/]*\\.example\\.com"},
+      {"host::a...b", "host::(?i)a.*b"},
+      {"host::db.*", "host::(?i)db\\.[^/]*"},
+  };
+  for (const auto& c : kCases) {
+    const Regex* regex = getRegexPatternFromFilePattern(c.name, false);
+    ASSERT_NE(nullptr, regex) << c.name;
+    EXPECT_EQ(c.regex, regex->getPattern()) << c.name;
+    // The flag changes nothing: the same compiled form either way.
+    EXPECT_EQ(regex, getRegexPatternFromFilePattern(c.name, true)) << c.name;
+  }
+}
+
+TEST(StanzaPattern, PatternThatDoesNotCompileNeverMatches) {
+  for (const char* name : {"source::(*.log", "source::[*", "host::(web"}) {
+    const Regex* regex = getRegexPatternFromFilePattern(name, false);
+    ASSERT_NE(nullptr, regex) << name;
+    for (const char* context : {"source::(x.log", "source::[x", "host::(web", "", "x"}) {
+      EXPECT_FALSE(regex->matchesWhole(context)) << name << " on " << context;
+    }
+  }
 }
 
 TEST(StanzaPattern, RacingThreadsAllGetTheSameRegex) {

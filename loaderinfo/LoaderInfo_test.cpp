@@ -28,12 +28,17 @@ std::string drain(FILE* f) {
   return text;
 }
 
-Parsed parse(LoaderInfo& info, std::vector<const char*> words) {
-  words.insert(words.begin(), "kestrod");
+// `argv` as given, the program name included.
+Parsed parseArgv(LoaderInfo& info, std::vector<const char*> argv) {
   FILE* out = tmpfile();
   FILE* err = tmpfile();
-  const int status = info.parseCommandLine(static_cast<int>(words.size()), words.data(), out, err);
+  const int status = info.parseCommandLine(static_cast<int>(argv.size()), argv.data(), out, err);
   return {status, drain(out), drain(err)};
+}
+
+Parsed parse(LoaderInfo& info, std::vector<const char*> words) {
+  words.insert(words.begin(), "kestrod");
+  return parseArgv(info, words);
 }
 
 const char kUsage[] =
@@ -82,16 +87,42 @@ TEST(LoaderInfo, OptionsThatEndTheProcessPrintExactlyAndGiveTheirStatus) {
       {{"-"}, 8, "", std::string("Bad Option -\n") + kUsage},
       {{"-p"}, 8, "", std::string("-p option requires an argument\n") + kUsage},
       {{"--nodaemon", "-c"}, 8, "", std::string("-c option requires an argument\n") + kUsage},
+      {{"-n"}, 8, "", std::string("-n option requires an argument\n") + kUsage},
+      {{"-h"}, 8, "", std::string("-h option requires an argument\n") + kUsage},
+      {{"--debug", "--help", "--bogus"}, 0, kUsage, ""},  // the first that ends wins
+      {{"--nodaemonx"}, 8, "", std::string("Bad Option --nodaemonx\n") + kUsage},
+      {{"--debug=1"}, 8, "", std::string("Bad Option --debug=1\n") + kUsage},
+      {{"--waitonpid"}, 8, "", std::string("Bad Option --waitonpid\n") + kUsage},
+      {{"--usage=1"}, 8, "", std::string("Bad Option --usage=1\n") + kUsage},
+      {{"--helpme"}, 8, "", std::string("Bad Option --helpme\n") + kUsage},
+      {{"-ifoo"}, 8, "", std::string("Bad Option -i\n") + kUsage},
+      {{"start", "--bogus", "--", "--help"}, 8, "", std::string("Bad Option --bogus\n") + kUsage},
   };
   for (const auto& c : kCases) {
-    SCOPED_TRACE(c.words[0]);
+    std::string joined;
+    for (const char* w : c.words) joined += std::string(w) + " ";
+    SCOPED_TRACE(joined);
     LoaderInfo info;
     const Parsed p = parse(info, c.words);
     EXPECT_EQ(c.status, p.status);
     EXPECT_EQ(c.out, p.out);
     EXPECT_EQ(c.err, p.err);
   }
+  // The usage names the program it is given.
+  EXPECT_EQ("Usage: kd" + std::string(kUsage).substr(14), std::string(LoaderInfo::usageText("kd")));
 }
+
+struct OptRow {
+  std::vector<const char*> args;
+  int status;
+  const char* component;
+  const char* config;
+  int port;
+  const char* portStr;
+  bool daemon;
+  bool debug;
+  const char* mode;
+};
 
 TEST(LoaderInfo, OptionsThatSetFields) {
   LoaderInfo info;
@@ -106,25 +137,56 @@ TEST(LoaderInfo, OptionsThatSetFields) {
   EXPECT_EQ("splitter", info.getComponentName());
   EXPECT_EQ(9000, info.getPort());
 
-  // The value may be the next word; a port that is no number reads as 0
-  // and keeps its text.
-  const struct { std::vector<const char*> words; int port; const char* text; } kPorts[] = {
-      {{"-p", "9001"}, 9001, "9001"},
-      {{"-p", "abc"}, 0, "abc"},
-      {{"-p12x"}, 12, "12x"},
+  // Each option alone, in each of its spellings, from argv[0] on.
+  const OptRow rows[] = {
+      {{"kestrod"}, -1, "kestrod", "etc", 8089, "8089", true, false, ""},
+      {{"kestrod", "--nodaemon"}, -1, "kestrod", "etc", 8089, "8089", false, false, ""},
+      {{"kestrod", "--debug"}, -1, "kestrod", "etc", 8089, "8089", true, true, ""},
+      {{"kestrod", "--mode=upgrade"}, -1, "kestrod", "etc", 8089, "8089", true, false, "upgrade"},
+      {{"kestrod", "--mode="}, -1, "kestrod", "etc", 8089, "8089", true, false, ""},
+      {{"kestrod", "--mode=a=b"}, -1, "kestrod", "etc", 8089, "8089", true, false, "a=b"},
+      {{"kestrod", "-p9000"}, -1, "kestrod", "etc", 9000, "9000", true, false, ""},
+      {{"kestrod", "-p", "9000"}, -1, "kestrod", "etc", 9000, "9000", true, false, ""},
+      {{"kestrod", "-p", "abc"}, -1, "kestrod", "etc", 0, "abc", true, false, ""},
+      {{"kestrod", "-p", "12ab"}, -1, "kestrod", "etc", 12, "12ab", true, false, ""},
+      {{"kestrod", "-p", "-5"}, -1, "kestrod", "etc", -5, "-5", true, false, ""},
+      {{"kestrod", "-p", "1", "-p2"}, -1, "kestrod", "etc", 2, "2", true, false, ""},
+      {{"kestrod", "-c", "/conf"}, -1, "kestrod", "/conf", 8089, "8089", true, false, ""},
+      {{"kestrod", "-c/conf"}, -1, "kestrod", "/conf", 8089, "8089", true, false, ""},
+      {{"kestrod", "-n", "splitter"}, -1, "splitter", "etc", 8089, "8089", true, false, ""},
+      {{"kestrod", "-nsplitter"}, -1, "splitter", "etc", 8089, "8089", true, false, ""},
+      {{"kestrod", "-h", "x"}, -1, "kestrod", "etc", 8089, "8089", true, false, ""},
+      {{"kestrod", "-hx", "--debug"}, -1, "kestrod", "etc", 8089, "8089", true, true, ""},
+      // The next word is the value, even when it looks like an option.
+      {{"kestrod", "-n", "--bogus"}, -1, "--bogus", "etc", 8089, "8089", true, false, ""},
+      {{"kestrod", "-h", "-i", "--debug"}, -1, "kestrod", "etc", 8089, "8089", true, true, ""},
+      // Words without a dash are skipped; the program name is examined too.
+      {{"kestrod", "start", "now", "--debug"}, -1, "kestrod", "etc", 8089, "8089", true, true,
+       ""},
+      {{"--nodaemon"}, -1, "kestrod", "etc", 8089, "8089", false, false, ""},
+      // "--" ends the scan.
+      {{"kestrod", "--debug", "--", "--bogus", "-i"}, -1, "kestrod", "etc", 8089, "8089", true,
+       true, ""},
+      {{"kestrod", "--", "--nodaemon"}, -1, "kestrod", "etc", 8089, "8089", true, false, ""},
+      {{}, -1, "kestrod", "etc", 8089, "8089", true, false, ""},
   };
-  for (const auto& c : kPorts) {
-    LoaderInfo fresh;
-    EXPECT_EQ(-1, parse(fresh, c.words).status);
-    EXPECT_EQ(c.port, fresh.getPort());
-    EXPECT_EQ(c.text, fresh.getPortStr());
+  for (const OptRow& r : rows) {
+    std::string joined;
+    for (const char* a : r.args) joined += std::string(a) + " ";
+    SCOPED_TRACE(joined);
+    LoaderInfo one;
+    p = parseArgv(one, r.args);
+    EXPECT_EQ(r.status, p.status);
+    EXPECT_EQ("", p.out + p.err);
+    EXPECT_EQ(r.component, one.getComponentName());
+    EXPECT_EQ(r.config, one.getCommonConfigPath());
+    EXPECT_EQ(r.port, one.getPort());
+    EXPECT_EQ(r.portStr, one.getPortStr());
+    EXPECT_EQ(r.daemon, one.getDaemon());
+    EXPECT_EQ(r.debug, one.getUseDebugLog());
+    EXPECT_EQ(r.mode, one.getStartupMode());
+    EXPECT_FALSE(one.shouldWaitOnPid());
   }
-
-  // "--" ends the scan: what follows is never looked at.
-  LoaderInfo stopped;
-  p = parse(stopped, {"--nodaemon", "--", "--bogus", "-i"});
-  EXPECT_EQ(-1, p.status);
-  EXPECT_FALSE(stopped.getDaemon());
 }
 
 // Sets or unsets one variable for the life of the object.
@@ -237,6 +299,49 @@ TEST(LoaderInfo, ValidateReportsTheFirstFailedCheck) {
       EXPECT_STREQ(r.message, got);
     }
   }
+}
+
+TEST(LoaderInfo, UnsetOrEmptyVariablesLeaveTheFields) {
+  LoaderInfo li;
+  {
+    ScopedEnv home("KESTRO_HOME", "/first/home");
+    ScopedEnv db("KESTRO_DB", "/first/db");
+    li.populateFromEnvironment();
+  }
+  {
+    ScopedEnv home("KESTRO_HOME", nullptr);
+    ScopedEnv db("KESTRO_DB", "");
+    li.populateFromEnvironment();
+    EXPECT_EQ(nullptr, getenv("KESTRO_HOME"));  // not written back
+    EXPECT_STREQ("", getenv("KESTRO_DB"));
+  }
+  EXPECT_EQ(std::string(li.getKestroHome()), "/first/home");
+  EXPECT_EQ(std::string(li.getKestroDb()), "/first/db");
+  {
+    ScopedEnv home("KESTRO_HOME", "/second");
+    ScopedEnv db("KESTRO_DB", nullptr);
+    li.populateFromEnvironment();
+    EXPECT_EQ(nullptr, getenv("KESTRO_DB"));
+  }
+  EXPECT_EQ(std::string(li.getKestroHome()), "/second");
+  EXPECT_EQ(std::string(li.getKestroDb()), "/first/db");
+  EXPECT_EQ(std::string(li.getInstallConfigPath()), "/second/etc/myinstall");
+}
+
+TEST(LoaderInfoDeathTest, ProcessExitsWithTheOptionStatus) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  auto run = [](std::vector<const char*> args) {
+    LoaderInfo li;
+    li.populateFromCommandLine(static_cast<int>(args.size()), args.data());
+    std::exit(42);  // the scan went on
+  };
+  EXPECT_EXIT(run({"kd", "--bogus"}), testing::ExitedWithCode(8), "Bad Option --bogus\nUsage: kd ");
+  EXPECT_EXIT(run({"kd", "-i"}), testing::ExitedWithCode(8), "Bad Option -i\n");
+  EXPECT_EXIT(run({"kd", "-p"}), testing::ExitedWithCode(8), "-p option requires an argument");
+  EXPECT_EXIT(run({"kd", "--waitonpid=3"}), testing::ExitedWithCode(1),
+              "--waitonpid option not implemented for UNIX");
+  EXPECT_EXIT(run({"kd", "--help"}), testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(run({"kd", "--", "--bogus"}), testing::ExitedWithCode(42), "");
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <map>
+#include <string>
 
 #include "loaderinfo/LoaderInfo.h"
 #include "util/Logger.h"
@@ -18,6 +20,14 @@ TEST(SetupHelperDeathTest, WithoutAHomeItStopsWithStatus255) {
         {
           if (value == nullptr) unsetenv("KESTRO_HOME"); else setenv("KESTRO_HOME", value, 1);
           SetupHelper::initCommon(false, nullptr);
+          std::exit(0);
+        },
+        testing::ExitedWithCode(255), "^KESTRO_HOME must be set.  Stopping.\n$");
+    EXPECT_EXIT(
+        {
+          if (value == nullptr) unsetenv("KESTRO_HOME"); else setenv("KESTRO_HOME", value, 1);
+          SetupHelper::initCommon(std::map<Str, Pathname>{{Str("KESTRO_HOME"), "/x"}}, true,
+                                  "other.cfg");
           std::exit(0);
         },
         testing::ExitedWithCode(255), "^KESTRO_HOME must be set.  Stopping.\n$");
@@ -43,6 +53,19 @@ TEST(SetupHelperDeathTest, SaysWhichLoggingConfigurationItReadsUnlessQuiet) {
         std::exit(Logger::isInitialized() ? 3 : 4);
       },
       testing::ExitedWithCode(3), "^$");
+  // Without a name, the command-line file; the root as home gives no
+  // doubled separator (and no file there, which is said after).
+  writeTestFile(dir.path() / "home/etc/log-cmdline.cfg", "rootCategory=WARN\n");
+  for (const std::string& h : {home, std::string("/")}) {
+    const std::string file = (h == "/" ? "" : h) + "/etc/log-cmdline.cfg";
+    EXPECT_EXIT(
+        {
+          setenv("KESTRO_HOME", h.c_str(), 1);
+          SetupHelper::initCommon(false, nullptr);
+          std::exit(LoaderInfo::getInstance().getKestroHome() == h ? 3 : 4);
+        },
+        testing::ExitedWithCode(3), "^Using logging configuration at " + file + "\\.\n");
+  }
 }
 
 }  // namespace

@@ -1,6 +1,9 @@
 #include "util/ArchiveFile.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/time.h>
 
 #include <cerrno>
 #include <map>
@@ -230,6 +233,107 @@ TEST_F(ArchiveFileTest, FormatFromName) {
       EXPECT_EQ(c.format, f) << c.name;
     }
   }
+}
+
+// Directories, a symbolic link, permissions and a file larger than one
+// read, in the archives the system's tools write.
+TEST_F(ArchiveFileTest, ToolsArchivesDescribeEveryKindOfEntry) {
+  if (!haveTool("bsdtar") || !haveTool("tar")) GTEST_SKIP() << "bsdtar or tar is not installed";
+  ASSERT_EQ(0, runShell("cd " + q(_dir.path()) +
+                        " && mkdir -p t/sub && printf abc > t/sub/f"
+                        " && printf '%s' \"$(seq 1 20000)\" > t/g && ln -s sub/f t/link"
+                        " && chmod 600 t/sub/f && tar -cf gnu.tar t && tar -czf gnu.tgz t"
+                        " && bsdtar -cf bsd.zip --format zip t && tar -cjf gnu.tbz2 t"));
+  const std::string g = readTestFile(_dir / "t/g");
+  for (const char* file : {"gnu.tar", "gnu.tgz", "bsd.zip", "gnu.tbz2"}) {
+    SCOPED_TRACE(file);
+    ReadableArchiveFile r;
+    ASSERT_TRUE(r.open(_dir / file)) << r.lastError();
+    ArchiveFileEntry e;
+    int rc;
+    int seen = 0;
+    while ((rc = r.nextHeader(&e)) == 1) {
+      std::string name(e.name);
+      while (!name.empty() && name.back() == '/') name.pop_back();
+      ++seen;
+      if (name == "t" || name == "t/sub") {
+        EXPECT_EQ(ArchiveFileEntry::DIRECTORY, e.type) << name;
+        EXPECT_EQ(0, e.size);
+      } else if (name == "t/link") {
+        EXPECT_EQ(ArchiveFileEntry::SYMLINK, e.type);
+        EXPECT_EQ("sub/f", std::string(e.linkTarget));
+        EXPECT_EQ(0, e.size);
+      } else if (name == "t/sub/f") {
+        EXPECT_EQ(ArchiveFileEntry::REGULAR, e.type);
+        EXPECT_EQ(mode_t{0600}, e.perm);
+        ReadableArchiveFile::FileReader fr(r);
+        char buf[2];
+        std::string got;
+        ssize_t n;
+        while ((n = fr.read(buf, sizeof(buf))) > 0) got.append(buf, static_cast<size_t>(n));
+        EXPECT_EQ(0, n);
+        EXPECT_EQ("abc", got);
+      } else if (name == "t/g") {
+        EXPECT_EQ(int64_t(g.size()), e.size);
+        if (std::string(file) == "gnu.tar") {
+          EXPECT_TRUE(r.skipEntry());
+        } else {
+          ScopedFileStar out(_dir / "out", "w");
+          EXPECT_TRUE(r.writeEntryTo(out));
+          out.close();
+          EXPECT_TRUE(readTestFile(_dir / "out") == g);
+        }
+      } else {
+        ADD_FAILURE() << "unexpected entry " << name;
+      }
+    }
+    EXPECT_EQ(0, rc);
+    EXPECT_EQ(5, seen);
+  }
+}
+
+// FdReader takes type, permissions and time from the descriptor; a name
+// past the old tar limits survives.
+TEST_F(ArchiveFileTest, FdReaderDescribesFilesAndDirectories) {
+  const std::string longName = std::string(120, 'n') + "/" + std::string(90, 'm') + ".txt";
+  writeTestFile(_dir / "f", "fd reader data");
+  ASSERT_EQ(0, ::chmod((_dir / "f").c_str(), 0751));
+  struct timeval tv[2] = {{1500000000, 0}, {1500000000, 0}};
+  ASSERT_EQ(0, ::utimes((_dir / "f").c_str(), tv));
+  ASSERT_EQ(0, ::mkdir((_dir / "d").c_str(), 0705));
+  const Pathname path = _dir / "fd.tar";
+  {
+    WritableArchive w;
+    ASSERT_TRUE(w.open(path, WritableArchive::TAR));
+    ScopedFileDescriptor f((_dir / "f").openReadOnly());
+    ScopedFileDescriptor d(FileDescriptor(::open((_dir / "d").c_str(), O_RDONLY | O_DIRECTORY)));
+    FdReader rf(f), rd(d);
+    ASSERT_TRUE(w.addEntry("dir", &rd)) << w.lastError();
+    ASSERT_TRUE(w.addEntry(longName.c_str(), &rf)) << w.lastError();
+    ASSERT_TRUE(w.close());
+  }
+  if (haveTool("tar")) {
+    std::string back;
+    EXPECT_EQ(0, runShell("tar -xOf " + q(path) + " '" + longName + "'", &back));
+    EXPECT_EQ("fd reader data", back);
+  }
+  ReadableArchiveFile r;
+  ASSERT_TRUE(r.open(path));
+  ArchiveFileEntry e;
+  ASSERT_EQ(1, r.nextHeader(&e));
+  EXPECT_EQ(ArchiveFileEntry::DIRECTORY, e.type);
+  EXPECT_EQ(mode_t{0705}, e.perm);
+  ASSERT_EQ(1, r.nextHeader(&e));
+  EXPECT_EQ(longName, std::string(e.name));
+  EXPECT_EQ(ArchiveFileEntry::REGULAR, e.type);
+  EXPECT_EQ(mode_t{0751}, e.perm);
+  EXPECT_EQ(14, e.size);
+  EXPECT_EQ(1500000000, e.mtime.tv_sec);
+  // A stream opened for reading refuses the copy.
+  ScopedFileStar ro(_dir / "f", "r");
+  EXPECT_FALSE(r.writeEntryTo(ro));
+  ro.close();
+  EXPECT_EQ(0, r.nextHeader(&e));
 }
 
 // ---- Failures ----

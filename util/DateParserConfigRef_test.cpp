@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -17,6 +18,8 @@
 
 #include "util/DateParseException.h"
 #include "util/DateParserRegexConf.h"
+#include "util/DateTimeRegex.h"
+#include "util/testing/LogCapture.h"
 #include "util/testing/TestTempDir.h"
 #include "util/testing/ThrownText.h"
 #include "util/testing/XmlTestInit.h"
@@ -52,7 +55,10 @@ time_t testClock() { return gNow.load(); }
 // Puts the cache on the test's clock for the length of a test.
 class DateParserConfigRefTest : public ::testing::Test {
  protected:
-  void SetUp() override { _saved = CachedDateParserConfig::setClock(&testClock); }
+  void SetUp() override {
+    _saved = CachedDateParserConfig::setClock(&testClock);
+    gNow = 1000000;
+  }
   void TearDown() override { CachedDateParserConfig::setClock(_saved); }
 
   // A pattern file whose one time pattern is called `name`, with its
@@ -83,20 +89,50 @@ class DateParserConfigRefTest : public ::testing::Test {
     return ref.get()->getTimeList().at(0)->evaluate(line, ex, start, end) && ex.count == 2;
   }
 
+  // Writes `xml` to `name` in the test's folder with the given mtime.
+  Pathname write(const char* name, const char* xml, time_t mtime) {
+    const Pathname path = _dir / name;
+    writeTestFile(path, xml);
+    setMtime(path, mtime);
+    return path;
+  }
+  static void setMtime(const Pathname& path, time_t mtime) {
+    struct timeval tv[2] = {{mtime, 0}, {mtime, 0}};
+    EXPECT_EQ(0, ::utimes(path.c_str(), tv));
+  }
+
   TestTempDir _dir;
   CachedDateParserConfig::ClockFunction _saved = nullptr;
 };
 
-TEST_F(DateParserConfigRefTest, NoneAndCurrentNeedNoFile) {
+const char* const kTimeOnly =
+    "<r><define name='hm' extract='hour,minute'><text>(\\d\\d):(\\d\\d)</text></define>"
+    "<timePatterns><use name='hm'/></timePatterns><datePatterns/></r>";
+const char* const kOther =
+    "<r><define name='x' extract='hour'><text>(\\d)h</text></define>"
+    "<define name='y' extract='day'><text>(\\d)d</text></define>"
+    "<timePatterns><use name='x'/></timePatterns><datePatterns><use name='y'/></datePatterns></r>";
+
+TEST_F(DateParserConfigRefTest, NoneAndCurrentNeedNoFileAndReleaseFirst) {
+  const Pathname path = write("a.xml", kTimeOnly, 5000);
   DateParserConfigRef ref;
+  ref.load(path, false);
+  const DateParserRegexConf* conf = ref.get();
+  ASSERT_NE(nullptr, conf);
+  EXPECT_EQ(2, conf->getRefCount());
   const size_t before = CachedDateParserConfig::size();
+  ref.load(Pathname("NONE"), false);
+  EXPECT_TRUE(ref.isNone());
+  EXPECT_FALSE(ref.isCurrent());
+  EXPECT_EQ(1, conf->getRefCount());  // only the cache holds it now
   ref.load(Pathname("CURRENT"), true);
   EXPECT_TRUE(ref.isCurrent());
   EXPECT_EQ(nullptr, ref.get());
-  ref.load(Pathname("NONE"), true);
-  EXPECT_TRUE(ref.isNone());
-  EXPECT_FALSE(ref.isCurrent());
   EXPECT_EQ(before, CachedDateParserConfig::size());
+  EXPECT_FALSE(CachedDateParserConfig::contains(Pathname("NONE")));
+  EXPECT_FALSE(CachedDateParserConfig::contains(Pathname("CURRENT")));
+  ref.release();
+  EXPECT_TRUE(ref.isNone());
   // Only the exact words count: a file called "none" is a file.
   EXPECT_THROW(ref.load(Pathname("none"), false), DateParseException);
 }
@@ -137,6 +173,7 @@ TEST_F(DateParserConfigRefTest, RewriteIsSeenOnlyAfterThirtySeconds) {
   gNow += 29;  // within 30 seconds: the file is not looked at
   second.load(path, false);
   EXPECT_EQ(first.get(), second.get());
+  EXPECT_EQ(2000000, first.get()->lastChecked);
   EXPECT_EQ("v1", firstTimeName(second));
 
   gNow += 1;  // 30 seconds on: looked at, changed, rebuilt
@@ -242,6 +279,158 @@ TEST_F(DateParserConfigRefTest, ReadersKeepWorkingWhileTheFileChanges) {
   gNow += 31;
   last.load(path, false);
   EXPECT_EQ("v20", firstTimeName(last));
+}
+
+TEST_F(DateParserConfigRefTest, CountsOneForCacheAndOneForEachHolder) {
+  const Pathname path = write("b.xml", kTimeOnly, 5000);
+  DateParserConfigRef r1, r2, r3;
+  r1.load(path, false);
+  const DateParserRegexConf* conf = r1.get();
+  ASSERT_NE(nullptr, conf);
+  EXPECT_TRUE(CachedDateParserConfig::contains(path));
+  EXPECT_EQ(Timeval(5000, 0), conf->mtime);
+  EXPECT_EQ(gNow.load(), conf->lastChecked);
+  EXPECT_EQ(2, conf->getRefCount());
+  r2.load(path, false);
+  r3.load(path, false);
+  EXPECT_EQ(conf, r2.get());
+  EXPECT_EQ(conf, r3.get());
+  EXPECT_EQ(4, conf->getRefCount());
+  r2.release();
+  EXPECT_TRUE(r2.isNone());
+  EXPECT_EQ(3, conf->getRefCount());
+  r2.release();  // a second release of a null handle changes nothing
+  EXPECT_EQ(3, conf->getRefCount());
+  // Loading the same path again through the same handle nets zero.
+  r3.load(path, false);
+  EXPECT_EQ(3, conf->getRefCount());
+}
+
+TEST_F(DateParserConfigRefTest, AnyOtherMtimeReloadsEvenAnOlderOne) {
+  const Pathname path = write("e.xml", kTimeOnly, 5000);
+  DateParserConfigRef a;
+  a.load(path, false);
+  const DateParserRegexConf* first = a.get();
+  setMtime(path, 4000);  // moved back, as a restore from backup would
+  gNow += 31;
+  DateParserConfigRef b;
+  b.load(path, false);
+  ASSERT_NE(nullptr, b.get());
+  EXPECT_NE(first, b.get());
+  EXPECT_EQ(Timeval(4000, 0), b.get()->mtime);
+  EXPECT_EQ(1, first->getRefCount());
+}
+
+TEST_F(DateParserConfigRefTest, FailedLoadLeavesNoEntryAndNullHandle) {
+  const Pathname good = write("g.xml", kTimeOnly, 5000);
+  const struct {
+    const char* xml;
+    const char* textStart;
+  } kCases[] = {
+      {"<r><define name='a'><use name='b'/></define><timePatterns/><datePatterns/></r>",
+       "Error parsing regex XML file: "},
+      {"<r><define name='a'><text>(</text></define><timePatterns/><datePatterns/></r>",
+       "Error parsing regex XML file: "},
+      {"<r><timePatterns><use name='q'/></timePatterns><datePatterns/></r>",
+       "Can't find regular expression specified in 'q' in file "},
+      {"<r><datePatterns/></r>", "Couldn't find 'timePatterns'"},
+      {"<r><unclosed></r>", ""},
+      {"", ""},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.xml);
+    const Pathname bad = write("h.xml", c.xml, 7000);
+    DateParserConfigRef ref;
+    ref.load(good, false);
+    const DateParserRegexConf* goodConf = ref.get();
+    const int32_t before = goodConf->getRefCount();
+    try {
+      ref.load(bad, false);
+      ADD_FAILURE() << "loaded";
+    } catch (const DateParseException& e) {
+      EXPECT_EQ(0u, std::string(e.what()).find(c.textStart)) << e.what();
+    }
+    EXPECT_TRUE(ref.isNone());
+    EXPECT_EQ(before - 1, goodConf->getRefCount());  // released before the attempt
+    EXPECT_FALSE(CachedDateParserConfig::contains(bad));
+  }
+}
+
+TEST_F(DateParserConfigRefTest, LogsFailureOnlyWhenAsked) {
+  const Pathname missing = _dir / "missing.xml";
+  const std::string text =
+      "Can't open DatePaser XML configuration file \"" + std::string(missing) +
+      "\": No such file or directory";
+  DateParserConfigRef ref;
+  ScopedLogCapture log("LoadDateParserRegexes");
+  EXPECT_THROW(ref.load(missing, false), DateParseException);
+  EXPECT_EQ("", log.text());
+  EXPECT_THROW(ref.load(missing, true), DateParseException);
+  EXPECT_EQ("ERROR " + text + "\n", log.text());
+}
+
+TEST_F(DateParserConfigRefTest, BrokenRewriteDropsTheEntryButNotTheHolders) {
+  const Pathname path = write("m.xml", kTimeOnly, 5000);
+  DateParserConfigRef holder;
+  holder.load(path, false);
+  const DateParserRegexConf* old = holder.get();
+  write("m.xml", "<r><define name='a'><text>(</text></define></r>", 6000);
+  gNow += 30;
+  DateParserConfigRef ref;
+  EXPECT_THROW(ref.load(path, false), DateParseException);
+  EXPECT_TRUE(ref.isNone());
+  EXPECT_FALSE(CachedDateParserConfig::contains(path));
+  EXPECT_EQ(1, old->getRefCount());
+  EXPECT_NE(nullptr, old->find(Str("hm")));
+  // Repaired, it loads anew at once: a failure leaves nothing to wait for.
+  write("m.xml", kOther, 7000);
+  ref.load(path, false);
+  ASSERT_NE(nullptr, ref.get());
+  EXPECT_NE(nullptr, ref.get()->find(Str("y")));
+  EXPECT_EQ(Timeval(7000, 0), ref.get()->mtime);
+}
+
+TEST_F(DateParserConfigRefTest, TextTakesCdataAndEntitiesAsCharacters) {
+  const Pathname path = write(
+      "n.xml",
+      "<r><define name='a' extract='hour,minute'>"
+      "<text><![CDATA[<(\\d+)>]]></text><text>&amp;&lt;(\\d+)&gt;</text></define>"
+      "<timePatterns><use name='a'/></timePatterns><datePatterns/></r>",
+      5000);
+  DateParserConfigRef ref;
+  ref.load(path, false);
+  ASSERT_NE(nullptr, ref.get());
+  const DateTimeRegex* a = ref.get()->find(Str("a"));
+  ASSERT_NE(nullptr, a);
+  EXPECT_EQ("<(\\d+)>&<(\\d+)>", a->getPattern());
+  Str line("x <12>&<34> y");
+  StrSegment seg(line);
+  DateTimeRegexExtractions ex;
+  int start = -1, end = -1;
+  ASSERT_TRUE(a->evaluate(seg, ex, start, end));
+  EXPECT_EQ(2, start);
+  EXPECT_EQ("34", ex.get(DateTimeRegex::MINUTE).view());
+}
+
+TEST_F(DateParserConfigRefTest, ConcurrentHoldersBalanceTheCount) {
+  const Pathname path = write("k.xml", kTimeOnly, 5000);
+  DateParserConfigRef mine;
+  mine.load(path, false);
+  const DateParserRegexConf* conf = mine.get();
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&path, conf] {
+      for (int i = 0; i < 500; ++i) {
+        DateParserConfigRef ref;
+        ref.load(path, false);
+        if (ref.get() != conf) ADD_FAILURE() << "another configuration";
+        DateParserConfigRef copy(ref);
+        ref.release();
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(2, conf->getRefCount());
 }
 
 }  // namespace

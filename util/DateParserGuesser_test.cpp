@@ -6,7 +6,9 @@
 
 #include <string>
 
+#include "util/ExtraTimevalParseInfo.h"
 #include "util/TimeFormatRawParseResult.h"
+#include "util/Timeval.h"
 #include "util/Timezone.h"
 #include "util/testing/FixedClock.h"
 #include "util/testing/GuessTestSupport.h"
@@ -180,6 +182,81 @@ TEST_F(DateParserGuesserTest, HourCacheBelongsToOneZone) {
   t = local + 60;
   ASSERT_TRUE(g.convertToGmt(&paris, &t));
   EXPECT_EQ(civilUtc(2025, 7, 1, 10, 11), t);
+}
+
+TEST_F(DateParserGuesserTest, CachesTheConversionByTheHour) {
+  DateParserGuesser g;
+  TimezoneGuessResult ny;
+  ASSERT_TRUE(ny.set(getTimezone("America/New_York", true)));
+  const long base = civilUtc(2023, 7, 1, 12);
+  const struct { long local; uint64_t hits; } kSteps[] = {
+      {base, 0},
+      {base + 59, 1},
+      {base + 3599, 2},
+      {base + 3600, 2},  // the next hour
+      {base + 3700, 3},
+      {base - 1, 3},     // back an hour
+  };
+  for (const auto& s : kSteps) {
+    SCOPED_TRACE(s.local - base);
+    long t = s.local;
+    EXPECT_TRUE(g.convertToGmt(&ny, &t));
+    EXPECT_EQ(s.local + 14400, t);
+    EXPECT_EQ(s.hits, g.hourCacheHits());
+  }
+}
+
+TEST_F(DateParserGuesserTest, AFreshZoneLookupForgetsTheHourCache) {
+  DateParserGuesser g;
+  TimezoneGuessResult ny, r;
+  ASSERT_TRUE(ny.set(getTimezone("America/New_York", true)));
+  const long local = civilUtc(2023, 7, 1, 12);
+  // Each step: a zone name looked up (null: none), then one conversion of
+  // the same local hour; the hour cache must answer only after a cache hit
+  // of the name or no lookup at all.
+  const struct { const char* lookup; uint64_t hits; } kSteps[] = {
+      {nullptr, 0},
+      {"EST", 0},       // a base lookup, cached by name
+      {"EST", 1},       // answered by the name cache
+      {"GMT-0700", 1},  // too long for the name cache, looked up afresh
+      {nullptr, 2},
+  };
+  for (const auto& s : kSteps) {
+    SCOPED_TRACE(s.lookup == nullptr ? "none" : s.lookup);
+    if (s.lookup != nullptr) {
+      ASSERT_TRUE(g.guessTimezone(s.lookup, &r));
+    }
+    long t = local;
+    EXPECT_TRUE(g.convertToGmt(&ny, &t));
+    EXPECT_EQ(local + 14400, t);
+    EXPECT_EQ(s.hits, g.hourCacheHits());
+  }
+}
+
+TEST_F(DateParserGuesserTest, SourceDateRollsIntoALeapDay) {
+  DateParserGuesser g;
+  g.sourceYear = 2024;
+  g.sourceMonth = 1;
+  g.sourceDay = 28;
+  g.sourceHour = 22;
+  TimezoneGuessResult zone;
+  zone.setConstant(0);
+  R r;
+  r.storeHour24(1);
+  r.storeMinute(0);
+  ASSERT_TRUE(g.guessDate(&r, &zone));
+  EXPECT_EQ(2024, r.year);
+  EXPECT_EQ(1, r.month);
+  EXPECT_EQ(29, r.mday);
+  // And through Timeval::set, with the source's date in the result.
+  R s;
+  s.storeHour24(0);
+  s.storeMinute(30);
+  s.storeTzOffset(0);
+  Timeval tv;
+  ExtraTimevalParseInfo extra;
+  ASSERT_TRUE(tv.set(&s, &g, &extra));
+  EXPECT_EQ(civilUtc(2024, 2, 29, 0, 30), tv.tv_sec);  // back by one hour only
 }
 
 TEST_F(DateParserGuesserTest, ConstantsAndNullZonesBypassTheHourCache) {

@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
+#include "util/Regex.h"
 #include "util/testing/LogCapture.h"
 
 namespace {
@@ -44,7 +46,9 @@ TEST(DateTimeRegex, UnknownExtractionWarnsAndKeepsItsPlace) {
   EXPECT_EQ("WARN Found unknown extraction \"weekday\" in RE \"(\\d+):(\\d+):(\\d+)\", "
             "ignoring it\n",
             log.text());
-  EXPECT_THROW(DateTimeRegex("(\\d+", {"hour"}), RegexException);
+  for (const char* bad : {"(\\d+", "[a-", "x{2,1}", "(?<n>a)(?<n>b)"}) {
+    EXPECT_THROW(DateTimeRegex(bad, {"hour"}), RegexException) << bad;
+  }
 }
 
 // Log lines mix encodings; a byte that is not UTF-8 must cost only
@@ -106,6 +110,14 @@ TEST(DateTimeRegex, EvaluateGivesOffsetsGroupsAndCounts) {
       {"(jun)", {"litmonth"}, "\xc3\xa9 15 JUN", 6, 9, 1, {{DateTimeRegex::LITMONTH, "JUN"}}},
       // Two groups of one code that both take part: the later text, counted twice.
       {"(\\d+)-(\\d+)", {"day", "day"}, "3-4", 0, 3, 2, {{DateTimeRegex::DAY, "4"}}},
+      // No extract at all: a match with nothing stored.
+      {"(\\d+)", {}, "abc 99", 4, 6, 0, {}},
+      // Ignored groups take their place in the order but store nothing.
+      {"(\\w+) (\\d+) (\\d{4})", {"ignored_wd", "day", "year"}, "Mon 03 2021", 0, 11, 2,
+       {{DateTimeRegex::DAY, "03"}, {DateTimeRegex::YEAR, "2021"}}},
+      // Of two alternatives only the one that took part is stored.
+      {"@(\\d+)|0x([0-9a-f]+)", {"utcepoch", "hexepoch"}, "t=0x5f5e100", 2, 11, 1,
+       {{DateTimeRegex::HEXEPOCH, "5f5e100"}}},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.line);
@@ -122,7 +134,12 @@ TEST(DateTimeRegex, EvaluateGivesOffsetsGroupsAndCounts) {
     size_t set = 0;
     for (int code = 0; code < DateTimeRegexExtractions::NUM_CODES; ++code) set += ex.has(code);
     EXPECT_EQ(c.groups.size(), set);
-    for (const auto& [code, want] : c.groups) EXPECT_EQ(want, text(ex, code)) << code;
+    for (const auto& [code, want] : c.groups) {
+      EXPECT_EQ(want, text(ex, code)) << code;
+      // The stored text points into the subject, not into a copy.
+      EXPECT_GE(ex.ptr[code], c.line) << code;
+      EXPECT_LE(ex.ptr[code] + ex.len[code], c.line + std::strlen(c.line)) << code;
+    }
 
     // No match: nothing extracted, offsets untouched.
     StrSegment other("no time here");
@@ -130,6 +147,42 @@ TEST(DateTimeRegex, EvaluateGivesOffsetsGroupsAndCounts) {
     EXPECT_EQ(0u, ex.count);
     EXPECT_EQ(c.start, start);
   }
+}
+
+TEST(DateTimeRegex, EvaluateSeesOnlyTheSegment) {
+  DateTimeRegex regex(Str("(\\d\\d):(\\d\\d)$"), {"hour", "minute"});
+  // The bytes after the segment are not part of the text.
+  const char buffer[] = "12:345 and 07:08";
+  const struct {
+    size_t offset, length;
+    bool match;
+    int start;
+  } kCases[] = {
+      {0, 4, false, -1},  // "12:3"
+      {0, 5, true, 0},    // "12:34", end of segment is end of text
+      {1, 5, false, -1},  // "2:345": one digit before the colon
+      {11, 5, true, 0},   // "07:08"
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(std::string(buffer + c.offset, c.length));
+    StrSegment seg(buffer + c.offset, c.length);
+    DateTimeRegexExtractions ex;
+    int start = -1, end = -1;
+    EXPECT_EQ(c.match, regex.evaluate(seg, ex, start, end));
+    EXPECT_EQ(c.start, start);
+  }
+}
+
+TEST(DateTimeRegex, EvaluateReadsPastNulBytes) {
+  DateTimeRegex regex(Str("(\\d\\d):(\\d\\d)"), {"hour", "minute"});
+  const Str line("a\0b\0 09:41", 10);
+  StrSegment seg(line);
+  DateTimeRegexExtractions ex;
+  int start = -1, end = -1;
+  ASSERT_TRUE(regex.evaluate(seg, ex, start, end));
+  EXPECT_EQ(5, start);
+  EXPECT_EQ(10, end);
+  EXPECT_EQ("09", text(ex, DateTimeRegex::HOUR));
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <random>
 #include <string>
 
 #include "util/testing/GzipTestSupport.h"
@@ -64,6 +65,34 @@ TEST_F(DecompressorTest, ReadInPiecesAndClose) {
   EXPECT_TRUE(d.close());
   EXPECT_EQ(-1, d.read(buf, sizeof buf));
   EXPECT_EQ(EBADF, errno);
+}
+
+// A close before the end, or a destruction with both pipes full, stops the
+// command instead of waiting for it; neither counts as a failure.
+TEST_F(DecompressorTest, EarlyCloseAndDestructionDoNotHang) {
+  std::mt19937 rng(44);
+  std::string noise(4u << 20, '\0');
+  for (char& c : noise) c = static_cast<char>(rng());
+  const Pathname gz = gzFile(noise);
+  {
+    Decompressor d(gz, "gzip -dc");
+    ASSERT_TRUE(d.valid());
+    EXPECT_TRUE(d.close()) << d.error();
+    char buf[16];
+    errno = 0;
+    EXPECT_EQ(-1, d.read(buf, sizeof(buf)));
+    EXPECT_EQ(EBADF, errno);
+  }
+  {
+    Decompressor d(gz, "gzip -dc");
+    ASSERT_TRUE(d.valid());
+    char buf[100];
+    EXPECT_EQ(100, d.read(buf, sizeof(buf)));
+  }
+  {
+    Decompressor d(gz, "cat");
+    ASSERT_TRUE(d.valid());
+  }
 }
 
 TEST_F(DecompressorTest, QuotedCommandWords) {

@@ -4,6 +4,10 @@
 
 #include <string>
 
+#include "util/EvalFunctions.h"
+#include "util/EvalNode.h"
+#include "util/Evaluator.h"
+
 namespace {
 
 TEST(DoubleWithSignificantFigures, FiguresAndPrecisionFromTheWayANumberIsWritten) {
@@ -156,6 +160,82 @@ TEST(EvalDatumStack, GrowsFromEightByDoublingAndKeepsItsSlots) {
   again.setString("short");
   EXPECT_GE(again.str.capacity(), capacity);
   EXPECT_EQ("short", stack.singleValue().str);
+}
+
+// A grow called by hand, not through push: the values move over, the new
+// slots are null, and the top keeps its index.
+TEST(EvalDatumStack, NewSlotsStartNullAndOldValuesMoveOver) {
+  EvalDatumStack s;
+  s.grow();
+  EXPECT_EQ(s.capacity(), 8u);
+  EXPECT_EQ(s.size(), 0u);
+  for (int i = 0; i < 8; ++i) s.push().setString(StrSegment("v" + std::to_string(i)));
+  ASSERT_TRUE(s.full());
+  s.grow();
+  EXPECT_EQ(s.capacity(), 16u);
+  EXPECT_EQ(s.size(), 8u);
+  EXPECT_FALSE(s.full());
+  for (int i = 0; i < 8; ++i) {
+    EXPECT_EQ(std::string(s.peek(7 - i).asString()), "v" + std::to_string(i));
+  }
+  for (int i = 0; i < 8; ++i) EXPECT_TRUE(s.push().isNull()) << i;
+  EXPECT_TRUE(s.full());
+}
+
+struct TypeRow {
+  const EvaluatorType* type;
+  const char* name;
+  bool isStr, isNum, isBool, isNull, isMulti;
+  bool mightStr, mightNum, mightBool, mightNull, mightMulti;
+};
+
+TEST(EvaluatorType, NamesAndPredicates) {
+  const TypeRow rows[] = {
+      {&EvalDatum::NullType::INSTANCE, "Null", 0, 0, 0, 1, 0, 0, 0, 0, 1, 0},
+      {&EvalDatum::BoolType::INSTANCE, "Bool", 0, 0, 1, 0, 0, 0, 0, 1, 0, 0},
+      {&EvalDatum::NumericType::INSTANCE, "Number", 0, 1, 0, 0, 0, 0, 1, 0, 0, 0},
+      {&EvalDatum::StringType::INSTANCE, "String", 1, 0, 0, 0, 0, 1, 0, 0, 0, 0},
+      {&EvalDatum::MultiValType::INSTANCE, "Multivalue", 0, 0, 0, 0, 1, 0, 0, 0, 0, 1},
+      {&EvaluatorTypeBothStringAndNumber::INSTANCE, "Number", 1, 1, 0, 0, 0, 1, 1, 0, 0, 0},
+      {&EvalDatum::EitherStringOrNumberType::INSTANCE, "EitherStringOrNumber", 0, 0, 0, 0, 0, 1,
+       1, 0, 0, 0},
+      {&EvalDatum::EitherStringOrMultivalType::INSTANCE, "EitherStringOrMultivalue", 0, 0, 0, 0,
+       0, 1, 0, 0, 0, 1},
+      {&EvalDatum::FieldValType::INSTANCE, "FieldValue", 0, 0, 0, 0, 0, 1, 1, 0, 0, 1},
+      {&EvalUndeterminedType::INSTANCE, "Undetermined", 0, 0, 0, 0, 0, 1, 1, 1, 1, 1},
+  };
+  for (const TypeRow& r : rows) {
+    SCOPED_TRACE(r.name);
+    EXPECT_STREQ(r.type->name(), r.name);
+    EXPECT_TRUE(r.type->isType(Str(r.name)));
+    EXPECT_FALSE(r.type->isType(Str("NoSuchType")));
+    EXPECT_EQ(r.type->isStringLike(), r.isStr);
+    EXPECT_EQ(r.type->isNumeric(), r.isNum);
+    EXPECT_EQ(r.type->isBoolean(), r.isBool);
+    EXPECT_EQ(r.type->isNull(), r.isNull);
+    EXPECT_EQ(r.type->isMultiVal(), r.isMulti);
+    EXPECT_EQ(r.type->mightBeStringLike(), r.mightStr);
+    EXPECT_EQ(r.type->mightBeNumeric(), r.mightNum);
+    EXPECT_EQ(r.type->mightBeBoolean(), r.mightBool);
+    EXPECT_EQ(r.type->mightBeNull(), r.mightNull);
+    EXPECT_EQ(r.type->mightBeMultiVal(), r.mightMulti);
+  }
+  // A string, a boolean or a number, and nothing else.
+  const EvaluatorType& sbn = EvalStringBoolOrNumericType::INSTANCE;
+  EXPECT_TRUE(sbn.mightBeStringLike() && sbn.mightBeNumeric() && sbn.mightBeBoolean());
+  EXPECT_FALSE(sbn.mightBeNull() || sbn.mightBeMultiVal());
+}
+
+TEST(EvaluatorType, StaticOnlyTypesPrintTheirNameInTheGenericForm) {
+  const EvaluatorType* types[] = {&EvalUndeterminedType::INSTANCE,
+                                  &EvalDatum::FieldValType::INSTANCE,
+                                  &EvalDatum::EitherStringOrNumberType::INSTANCE};
+  for (const EvaluatorType* t : types) {
+    EvalDatum d;
+    d.changeType(t);
+    EXPECT_EQ(std::string(d.stringify()),
+              std::string("<instance of type \"") + t->name() + "\">");
+  }
 }
 
 TEST(EvalDatumStackDeathTest, ContractsAreAsserted) {

@@ -8,8 +8,12 @@
 #include <map>
 #include <set>
 #include <string>
+#include <vector>
 
+#include "util/EvalExceptions.h"
 #include "util/EvalFunctions.h"
+#include "util/EvalNode.h"
+#include "util/ScopedPointer.h"
 #include "util/testing/ScopedTz.h"
 
 namespace {
@@ -19,12 +23,9 @@ class MapContext : public EvaluatorContext {
  public:
   std::map<std::string, std::string> fields;
   void lookupVar(const EvaluatorVarReference& ref, EvalDatum& out) const override {
+    // A name it does not know is left alone: the evaluator's own null shows.
     const auto it = fields.find(ref.name());
-    if (it == fields.end()) {
-      out.setNull();
-    } else {
-      out.setBothStringAndNumber(Str(it->second));
-    }
+    if (it != fields.end()) out.setBothStringAndNumber(Str(it->second));
   }
 };
 
@@ -246,6 +247,14 @@ TEST(Evaluator, ParseAndTypeErrorsNameTheirKind) {
       {"true + 1", "Operator '+' types incompatible"},
       {"true . \"x\"", "Types not concatable"},
       {"(1 < 2) < \"x\"", "Operator types incompatible"},
+      {"if(true, 1)", "Missing arguments"},
+      {"if(true, 1, 2, 3)", "Invalid function argument"},
+      {"substr(\"a\", 1, 2, 3)", "Invalid function argument"},
+      {"round(1, 2, 3)", "Invalid function argument"},
+      {"abs()", "Missing arguments"},
+      {"isnull()", "Missing arguments"},
+      {"strftime(1)", "Missing arguments"},
+      {"coalesce()", "Missing arguments"},
   };
   for (const auto& c : kCases) EXPECT_EQ(std::string("error: ") + c.what, eval(c.expr)) << c.expr;
   // Nesting is bounded rather than left to the stack.
@@ -479,6 +488,165 @@ class TreeGenerator {
   unsigned _state;
   std::map<std::string, double> _fields;
 };
+
+// Slots are reused from one evaluation to the next; a field the result
+// lacks must not show an earlier value.
+TEST(Evaluator, ReusedSlotsShowNoValueOfAnEarlierResult) {
+  MapContext ctx;
+  ctx.fields = {{"a", "A"}};
+  EXPECT_EQ("Ax", eval("a . \"x\"", ctx));
+  EXPECT_EQ("null", eval("b", ctx));
+  EXPECT_EQ("null", eval("coalesce(b, b)", ctx));
+  EXPECT_EQ("A", eval("coalesce(b, a)", ctx));
+}
+
+TEST(EvaluatorNode, ConstantsAndVariables) {
+  Evaluator e;
+  struct Row {
+    const char* name;
+    bool constant;
+    const EvaluatorType* type;
+  };
+  const Row rows[] = {{"true", true, &EvalDatum::BoolType::INSTANCE},
+                      {"FALSE", true, &EvalDatum::BoolType::INSTANCE},
+                      {"Null", true, &EvalDatum::NullType::INSTANCE},
+                      {"truex", false, &EvalDatum::FieldValType::INSTANCE},
+                      {"host", false, &EvalDatum::FieldValType::INSTANCE}};
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.name);
+    ScopedPointer<EvaluatorNode> n(e.createVariableOrConstantNode(Str(r.name)));
+    ASSERT_TRUE(n.valid());
+    EXPECT_EQ(n->isConstant(), r.constant);
+    EXPECT_EQ(n->returnType(), r.type);
+    std::vector<std::string> seen;
+    struct Cb : EvaluatorVarReference::iterator_callback {
+      std::vector<std::string>* out;
+      void visit(const EvaluatorVarReference& ref) override { out->push_back(ref.name()); }
+    } cb;
+    cb.out = &seen;
+    n->forEachVariable(cb);
+    EXPECT_EQ(seen.size(), r.constant ? 0u : 1u);
+  }
+  EvalDatum v;
+  EXPECT_TRUE(e.lookupConstant(Str("TrUe"), v));
+  EXPECT_TRUE(v.asBoolean());
+  EXPECT_FALSE(e.lookupConstant(Str("yes"), v));
+}
+
+struct NameRecorder : NonLeafEvaluatorNodeIteratorCallback {
+  std::vector<std::string> names;
+  bool answer = true;
+  bool visit(EvaluatorNode** slot) override {
+    names.push_back(dynamic_cast<NonLeafEvaluatorNode*>(*slot)->name());
+    return answer;
+  }
+};
+
+TEST(EvaluatorNode, WalkOrders) {
+  Evaluator e;
+  // Built unchecked so that nothing is folded: (1 * 2) + (3 - (4 / 5))
+  e.parseWithoutChecking(Str("1 * 2 + (3 - 4 / 5)"));
+  EvaluatorNode** root = e.rootSlot();
+  NameRecorder first;
+  (*root)->forEachNonLeafNodeDepthFirst_internal(root, first);
+  EXPECT_EQ(first.names, (std::vector<std::string>{"*", "/", "-", "+"}));
+  NameRecorder last;
+  (*root)->forEachNonLeafNodeDepthLast_internal(root, last);
+  EXPECT_EQ(last.names, (std::vector<std::string>{"+", "*", "-", "/"}));
+  NameRecorder stop;
+  stop.answer = false;
+  (*root)->forEachNonLeafNodeDepthLast_internal(root, stop);
+  EXPECT_EQ(stop.names, (std::vector<std::string>{"+"}));
+  // A leaf has nothing to visit.
+  ScopedPointer<EvaluatorNode> leaf(e.createVariableOrConstantNode(Str("x")));
+  EvaluatorNode* raw = leaf.get();
+  NameRecorder none;
+  leaf->forEachNonLeafNodeDepthFirst_internal(&raw, none);
+  leaf->forEachNonLeafNodeDepthLast_internal(&raw, none);
+  EXPECT_TRUE(none.names.empty());
+}
+
+TEST(EvaluatorNode, ACallbackCanReplaceANodeInItsParent) {
+  Evaluator e;
+  e.parseWithoutChecking(Str("x + 2 * 3"));
+  // Put a subtraction of the same operands where the product was: x + (2 - 3).
+  struct Swap : NonLeafEvaluatorNodeIteratorCallback {
+    bool visit(EvaluatorNode** slot) override {
+      auto* n = dynamic_cast<NonLeafEvaluatorNode*>(*slot);
+      if (std::string(n->name()) != "*") return true;
+      auto* sub = new SubFunction;
+      for (size_t i = 0; i < n->argn(); ++i) {
+        EvalDatum v;
+        v.setNumber(dynamic_cast<ConstantEvaluatorNode*>(n->child(i))->value().asDouble());
+        ScopedPointer<EvaluatorNode> c(new ConstantEvaluatorNode(v));
+        sub->addChild(c);
+        EXPECT_FALSE(c.valid());
+      }
+      delete n;
+      *slot = sub;
+      return false;
+    }
+  } swap;
+  (*e.rootSlot())->forEachNonLeafNodeDepthLast_internal(e.rootSlot(), swap);
+  e.check();
+  MapContext ctx;
+  ctx.fields = {{"x", "10"}};
+  e.evaluate(&ctx);
+  EXPECT_EQ(ctx.stack().singleValue().asDouble(), 9);
+}
+
+TEST(EvaluatorNode, VariablesInOrderAndReturnTypes) {
+  Evaluator e;
+  e.parse(Str("a + b * a - 'c d'"));
+  struct Cb : EvaluatorVarReference::iterator_callback {
+    std::vector<std::string> names;
+    void visit(const EvaluatorVarReference& ref) override { names.push_back(ref.name()); }
+  } cb;
+  e.forEachVariable(cb);
+  EXPECT_EQ(cb.names, (std::vector<std::string>{"a", "b", "a", "c d"}));
+  EXPECT_EQ(e.returnType(), &EvalDatum::NumericType::INSTANCE);
+  EXPECT_EQ((*e.rootSlot())->maxVersion(), 1u);
+
+  Evaluator cmp;
+  cmp.parse(Str("a < b AND c = 1"));
+  EXPECT_TRUE(cmp.returnType()->mightBeBoolean());
+  EXPECT_FALSE(cmp.returnType()->mightBeMultiVal());
+}
+
+TEST(EvaluatorNodeDeathTest, MathWithOneChildIsAProgrammingError) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        MultFunction m;
+        EvalDatum v;
+        v.setNumber(1);
+        ScopedPointer<EvaluatorNode> c(new ConstantEvaluatorNode(v));
+        m.addChild(c);
+        m.typeCheck();
+      },
+      "argn\\(\\) == 2");
+}
+
+TEST(EvalException, NodeExceptionsNameTheNode) {
+  MultFunction m;
+  EvalOperatorTypesDifferException a = m.bad_operand_exception();
+  EXPECT_STREQ(a.what(), "Operator types incompatible");
+  EXPECT_NE(std::string(a.where()).find('*'), std::string::npos) << a.where();
+  EvalInvalidFunctionArgumentExpception b = m.bad_arg_exception();
+  EXPECT_STREQ(b.what(), "Invalid function argument");
+  EXPECT_NE(std::string(b.where()).find('*'), std::string::npos) << b.where();
+}
+
+// Texts no parse reaches, and the base class's view of a typed one.
+TEST(EvalException, TextsBeyondTheParser) {
+  EXPECT_STREQ("Regular expression error", EvalRegularExpressionError().what());
+  const std::runtime_error& base = EvalBadVariableException(Str("x"));
+  EXPECT_STREQ("Bad variable", base.what());
+  ScopedPointer<NonLeafEvaluatorNode> len(createBuiltinEvalFunction(Str("len")));
+  ASSERT_TRUE(len.valid());
+  EXPECT_STREQ("len", len->name());
+  EXPECT_EQ(nullptr, createBuiltinEvalFunction(Str("nofn")));
+}
 
 TEST(Evaluator, ArithmeticAndOrderingAgreeWithDirectComputation) {
   for (unsigned seed = 1; seed <= 400; ++seed) {

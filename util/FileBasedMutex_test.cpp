@@ -128,6 +128,28 @@ TEST(FileBasedMutex, AWaiterGetsTheLockWhenTheHolderLetsGo) {
   EXPECT_EQ(0, WEXITSTATUS(status));
 }
 
+// The lock file doubles as the sentinel log of a pooled configuration, so
+// taking the lock must never truncate it, and a holder that goes out of
+// scope must let the next one in.
+TEST(FileBasedMutex, KeepsTheFileContentsAndLetsGoInTheDestructor) {
+  TestTempDir dir;
+  const Pathname p = dir / "deep/er/lock.txt";
+  writeTestFile(p, "history\n");
+  {
+    FileBasedMutex held(p, 1000);
+    held.lock();
+    EXPECT_EQ(readTestFile(p), "history\n");
+    FileBasedMutex rival(p, 1);
+    EXPECT_THROW(rival.lock(), FileBasedMutexException);
+    EXPECT_FALSE(rival.isLocked());
+  }
+  FileBasedMutex next(p, 1000);
+  next.lock();
+  EXPECT_TRUE(next.isLocked());
+  EXPECT_EQ(readTestFile(p), "history\n");
+  next.unlock();
+}
+
 }  // namespace
 
 // The probe answers for the file system under a directory and leaves

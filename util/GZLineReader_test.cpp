@@ -98,6 +98,14 @@ TEST_F(GZLineReaderTest, DamageEndsTheLinesWithEnoexec) {
   ASSERT_LT(got.size(), all.size());
   for (size_t i = 0; i + 1 < got.size(); ++i) EXPECT_EQ(all[i], got[i]);  // the last one is cut
 
+  // Cut inside the last footer of two members: every line comes out, and
+  // the end is still a truncation.
+  const std::string two = ourGzip("one\r\ntwo\nthr") + ourGzip("ee\nfour\r\nfive");
+  GZLineReader footerCut(gzFile(two.substr(0, two.size() - 3)));
+  errno = 0;
+  EXPECT_EQ(Lines({"one", "two", "three", "four", "five"}), drainLines(footerCut));
+  EXPECT_EQ(ENOEXEC, errno);
+
   GZLineReader notGzip(gzFile("just text\n"));
   EXPECT_TRUE(drainLines(notGzip).empty());
   EXPECT_EQ(ENOEXEC, errno);

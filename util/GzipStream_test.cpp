@@ -1,8 +1,14 @@
 #include "util/GzipStream.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <time.h>
+#include <unistd.h>
+#include <zlib.h>
 
 #include <cerrno>
+#include <cstdint>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -192,19 +198,24 @@ TEST(GzipStream, RefusesWhatIsNotGzip) {
   const struct {
     const char* why;
     std::string data;
+    const char* before;  // what comes out ahead of the refusal
   } kCases[] = {
-      {"plain text", "hello world\n"},
-      {"first magic byte", std::string("\x1e\x8b", 2) + member.substr(2)},
-      {"second magic byte", std::string("\x1f\x8c", 2) + member.substr(2)},
-      {"method other than deflate", badMethod},
-      {"reserved flag 0x20", withOptionalHeader(member, 0x20, "", "", "")},
-      {"reserved flag 0x40", withOptionalHeader(member, 0x40, "", "", "")},
-      {"reserved flag 0x80", withOptionalHeader(member, 0x80, "", "", "")},
-      {"garbage after a member", member + "trailing"},
+      {"plain text", "hello world\n", ""},
+      {"first magic byte", std::string("\x1e\x8b", 2) + member.substr(2), ""},
+      {"second magic byte", std::string("\x1f\x8c", 2) + member.substr(2), ""},
+      {"method other than deflate", badMethod, ""},
+      {"reserved flag 0x20", withOptionalHeader(member, 0x20, "", "", ""), ""},
+      {"reserved flag 0x40", withOptionalHeader(member, 0x40, "", "", ""), ""},
+      {"reserved flag 0x80", withOptionalHeader(member, 0x80, "", "", ""), ""},
+      {"text after a member", member + "trailing", "x"},
+      {"zeros after a member", member + std::string(8, '\0'), "x"},
+      {"half a magic after a member", member + "\x1f", "x"},
+      {"a second member with a bad method", member + "\x1f\x8b\x07", "x"},
   };
   for (const auto& c : kCases) {
     StringGzipReader r(c.data);
     const GzipDrain d = drainGzip(r);
+    EXPECT_EQ(c.before, d.bytes) << c.why;
     EXPECT_EQ(-1, d.last) << c.why;
     EXPECT_EQ(ENOEXEC, d.err) << c.why;
     // And it stays refused.
@@ -356,6 +367,165 @@ TEST(GzipStream, ContractAssertions) {
       "windowBits >= 8");
 }
 
+// A name and comment far longer than the buffer, the comment full of magic
+// bytes, in two members read a few bytes at a time.
+TEST(GzipStream, LongNameAndCommentAcrossBuffers) {
+  const std::string name(70000, 'N'), comment(5000, '\x8b');
+  StringGzipReader r(withOptionalHeader(ourGzip("after long parts"), 0x1A, "", name, comment) +
+                         withOptionalHeader(ourGzip("!"), 0x1A, "", name, comment),
+                     999, 16);
+  const GzipDrain d = drainGzip(r, 7);
+  EXPECT_EQ(0, d.last);
+  EXPECT_EQ("after long parts!", d.bytes);
+}
+
+// zlib counts in 32 bits; a request of 4 GiB and more must still produce.
+TEST(GzipStream, HugeRequestIsNotCutTo32Bits) {
+  const std::string plain = logText(50, 1);
+  for (unsigned long long n : {1ull << 32, (1ull << 32) + 10, (1ull << 33) + 1}) {
+    StringGzipReader r(ourGzip(plain));
+    std::vector<char> buf(100);  // only the 50 bytes of the payload are written
+    EXPECT_EQ(50, r.read(buf.data(), static_cast<unsigned long>(n))) << n;
+    EXPECT_EQ(plain, std::string(buf.data(), 50));
+  }
+}
+
+// Each timed call that produces nothing still takes input, so repeated
+// timed calls reach the data and the clean end.
+TEST(GzipStream, TimedReadsAlwaysMakeProgress) {
+  ScopedFixedClock clock(Timeval(1000, 0));
+  SlowHeaderReader r(clock, withOptionalHeader(ourGzip("late\n"), 0x08, "", std::string(50, 'n'), ""));
+  std::string got;
+  char buf[1000];
+  int timeouts = 0;
+  ssize_t n = 0;
+  for (int i = 0; i < 1000; ++i) {
+    n = r.read(buf, sizeof(buf), 150);
+    if (n == -2) {
+      ++timeouts;
+      continue;
+    }
+    if (n <= 0) break;
+    got.append(buf, static_cast<size_t>(n));
+  }
+  EXPECT_EQ(0, n);
+  EXPECT_GT(timeouts, 0);
+  EXPECT_EQ("late\n", got);
+}
+
+TEST(GzipStream, ZlibRefusalsAreEnoexec) {
+  StringGzipWriter w(Timeval(1, 0), 6, 64);
+  errno = 0;
+  EXPECT_EQ(-1, w.write("abc", 3, 99));  // a flush value zlib does not know
+  EXPECT_EQ(ENOEXEC, errno);
+}
+
+// Inflates a whole gzip file with zlib, which checks every CRC and length.
+bool zlibGunzip(const std::string& in, std::string* out) {
+  z_stream zs{};
+  if (inflateInit2(&zs, 15 + 16) != Z_OK) return false;
+  zs.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(in.data()));
+  zs.avail_in = static_cast<uInt>(in.size());
+  out->clear();
+  char buf[16384];
+  int rc;
+  do {
+    zs.next_out = reinterpret_cast<Bytef*>(buf);
+    zs.avail_out = sizeof(buf);
+    rc = inflate(&zs, Z_NO_FLUSH);
+    out->append(buf, sizeof(buf) - zs.avail_out);
+  } while (rc == Z_OK);
+  inflateEnd(&zs);
+  return rc == Z_STREAM_END && zs.avail_in == 0;
+}
+
+// A sink that takes every deflate parameter and at most `chunk` bytes a call.
+class TunedGzipWriter : public WritableGzipStream {
+ public:
+  TunedGzipWriter(int level, unsigned long bufSize, unsigned windowBits, unsigned memLevel,
+                  int strategy)
+      : WritableGzipStream(Timeval(1000, 0), level, bufSize, windowBits, memLevel, strategy) {}
+  std::string out;
+  size_t chunk = SIZE_MAX;
+
+ protected:
+  ssize_t write_stream(const void* data, size_t len) override {
+    const size_t n = std::min(len, chunk);
+    out.append(static_cast<const char*>(data), n);
+    return static_cast<ssize_t>(n);
+  }
+};
+
+TEST(GzipStream, ZlibReadsOurOutputForEveryParameter) {
+  std::mt19937 rng(9);
+  std::string noise(50000, '\0');
+  for (char& ch : noise) ch = static_cast<char>(rng());
+  const std::string kPayloads[] = {"", "x", logText(70000, 2), noise};
+  const struct {
+    int level;
+    unsigned long buf;
+    unsigned wbits, mem;
+    int strategy;
+    size_t chunk;  // write_stream takes at most this much a call
+  } kCases[] = {
+      {6, 65536, 15, 8, 0, SIZE_MAX}, {0, 10, 15, 8, 0, SIZE_MAX}, {1, 11, 9, 1, 0, 3},
+      {9, 17, 15, 9, 1, 1},           {-1, 18, 12, 8, 2, 7},        {6, 19, 15, 8, 3, SIZE_MAX},
+      {6, 25, 15, 8, 4, 5},           {9, 4096, 10, 4, 0, 1000},
+  };
+  for (const auto& c : kCases) {
+    for (const auto& p : kPayloads) {
+      SCOPED_TRACE(testing::Message() << "level " << c.level << " buf " << c.buf << " payload "
+                                      << p.size());
+      TunedGzipWriter w(c.level, c.buf, c.wbits, c.mem, c.strategy);
+      w.chunk = c.chunk;
+      // Written in uneven pieces so that several deflate calls meet.
+      for (size_t at = 0, piece = 1; at < p.size(); piece = piece * 3 + 1) {
+        const size_t n = std::min(piece, p.size() - at);
+        ASSERT_EQ(static_cast<ssize_t>(n), w.write(p.data() + at, n));
+        at += n;
+      }
+      ASSERT_TRUE(w.finish());
+      std::string back;
+      ASSERT_TRUE(zlibGunzip(w.out, &back));
+      EXPECT_TRUE(back == p);
+    }
+  }
+}
+
+TEST(GzipFileDescriptor, NonBlockingPipePassesEagainOn) {
+  int fds[2];
+  ASSERT_EQ(0, ::pipe2(fds, O_NONBLOCK | O_CLOEXEC));
+  ScopedFileDescriptor readEnd{FileDescriptor(fds[0])}, writeEnd{FileDescriptor(fds[1])};
+  ReadableGzipFileDescriptor r(readEnd, 256);
+  char buf[256];
+  errno = 0;
+  EXPECT_EQ(-1, r.read(buf, sizeof(buf)));
+  EXPECT_EQ(EAGAIN, errno);
+  const std::string m = ourGzip("through a pipe");
+  ASSERT_EQ(static_cast<ssize_t>(m.size()), writeEnd.write(m.data(), m.size()));
+  ASSERT_EQ(14, r.read(buf, sizeof(buf)));
+  EXPECT_EQ("through a pipe", std::string(buf, 14));
+  errno = 0;
+  EXPECT_EQ(-1, r.read(buf, sizeof(buf)));
+  EXPECT_EQ(EAGAIN, errno);
+  writeEnd.close();
+  EXPECT_EQ(0, r.read(buf, sizeof(buf)));
+}
+
+TEST(GzipFileDescriptor, SetFdStartsOver) {
+  TestTempDir dir;
+  writeTestFile(dir / "a.gz", ourGzip(logText(50000, 3)));
+  writeTestFile(dir / "b.gz", ourGzip("second file"));
+  ScopedFileDescriptor a((dir / "a.gz").openReadOnly()), b((dir / "b.gz").openReadOnly());
+  ReadableGzipFileDescriptor r(a, 64);
+  char buf[100];
+  ASSERT_EQ(100, r.read(buf, sizeof(buf)));
+  r.setFd(b);
+  const GzipDrain d = drainGzip(r);
+  EXPECT_EQ(0, d.last);
+  EXPECT_EQ("second file", d.bytes);
+}
+
 // ---- Interoperability with the gzip tool ----
 
 class GzipTool : public testing::Test {
@@ -440,6 +610,62 @@ TEST_F(GzipTool, PythonHeaderWithEveryOptionalPart) {
     EXPECT_EQ(0, d.last) << p;
     EXPECT_TRUE(d.bytes == expected) << p;
   }
+}
+
+TEST_F(GzipTool, NewMembersRestartCrcAndCount) {
+  if (!haveTool("python3")) GTEST_SKIP() << "python3 is not installed";
+  const Pathname path = _dir / "m.gz";
+  const std::string parts[] = {logText(5000, 4), "", logText(3000, 5)};
+  {
+    ScopedFileDescriptor fd(path.openCreateOrReplace(Pathname::CREATE_NORMAL));
+    WritableGzipFileDescriptor w(fd, Timeval(0x11223344, 0), 6, 64);
+    for (size_t i = 0; i < 3; ++i) {
+      if (i > 0) w.startNewFile(Timeval(0x11223344 + static_cast<int64_t>(i), 0));
+      ASSERT_EQ(static_cast<ssize_t>(parts[i].size()), w.write(parts[i].data(), parts[i].size()));
+      ASSERT_TRUE(w.finish());
+    }
+  }
+  std::string back;
+  EXPECT_EQ(0, runShell("gzip -dc " + q(path), &back));
+  EXPECT_TRUE(back == parts[0] + parts[1] + parts[2]);
+  // Each member's footer covers its own bytes only, and its stamp is its own.
+  std::string listing;
+  EXPECT_EQ(0, runShell("python3 -c \"import sys,zlib\n"
+                        "d=open(sys.argv[1],'rb').read()\n"
+                        "while d:\n"
+                        " o=zlib.decompressobj(31); x=o.decompress(d)\n"
+                        " print(len(x), d[4:8].hex())\n"
+                        " d=o.unused_data\" " + q(path),
+                        &listing));
+  EXPECT_EQ("5000 44332211\n0 45332211\n3000 46332211\n", listing);
+}
+
+TEST_F(GzipTool, AnUntimedStreamIsStampedNow) {
+  const Pathname path = _dir / "n.gz";
+  // time() reads a coarse clock that can trail the writer's by a tick
+  // across a second boundary; read the same clock as the writer.
+  const auto realtimeSeconds = [] {
+    timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    return int64_t(ts.tv_sec);
+  };
+  const int64_t before = realtimeSeconds();
+  {
+    ScopedFileDescriptor fd(path.openCreateOrReplace(Pathname::CREATE_NORMAL));
+    WritableGzipFileDescriptor w(fd);
+    ASSERT_EQ(2, w.write("hi", 2));
+    ASSERT_TRUE(w.finish());
+  }
+  const int64_t after = realtimeSeconds();
+  const std::string f = readTestFile(path);
+  ASSERT_GE(f.size(), 10u);
+  uint32_t stamp = 0;
+  for (int i = 0; i < 4; ++i) stamp |= uint32_t(uint8_t(f[4 + i])) << (8 * i);
+  EXPECT_LE(before, int64_t(stamp));
+  EXPECT_GE(after, int64_t(stamp));
+  std::string back;
+  EXPECT_EQ(0, runShell("gzip -dc " + q(path), &back));
+  EXPECT_EQ("hi", back);
 }
 
 }  // namespace

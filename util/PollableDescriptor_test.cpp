@@ -163,6 +163,54 @@ TEST(PollableDescriptor, TimedWritesWaitForRoomOrGiveUp) {
   EXPECT_EQ(EPIPE, errno);
 }
 
+// A peer that went away counts as ready, so that the read that follows
+// reports the end.
+TEST(PollableDescriptor, HangUpCountsAsReady) {
+  SocketPair p;
+  PollableDescriptor a(p.a);
+  p.b.close();
+  EXPECT_EQ(1, a.select_for(false, 1000));
+  EXPECT_EQ(1, a.select_for_loop(false, -1));
+  char c;
+  EXPECT_EQ(0, a.readWithTimeout(&c, 1, -1));
+
+  int fds[2];
+  ASSERT_EQ(0, ::pipe(fds));
+  ScopedFileDescriptor r{FileDescriptor(fds[0])};
+  ::close(fds[1]);
+  EXPECT_EQ(1, PollableDescriptor(r).select_for(false, 1000));
+  EXPECT_EQ(0, PollableDescriptor(r).readWithTimeout(&c, 1, 1000));
+}
+
+TEST(PollableDescriptor, TimedWritesToAFullSocketOrPipeGiveUp) {
+  // No room and nobody reading: a wait that is not zero gives up too.
+  {
+    SocketPair p;
+    PollableDescriptor a(p.a);
+    a.try_setting_bufsize(SO_SNDBUF, 4096, 1024);
+    const std::string big(8 << 20, 'b');
+    errno = 0;
+    EXPECT_EQ(-1, a.writeWithTimeout(big.data(), big.size(), 30));
+    EXPECT_EQ(ETIMEDOUT, errno);
+  }
+  // A pipe: written with plain writes, and it times out the same way.
+  {
+    int fds[2];
+    ASSERT_EQ(0, ::pipe2(fds, O_NONBLOCK | O_CLOEXEC));
+    ScopedFileDescriptor r{FileDescriptor(fds[0])};
+    ScopedFileDescriptor w{FileDescriptor(fds[1])};
+    PollableDescriptor out(w);
+    EXPECT_EQ(5, out.writeWithTimeout("pipe!", 5, 1000));
+    char buf[8];
+    EXPECT_EQ(5, PollableDescriptor(r).readWithTimeout(buf, sizeof(buf), 1000));
+    EXPECT_EQ("pipe!", std::string(buf, 5));
+    const std::string big(1 << 20, 'p');
+    errno = 0;
+    EXPECT_EQ(-1, out.writeWithTimeout(big.data(), big.size(), 20));
+    EXPECT_EQ(ETIMEDOUT, errno);
+  }
+}
+
 TEST(PollableDescriptor, ConnectsRefusedAndAsynchronous) {
   uint16_t closedPort;
   {

@@ -5,11 +5,13 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <cstring>
 #include <string>
 
 #include "util/DateParserGuesser.h"
 #include "util/TimeFormatRawParseResult.h"
 #include "util/Timezone.h"
+#include "util/TimezoneTables.h"
 #include "util/testing/FixedClock.h"
 #include "util/testing/GuessTestSupport.h"
 #include "util/testing/ScopedTz.h"
@@ -241,6 +243,53 @@ std::string lower(const char* s) {
   std::string out(s);
   for (char& c : out) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c + 32 : c);
   return out;
+}
+
+TEST_F(TimeGuesserTest, GuessDateReadsTheClockInAZoneWithTransitions) {
+  // 2024-03-10 04:30Z is 23:30 EST on the 9th in New York.
+  ScopedFixedClock clock(Timeval(civilUtc(2024, 3, 10, 4, 30), 0));
+  TimezoneGuessResult zone;
+  ASSERT_TRUE(zone.set(getTimezone("America/New_York", true)));
+  ASSERT_FALSE(zone.isConstant);
+  R r;
+  r.storeHour24(22);
+  r.storeMinute(0);
+  ASSERT_TRUE(TimeGuesser::basic()->guessDate(&r, &zone));
+  EXPECT_EQ(2024, r.year);
+  EXPECT_EQ(2, r.month);
+  EXPECT_EQ(9, r.mday);
+}
+
+// The description key, computed here from its definition.
+uint32_t descriptionKey(const char* name) {
+  uint32_t h = 0, s = 0;
+  const size_t len = strlen(name);
+  for (size_t i = 0; i < len; ++i) {
+    const uint32_t b = static_cast<unsigned char>(name[i]);
+    h = h * 2 + b;
+    s += b;
+  }
+  return ((h + s) * 256u) | static_cast<uint32_t>(len);
+}
+
+TEST(TimeGuesser, EveryDescriptionRowIsFoundByItsKey) {
+  ASSERT_EQ(187u, TIMEZONE_DESCRIPTION_COUNT);
+  for (size_t i = 0; i < TIMEZONE_DESCRIPTION_COUNT; ++i) {
+    const TimezoneDescription& row = TIMEZONE_DESCRIPTIONS[i];
+    SCOPED_TRACE(row.name);
+    EXPECT_EQ(descriptionKey(row.name), row.key);
+    EXPECT_EQ(descriptionKey(row.name), timezoneDescriptionKey(row.name, strlen(row.name)));
+    if (i > 0) {
+      EXPECT_LT(TIMEZONE_DESCRIPTIONS[i - 1].key, row.key);
+    }
+    TimezoneGuessResult res;
+    ASSERT_TRUE(TimeGuesser::basic()->guessTimezone(row.name, &res));
+    EXPECT_TRUE(res.isConstant);
+    EXPECT_EQ(row.gmtoff, res.offset);
+  }
+  // The key must agree and strcmp must confirm: a wrong case is no row.
+  EXPECT_EQ(nullptr, findTimezoneDescription("pacific standard time"));
+  EXPECT_EQ(nullptr, findTimezoneDescription("Pacific Standard Time "));
 }
 
 TEST_F(TimeGuesserTest, AbbreviationsGiveTheirTableOffsetInAnyCase) {

@@ -232,11 +232,14 @@ TEST_F(TimeoutHeapTest, AHandlerMayModifyItsOwnInterval) {
     const char* name;
     long long repeat;  // what the handler leaves in the count (-1: untouched)
     unsigned long long newMsec;
+    unsigned long long firstMsec;  // an earlier modify in the same handler (0: none)
   } kCases[] = {
-      {"shorter, count left as found", -1, 500},
-      {"longer, count left as found", -1, 2500},
-      {"count set as well: the modify wins", 300, 500},
-      {"count cleared: the modify still repeats it", 0, 700},
+      {"shorter, count left as found", -1, 500, 0},
+      {"longer, count left as found", -1, 2500, 0},
+      {"count set as well: the modify wins", 300, 500, 0},
+      {"count cleared: the modify still repeats it", 0, 700, 0},
+      {"modified twice: the last one counts", -1, 700, 5000},
+      {"modified to the interval it had", -1, 1000, 0},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
@@ -246,6 +249,7 @@ TEST_F(TimeoutHeapTest, AHandlerMayModifyItsOwnInterval) {
     heap.add(&self, at(-1000), 1000);  // due at 0
     self.repeat = c.repeat;
     self.action = [&](unsigned long long&) {
+      if (c.firstMsec != 0) heap.modifyTimeoutInterval(&self, at(0), c.firstMsec);
       heap.modifyTimeoutInterval(&self, at(0), c.newMsec);
       _clock.set(at(40));  // the pass ends a little later
     };

@@ -36,6 +36,29 @@ std::string fieldsText(const tm& t) {
   return text;
 }
 
+// A raw result with a date, month 1-12.
+R rawDate(int year, int month, int day) {
+  R r;
+  r.storeYear(year);
+  r.storeMonth(month - 1);
+  r.storeMday(day);
+  return r;
+}
+
+struct SetOutcome {
+  bool ok;
+  Timeval tv;
+  ExtraTimevalParseInfo extra;
+};
+
+// Timeval::set over a copy of `r`, from a value it must leave alone on failure.
+SetOutcome runSet(R r, TimeGuesser* g) {
+  SetOutcome out;
+  out.tv = Timeval(777, 7);
+  out.ok = out.tv.set(&r, g, &out.extra);
+  return out;
+}
+
 constexpr long FIRST_INSTANT = 31622400;   // 1971-01-02
 constexpr long FIRST_NAMED = 631152000;    // 1990-01-01
 constexpr long LAST_INSTANT = 4102358400;  // 2099-12-31
@@ -403,6 +426,178 @@ TEST_F(TimevalParse, ParserGuesserCompletesAStream) {
   EXPECT_EQ(1, g.sourceMonth);
   EXPECT_EQ(1, g.sourceDay);
   EXPECT_GE(g.hourCacheHits(), 1u);
+}
+
+TEST_F(TimevalParse, SetPrefersTheOffsetToTheZoneName) {
+  const char* text = "EST";
+  R r = rawDate(2009, 2, 13);
+  r.storeHour24(23);
+  r.storeMinute(31);
+  r.storeSecond(30);
+  r.storeTzOffset(3600);
+  r.storeTzName(StrSegment(text, 3));
+  const SetOutcome o = runSet(r, TimeGuesser::basic());
+  ASSERT_TRUE(o.ok);
+  EXPECT_EQ(1234564290, o.tv.tv_sec);
+  EXPECT_TRUE(o.extra.timezoneKnown);
+  EXPECT_EQ(3600, o.extra.tzOffset);
+  EXPECT_EQ(0, o.extra.subsecDigits);
+  EXPECT_EQ(2009, o.extra.year);
+  EXPECT_EQ(1, o.extra.month);
+  EXPECT_EQ(13, o.extra.mday);
+  EXPECT_EQ(5, o.extra.wday);
+  EXPECT_EQ(23, o.extra.hour);
+  EXPECT_EQ(31, o.extra.minute);
+}
+
+TEST_F(TimevalParse, SetReadsTheZoneNameOrTheBaseZone) {
+  const struct { const char* name; long offset; bool known; } kCases[] = {
+      {"EST", -18000, true},
+      {"cest", 7200, true},
+      {"Pacific Standard Time", -28800, true},
+      {"GMT-0700", -25200, true},
+      {nullptr, -14400, false},  // the guesser's base zone: New York in July
+  };
+  OnlyOverrideTimezoneTimeGuesser g(getTimezone("America/New_York", true));
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name == nullptr ? "none" : c.name);
+    R r = rawDate(2023, 7, 1);
+    r.storeHour24(12);
+    r.storeMinute(0);
+    if (c.name != nullptr) r.storeTzName(StrSegment(c.name, strlen(c.name)));
+    const SetOutcome o = runSet(r, &g);
+    ASSERT_TRUE(o.ok);
+    EXPECT_EQ(civilUtc(2023, 7, 1, 12) - c.offset, o.tv.tv_sec);
+    EXPECT_EQ(c.known, o.extra.timezoneKnown);
+    EXPECT_EQ(c.offset, o.extra.tzOffset);
+  }
+  // A zone no lookup knows fails the whole call and leaves the value.
+  R bad = rawDate(2023, 7, 1);
+  bad.storeHour24(12);
+  bad.storeMinute(0);
+  bad.storeTzName(StrSegment("Nowhere/Zone", 12));
+  const SetOutcome o = runSet(bad, &g);
+  EXPECT_FALSE(o.ok);
+  EXPECT_EQ(777, o.tv.tv_sec);
+  EXPECT_EQ(7, o.tv.tv_usec);
+}
+
+TEST_F(TimevalParse, SetReadsTheTimeOfDay) {
+  const char* frac = "123";
+  const struct {
+    const char* what;
+    int hour24, hour12, pm, minute, second;  // -1: absent
+    bool frac;
+    long seconds;  // of the day
+    long usec;
+    int digits;
+  } kCases[] = {
+      {"full time", 10, -1, -1, 20, 30, true, 37230, 123000, 3},
+      {"no minute is no time", 10, -1, -1, -1, 30, true, 0, 0, -2},
+      {"no hour is no time", -1, -1, -1, 20, 30, true, 0, 0, -2},
+      {"12-hour afternoon", -1, 3, 1, 15, -1, false, 15 * 3600 + 900, 0, -1},
+      {"12-hour morning", -1, 3, 0, 15, -1, false, 3 * 3600 + 900, 0, -1},
+      {"12 AM is midnight", -1, 0, 0, 5, 0, false, 300, 0, 0},
+      {"12 PM is noon", -1, 0, 1, 5, 0, false, 12 * 3600 + 300, 0, 0},
+      {"24-hour hour wins over 12-hour", 22, 3, 0, 0, 0, false, 22 * 3600, 0, 0},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.what);
+    R r = rawDate(2024, 3, 15);
+    if (c.hour24 >= 0) r.storeHour24(c.hour24);
+    if (c.hour12 >= 0) r.storeHour12(c.hour12);
+    if (c.pm >= 0) r.storePm(c.pm == 1);
+    if (c.minute >= 0) r.storeMinute(c.minute);
+    if (c.second >= 0) r.storeSecond(c.second);
+    if (c.frac) r.setFracsec(frac, frac + 3);
+    r.storeTzOffset(0);
+    const SetOutcome o = runSet(r, TimeGuesser::basic());
+    ASSERT_TRUE(o.ok);
+    EXPECT_EQ(civilUtc(2024, 3, 15) + c.seconds, o.tv.tv_sec);
+    EXPECT_EQ(c.usec, o.tv.tv_usec);
+    EXPECT_EQ(c.digits, o.extra.subsecDigits);
+    if (c.digits != -2) {
+      EXPECT_EQ(c.seconds / 3600, o.extra.hour);
+      EXPECT_EQ(c.seconds / 60 % 60, o.extra.minute);
+    }
+  }
+}
+
+TEST_F(TimevalParse, SetConvertsTheAfternoonReadingInItsOwnOffset) {
+  // New York springs forward at 02:00 on 2023-03-12: 01:00 is EST, 13:00 EDT.
+  // At 13:30 EDT a bare "1:00" is the afternoon, 17:00Z, not 06:00Z + 12h.
+  ScopedFixedClock clock(Timeval(civilUtc(2023, 3, 12, 17, 30), 0));
+  OnlyOverrideTimezoneTimeGuesser g(getTimezone("America/New_York", true));
+  R r = rawDate(2023, 3, 12);
+  r.storeHour12(1);
+  r.storeMinute(0);
+  const SetOutcome o = runSet(r, &g);
+  ASSERT_TRUE(o.ok);
+  EXPECT_EQ(civilUtc(2023, 3, 12, 17), o.tv.tv_sec);
+  EXPECT_EQ(-14400, o.extra.tzOffset);
+}
+
+TEST_F(TimevalParse, SetWithoutADateUsesTheTextOffsetForTheGuess) {
+  // 14:00Z on May 10 is 00:00 on May 11 at +10:00. "23:30 +1000" lies in the
+  // past there, so it is May 10 at +10:00, 13:30Z.
+  ScopedFixedClock clock(Timeval(civilUtc(2024, 5, 10, 14), 0));
+  OnlyOverrideTimezoneTimeGuesser g(getTimezone("Etc/UTC", true));
+  R r;
+  r.storeHour24(23);
+  r.storeMinute(30);
+  r.storeTzOffset(36000);
+  const SetOutcome o = runSet(r, &g);
+  ASSERT_TRUE(o.ok);
+  EXPECT_EQ(civilUtc(2024, 5, 10, 13, 30), o.tv.tv_sec);
+  EXPECT_EQ(36000, o.extra.tzOffset);
+  EXPECT_EQ(10, o.extra.mday);
+  // Without a minute there is no date to guess.
+  R none;
+  none.storeHour24(23);
+  EXPECT_FALSE(runSet(none, &g).ok);
+}
+
+TEST_F(TimevalParse, ParseReturnsTheBytesConsumed) {
+  TimeFormat f("%Y-%m-%d %H:%M:%S %z");
+  ASSERT_TRUE(f.isSet());
+  const char* text = "2009-02-13 23:31:30 +0100 rest";
+  Timeval t;
+  unsigned conflicts = 99;
+  ExtraTimevalParseInfo extra;
+  EXPECT_EQ(25, t.parse(f, text, &extra, &conflicts));
+  EXPECT_EQ(1234564290, t.tv_sec);
+  EXPECT_EQ(0u, conflicts);
+  EXPECT_EQ(3600, extra.tzOffset);
+  Timeval t2;
+  EXPECT_EQ(25, t2.parse(f, text, strlen(text), TimeGuesser::basic()));
+  EXPECT_EQ(1234564290, t2.tv_sec);
+  // Cut before the offset: the format is not met, the value stays.
+  Timeval t3(5, 6);
+  EXPECT_EQ(-1, t3.parse(f, text, 19UL, static_cast<ExtraTimevalParseInfo*>(nullptr)));
+  EXPECT_EQ(5, t3.tv_sec);
+  EXPECT_EQ(6, t3.tv_usec);
+  EXPECT_EQ(-1, t3.parse(f, static_cast<const char*>(nullptr), getTimezone("Etc/UTC", true)));
+}
+
+TEST_F(TimevalParse, ParseReadsZonelessTextInTheZoneGiven) {
+  TimeFormat f("%Y-%m-%d %H:%M");
+  const char* text = "2009-07-01 12:00";
+  Timeval t;
+  ExtraTimevalParseInfo extra;
+  EXPECT_EQ(16, t.parse(f, text, getTimezone("America/New_York", true), &extra));
+  EXPECT_EQ(civilUtc(2009, 7, 1, 16), t.tv_sec);
+  EXPECT_EQ(-14400, extra.tzOffset);
+  EXPECT_FALSE(extra.timezoneKnown);
+  EXPECT_EQ(-1, extra.subsecDigits);
+  // A null zone is the default zone, as is the overload without one.
+  Timeval a, b;
+  EXPECT_EQ(16, a.parse(f, text, static_cast<const Timezone*>(nullptr)));
+  EXPECT_EQ(16, b.parse(f, text));
+  EXPECT_EQ(a.tv_sec, b.tv_sec);
+  OnlyOverrideTimezoneTimeGuesser def(getDefaultTimezone());
+  Timeval c;
+  EXPECT_EQ(16, c.parse(f, text, &def));
+  EXPECT_EQ(c.tv_sec, b.tv_sec);
 }
 
 }  // namespace

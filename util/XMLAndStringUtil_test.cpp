@@ -110,6 +110,13 @@ TEST(XmlEscape, Utf8FormKeepsValidCharactersAndShowsTheRest) {
       {"\xED\xA0\x80", "\\xED\\xA0\\x80"},     // a surrogate
       {"\xC0\xAF", "\\xC0\\xAF"},              // overlong
       {std::string("\x01\0z", 3), "\\x01\\x00z"},
+      {"\xE0\x80\xAF", "\\xE0\\x80\\xAF"},              // overlong, three bytes
+      {"\xF4\x90\x80\x80", "\\xF4\\x90\\x80\\x80"},    // past U+10FFFF
+      {"\xF5\x80\x80\x80", "\\xF5\\x80\\x80\\x80"},    // a lead byte never used
+      {"\xF0\x9F\x98", "\\xF0\\x9F\\x98"},              // four bytes cut to three
+      {"\xE2\x82<", "\\xE2\\x82&lt;"},                  // cut, then escaped as usual
+      {"\xF4\x8F\xBF\xBF", "\xF4\x8F\xBF\xBF"},          // the last code point
+      {"\xEF\xBF\xBF\x7F", "\xEF\xBF\xBF\x7F"},
   };
   for (const auto& c : kCases) {
     Str out;

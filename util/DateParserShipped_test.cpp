@@ -48,7 +48,7 @@ void expectLines(const Case* begin, const Case* end, const Timeval& now = NOW) {
   }
 }
 
-TEST(DateParserShippedReview, CommonLogShapes) {
+TEST(DateParserShipped, CommonLogShapes) {
   const Case kCases[] = {
       {"Jun 15 11:58:01 host sshd[123]: Accepted publickey", T, 0},
       {"2026-06-15T11:58:01.123Z INFO service started", T, 123000},
@@ -107,7 +107,7 @@ TEST(DateParserShippedReview, CommonLogShapes) {
   expectLines(std::begin(kCases), std::end(kCases));
 }
 
-TEST(DateParserShippedReview, HarderLines) {
+TEST(DateParserShipped, HarderLines) {
   const Case kCases[] = {
       {"192.168.10.11 - - [15/Jun/2026:11:58:01 +0000] \"GET /v1.2.3/x HTTP/1.1\" 200", T, 0},
       {"10.11.12.13 2026-06-15 11:58:01 ip first", T, 0},
@@ -156,7 +156,7 @@ TEST(DateParserShippedReview, HarderLines) {
   expectLines(std::begin(kCases), std::end(kCases));
 }
 
-TEST(DateParserShippedReview, ApplicationLogs) {
+TEST(DateParserShipped, ApplicationLogs) {
   const Case kCases[] = {
       {"15 Jun 11:58:01 day month time", T, 0},
       {"20260615 11:58:01 packed date", T, 0},
@@ -210,7 +210,7 @@ TEST(DateParserShippedReview, ApplicationLogs) {
 
 // Early in January a year-less December date belongs to the year before;
 // late in December the same dates stay in the current year.
-TEST(DateParserShippedReview, YearlessDatesAroundNewYear) {
+TEST(DateParserShipped, YearlessDatesAroundNewYear) {
   const Timeval newYear(1798761600 + 3600, 0);  // 2027-01-01 01:00:00
   const Case kJanuary[] = {
       {"Dec 31 23:59:59 host last second", 1798761599, 0},
@@ -226,7 +226,7 @@ TEST(DateParserShippedReview, YearlessDatesAroundNewYear) {
   expectLines(std::begin(kDecember), std::end(kDecember), lateDecember);
 }
 
-TEST(DateParserShippedReview, StampLateInTheLine) {
+TEST(DateParserShipped, StampLateInTheLine) {
   // 141 characters: the stamp ends inside the default lookahead of 150
   const std::string line = std::string(120, '-') + " 2026-06-15 11:58:01";
   const Case kCases[] = {
@@ -235,7 +235,7 @@ TEST(DateParserShippedReview, StampLateInTheLine) {
   expectLines(std::begin(kCases), std::end(kCases));
 }
 
-TEST(DateParserShippedReview, StructuredAndZonedLines) {
+TEST(DateParserShipped, StructuredAndZonedLines) {
   const Case kCases[] = {
       {"2026-06-15 11:58:01 (UTC) paren", T, 0},
       {"2026-06-15T11:58:01,123+02:00 comma", T - 7200, 123000},
@@ -274,7 +274,7 @@ TEST(DateParserShippedReview, StructuredAndZonedLines) {
 
 // A second stamp in the message body does not outrank the one that leads
 // the line.
-TEST(DateParserShippedReview, LeadingStampBeatsOneInTheMessage) {
+TEST(DateParserShipped, LeadingStampBeatsOneInTheMessage) {
   const Case kCases[] = {
       {"<13>1 2026-06-15T11:58:01Z host app 1 - [meta time=\"2026-06-01T00:00:00Z\"] m", T, 0},
       {"2026-06-15 11:58:01 WARN retry scheduled for 2026-06-16T00:00:00Z", T, 0},
