@@ -1,6 +1,7 @@
 #include "framework/FileTracker.h"
 
 #include <atomic>
+#include <cstring>
 
 #include "framework/FishState.h"
 #include "framework/PipelineData.h"
@@ -150,8 +151,12 @@ void FileTracker::addUpdate(const CRC_t& key, const FishRecord& record) {
 void FileTracker::addUpdate(const CowPipelineData& event) {
   const FishState state = FishState::fromPData(event);
   if (state.isEmpty()) return;
+  // The piece reads "source::<name>"; the record wants the name alone, as
+  // the reader gave it to addUpdatePending.
   Str source;
   event->get_chan_piece_asstr(PipelineData::__inmap_source, &source);
+  const size_t prefixLen = std::strlen(PipelineData::_sourcePrefix);
+  if (source.compare(0, prefixLen, PipelineData::_sourcePrefix) == 0) source.erase(0, prefixLen);
   const FishRecord record(Timeval::now().tv_sec, state._modTime, state._seekCrc, state._fnameCrc,
                           state._startOffset, 0, source);
   ScopedLock lock(_mutex);

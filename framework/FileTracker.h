@@ -81,7 +81,8 @@ class FileTracker {
   // or was never opened.
   void addUpdate(const CRC_t& key, const FishRecord& record);
   // The pipeline's end-of-file commit of the FishState the event carries,
-  // named by the event's source piece. Nothing for an event without one.
+  // named by the event's source piece without its "source::". Nothing for an
+  // event without a state.
   // A bucket failure is logged ("exception encountered while updating
   // btree: %s") and swallowed: a lost position costs a re-read, and must
   // not stop the pipeline. KeyNotFoundException from a half-filled state
