@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <map>
 #include <memory>
@@ -11,7 +10,7 @@
 #include "framework/FishState.h"
 #include "framework/PipelineData.h"
 #include "loaderinfo/LoaderInfo.h"
-#include "util/BTreeFormat.h"
+#include "util/testing/BTreeTestTypes.h"
 #include "util/PersistentHashManager.h"
 #include "util/testing/FixedClock.h"
 #include "util/testing/LogCapture.h"
@@ -25,28 +24,6 @@ const Timeval kNow(1700000500, 0);
 FishRecord record(int64_t seekPtr, uint64_t filenameCrc = 0xf11e) {
   return FishRecord(kNow.tv_sec, 1700000000, CRC_t(0x5eec), CRC_t(filenameCrc), seekPtr, 0);
 }
-
-bool logged(const ScopedLogCapture& log, const std::string& line) {
-  for (const auto& l : log.lines()) {
-    if (l == line) return true;
-  }
-  return false;
-}
-
-ssize_t fullDisk(int, const void*, size_t) {
-  errno = ENOSPC;
-  return -1;
-}
-
-// The tree's writes fail with ENOSPC while this lives.
-class ScopedFullDisk {
- public:
-  ScopedFullDisk() : _previous(bt::setWriteCall(&fullDisk)) {}
-  ~ScopedFullDisk() { bt::setWriteCall(_previous); }
-
- private:
-  bt::WriteCall _previous;
-};
 
 // The older stores, answering from maps and counting questions. The helper
 // is installed once per process, as in the server; tests switch it on and off.
@@ -206,7 +183,7 @@ TEST_F(FileTrackerTest, EventCommitUsesTheStateAndTheSourcePiece) {
   {
     ScopedLogCapture log("FileTracker");
     t->addUpdate(ev);
-    EXPECT_TRUE(logged(log, "DEBUG addUpdate: key=0x77 scrc=0x5eec sptr=4096 fcrc=0xf11e flen=0 "
+    EXPECT_TRUE(log.hasLine("DEBUG addUpdate: key=0x77 scrc=0x5eec sptr=4096 fcrc=0xf11e flen=0 "
                             "mdtm=1700000000 wrtm=1700000500 fn=/var/log/a"))
         << log.text();
   }
@@ -272,7 +249,7 @@ TEST_F(FileTrackerTest, InitPathsAndFailures) {
     ScopedLogCapture log("FileTracker");
     ScopedFullDisk full;
     EXPECT_FALSE(t.init(_dir / "db"));
-    EXPECT_TRUE(logged(log, "ERROR failed to open fish bucket")) << log.text();
+    EXPECT_TRUE(log.hasLine("ERROR failed to open fish bucket")) << log.text();
   }
   EXPECT_TRUE(t.init(_dir / "db"));  // a failed init may be retried
   t.addUpdate(CRC_t(1), record(1));
@@ -289,8 +266,8 @@ TEST_F(FileTrackerTest, OlderStoreByNameIsMigratedIntoTheBucket) {
   const FishRecord want(1700000000, 99, CRC_t(0xab), CRC_t(0x2999a2196a2db4a2), 0x400, 0);
   EXPECT_EQ(want, got);
   EXPECT_EQ(FileTracker::LEGACY_PRESENT, t->legacyState());
-  EXPECT_TRUE(logged(log, "INFO fish bucket query completed: 'filename::/var/log/x' rc=TRUE"));
-  EXPECT_TRUE(logged(log, "INFO lazy migrating key=0x42 rec=[scrc=0xab sptr=1024 "
+  EXPECT_TRUE(log.hasLine("INFO fish bucket query completed: 'filename::/var/log/x' rc=TRUE"));
+  EXPECT_TRUE(log.hasLine("INFO lazy migrating key=0x42 rec=[scrc=0xab sptr=1024 "
                           "fcrc=0x2999a2196a2db4a2 flen=0 mdtm=99 wrtm=1700000000 "
                           "fn=/var/log/x] from 3X fish bucket"))
       << log.text();
@@ -339,8 +316,8 @@ TEST_F(FileTrackerTest, HashStoreIsAskedWhenTheOlderStoreFailsAndIsNotCopied) {
                 got);
     }
     EXPECT_EQ(2, _store.lookups);  // not copied into the bucket
-    EXPECT_TRUE(logged(log, "INFO Seen this crc: seekptr::20 seekcrc::2 modtime::5 /f"));
-    EXPECT_EQ(c.helperPresent, logged(log, "INFO fish bucket query completed: 'filename::/f' "
+    EXPECT_TRUE(log.hasLine("INFO Seen this crc: seekptr::20 seekcrc::2 modtime::5 /f"));
+    EXPECT_EQ(c.helperPresent, log.hasLine("INFO fish bucket query completed: 'filename::/f' "
                                            "rc=FALSE"));
     EXPECT_EQ(c.helperPresent ? FileTracker::LEGACY_PRESENT : FileTracker::LEGACY_NONE,
               t.legacyState());
