@@ -32,13 +32,6 @@ Entries entries(uint64_t first, uint64_t last) {
   return out;
 }
 
-bool logged(const ScopedLogCapture& log, const std::string& line) {
-  for (const auto& l : log.lines()) {
-    if (l == line) return true;
-  }
-  return false;
-}
-
 bool logContains(const ScopedLogCapture& log, const std::string& part) {
   return log.text().find(part) != std::string::npos;
 }
@@ -56,21 +49,6 @@ void expectContents(BTree& tree, const Entries& want, uint64_t absentFrom, uint6
   }
   for (uint64_t k = absentFrom; k <= absentTo; ++k) EXPECT_FALSE(tree.retrieve(U64Key(k), r)) << k;
 }
-
-ssize_t fullDisk(int, const void*, size_t) {
-  errno = ENOSPC;
-  return -1;
-}
-
-// The tree's writes fail with ENOSPC while this lives.
-class ScopedFullDisk {
- public:
-  ScopedFullDisk() : _previous(bt::setWriteCall(&fullDisk)) {}
-  ~ScopedFullDisk() { bt::setWriteCall(_previous); }
-
- private:
-  bt::WriteCall _previous;
-};
 
 // Writes fail with ENOSPC from call `failAt` on, `count` times.
 int gFailAt = 0;
@@ -108,7 +86,7 @@ TEST_F(CheckpointTest, FirstUpdateCheckpointsTheEmptyTreeAndRecordsTheTime) {
   EXPECT_EQ(16u, readTestFile(snapshot() / "btree_records.dat").size());
   EXPECT_FALSE((db() / "snapshot.tmp").exists());
   EXPECT_FALSE((db() / "snapshot.old").exists());
-  EXPECT_TRUE(logged(log, "INFO checkpoint success: created/updated " + std::string(snapshot()) +
+  EXPECT_TRUE(log.hasLine("INFO checkpoint success: created/updated " + std::string(snapshot()) +
                               " (time=1000000)"))
       << log.text();
 }
@@ -158,7 +136,7 @@ TEST_F(CheckpointTest, TruncatedIndexIsSetAsideAndTheSnapshotRestored) {
   ScopedLogCapture log("BTree");
   BTreeCP tree(kBlank, _scratch, kInterval, 4);
   ASSERT_TRUE(tree.open(db()));
-  EXPECT_TRUE(logged(log, "ERROR index header invalid"));
+  EXPECT_TRUE(log.hasLine("ERROR index header invalid"));
   EXPECT_EQ(index, readTestFile(db() / "corrupt" / "btree_index.dat"));
   EXPECT_EQ(records, readTestFile(db() / "corrupt" / "btree_records.dat"));
   expectContents(tree, entries(1, 30), 31, 40);
@@ -181,7 +159,7 @@ TEST_F(CheckpointTest, DamageThatOnlyValidationSeesIsRecoveredAtOpen) {
   ScopedLogCapture log("BTreeCP");
   BTreeCP tree(kBlank, _scratch, kInterval, 3);
   ASSERT_TRUE(tree.open(db()));
-  EXPECT_TRUE(logged(log, "ERROR open: CheckValidException caught: BTree::Exception: Validation "
+  EXPECT_TRUE(log.hasLine("ERROR open: CheckValidException caught: BTree::Exception: Validation "
                           "failed in open"))
       << log.text();
   expectContents(tree, entries(1, 20), 21, 25);
@@ -202,7 +180,7 @@ TEST_F(CheckpointTest, CorruptionFoundAtCheckpointTimeRestoresAndRetries) {
   ScopedLogCapture log("BTreeCP");
   _clock.set(Timeval(1000000 + 2 * kInterval + 2, 0));
   tree.addUpdate(U64Key(99), PairRecord(99, 198));
-  EXPECT_TRUE(logged(log, "ERROR addUpdate CheckValidException caught: BTree::Exception: "
+  EXPECT_TRUE(log.hasLine("ERROR addUpdate CheckValidException caught: BTree::Exception: "
                           "Validation failed in checkpoint"))
       << log.text();
   // The snapshot was taken before 21 went in.
@@ -247,7 +225,7 @@ TEST_F(CheckpointTest, ARestoreThatCannotCopyClosesAndThrows) {
   }
   EXPECT_EQ("BTree::Exception: failed to restore checkpoint", text);
   EXPECT_FALSE(tree.isOpen());
-  EXPECT_TRUE(logged(log, "ERROR BTree::Exception: Checkpoint restore failure.  Try shutting "
+  EXPECT_TRUE(log.hasLine("ERROR BTree::Exception: Checkpoint restore failure.  Try shutting "
                           "down kestro, copying contents of " +
                               std::string(snapshot()) + " to " + std::string(db()) +
                               " manually, and restart"))
@@ -309,7 +287,7 @@ TEST_F(CheckpointTest, CopyFailureKeepsThePreviousSnapshot) {
     ScopedFullDisk full;
     EXPECT_FALSE(tree.checkpoint());
   }
-  EXPECT_TRUE(logged(log, "ERROR failed: failed to copy/move " + std::string(db() / "btree_index.dat") +
+  EXPECT_TRUE(log.hasLine("ERROR failed: failed to copy/move " + std::string(db() / "btree_index.dat") +
                               " to " + std::string(db() / "snapshot.tmp" / "btree_index.dat") +
                               ": No space left on device"))
       << log.text();
@@ -324,13 +302,13 @@ TEST_F(CheckpointTest, CopyBTreeAndAtomicMoveReportTheirFailures) {
   ScopedLogCapture log("BTreeCP");
   const Pathname deep = db() / "missing" / "sub";
   EXPECT_FALSE(tree.copyBTree(deep, true));
-  EXPECT_TRUE(logged(log, "ERROR failed: failed to mkdir " + std::string(deep) +
+  EXPECT_TRUE(log.hasLine("ERROR failed: failed to mkdir " + std::string(deep) +
                               ": No such file or directory"));
 
   writeTestFile(db() / "target" / "keep", "old contents");
   const Pathname tmp = db() / "never-made";
   EXPECT_FALSE(BTreeCP::atomicMove(tmp, db() / "target", db() / "target.old"));
-  EXPECT_TRUE(logged(log, "ERROR failed: failed to rename " + std::string(tmp) + " to " +
+  EXPECT_TRUE(log.hasLine("ERROR failed: failed to rename " + std::string(tmp) + " to " +
                               std::string(db() / "target") + ": No such file or directory"));
   EXPECT_EQ("old contents", readTestFile(db() / "target" / "keep"));
   EXPECT_FALSE((db() / "target.old").exists());
@@ -353,7 +331,7 @@ TEST_F(CheckpointTest, ATimeThatCannotBeWrittenIsLoggedAndTheCheckpointStands) {
   const bt::WriteCall previous = bt::setWriteCall(&someFailures);
   EXPECT_TRUE(tree.checkpoint());
   bt::setWriteCall(previous);
-  EXPECT_TRUE(logged(log, "ERROR unable to serialize checkpoint time to " +
+  EXPECT_TRUE(log.hasLine("ERROR unable to serialize checkpoint time to " +
                               std::string(snapshot() / "snap.dat")))
       << log.text();
   EXPECT_EQ(Timeval(1000000, 0), tree.lastCheckpoint());

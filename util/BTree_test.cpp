@@ -42,13 +42,6 @@ void truncateTo(const Pathname& path, size_t size) {
   writeTestFile(path, bytes);
 }
 
-bool logged(const ScopedLogCapture& log, const std::string& line) {
-  for (const auto& l : log.lines()) {
-    if (l == line) return true;
-  }
-  return false;
-}
-
 // Fills a tree in `dir` with keys 1..count, record (k, 2k).
 void fill(const Pathname& dir, uint32_t order, uint64_t count) {
   BTree tree(kBlank, order);
@@ -153,7 +146,7 @@ TEST(BTreeOpen, StoredOrderWins) {
   BTree tree(kBlank, 255);
   ASSERT_TRUE(tree.open(dir.path()));
   EXPECT_EQ(7u, tree.order());
-  EXPECT_TRUE(logged(log, "DEBUG existing btree has order 7, will use this order"));
+  EXPECT_TRUE(log.hasLine("DEBUG existing btree has order 7, will use this order"));
   tree.addUpdate(U64Key(500), PairRecord(1, 1));
   PairRecord r;
   EXPECT_TRUE(tree.checkValid(r));
@@ -217,7 +210,7 @@ TEST(BTreeOpen, RefusesDamagedPairsWithTheirMessages) {
     BTree tree(kBlank, 255);
     EXPECT_FALSE(tree.open(dir.path()));
     EXPECT_FALSE(tree.isOpen());
-    for (const auto& line : c.lines) EXPECT_TRUE(logged(log, line)) << line << "\n" << log.text();
+    for (const auto& line : c.lines) EXPECT_TRUE(log.hasLine(line)) << line << "\n" << log.text();
   }
 }
 
@@ -228,7 +221,7 @@ TEST(BTreeOpen, NoRootWithEntriesNamesBothFiles) {
   ScopedLogCapture log("BTree");
   BTree tree(kBlank, 255);
   EXPECT_FALSE(tree.open(dir.path()));
-  EXPECT_TRUE(logged(log, "ERROR no root in " + std::string(dir / "btree_index.dat") +
+  EXPECT_TRUE(log.hasLine("ERROR no root in " + std::string(dir / "btree_index.dat") +
                               " with non-empty recordFile " +
                               std::string(dir / "btree_records.dat")))
       << log.text();
@@ -240,7 +233,7 @@ TEST(BTreeOpen, AFileThatCannotBeOpenedIsNamed) {
   ScopedLogCapture log("BTree");
   BTree tree(kBlank, 255);
   EXPECT_FALSE(tree.open(dir.path()));
-  EXPECT_TRUE(logged(log, "ERROR cannot open or create file " +
+  EXPECT_TRUE(log.hasLine("ERROR cannot open or create file " +
                               std::string(dir / "btree_index.dat") + ": Is a directory"))
       << log.text();
 }
@@ -285,7 +278,7 @@ TEST(BTreeOpen, DirectoryMustBeReadWritable) {
   ScopedLogCapture log("BTree");
   BTree tree(kBlank, 255);
   EXPECT_FALSE(tree.open(dir / "missing"));
-  EXPECT_TRUE(logged(log, "ERROR " + std::string(dir / "missing") +
+  EXPECT_TRUE(log.hasLine("ERROR " + std::string(dir / "missing") +
                               " is not rw-able No such file or directory"))
       << log.text();
 }
@@ -442,7 +435,7 @@ TEST(BTreeCheckValid, OrderChangedUnderAnOpenTree) {
   EXPECT_FALSE(tree.validate());
   PairRecord scratch;
   EXPECT_FALSE(tree.checkValid(scratch));
-  EXPECT_TRUE(logged(log, "ERROR order mismatch, inmemory_order=3, header_order=5"));
+  EXPECT_TRUE(log.hasLine("ERROR order mismatch, inmemory_order=3, header_order=5"));
 }
 
 TEST(BTreeCheckValid, EmptyRootAndLoopsAreCaught) {
@@ -456,7 +449,7 @@ TEST(BTreeCheckValid, EmptyRootAndLoopsAreCaught) {
     ScopedLogCapture log("BTree");
     PairRecord scratch;
     EXPECT_FALSE(tree.checkValid(scratch));
-    EXPECT_TRUE(logged(log, "ERROR keys.size=0")) << log.text();
+    EXPECT_TRUE(log.hasLine("ERROR keys.size=0")) << log.text();
     EXPECT_FALSE(tree.retrieve(U64Key(1), scratch));
   }
   {

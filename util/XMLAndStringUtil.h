@@ -52,6 +52,8 @@ class XMLAndStringUtil {
   // The first eight bytes of the MD5 of `in` as a big-endian number, so its
   // hex form is the first 16 digits of md5(in).
   static uint64_t halfMd5OfStr(Str const& in);
+  // The same over `length` bytes at `bytes` (null allowed when length is 0).
+  static uint64_t halfMd5(const void* bytes, size_t length);
   // The hex MD5 of what `fd` yields from its position to its end. False,
   // with errno set and `out` left alone, when a read fails.
   static bool md5HashHex(FileDescriptor const& fd, Str& out);

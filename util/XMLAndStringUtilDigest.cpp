@@ -27,9 +27,9 @@ ScopedMdCtx newMd5() {
   return ctx;
 }
 
-void digestOf(const Str& in, unsigned char (&digest)[MD5_LEN]) {
+void digestOf(const void* bytes, size_t length, unsigned char (&digest)[MD5_LEN]) {
   ScopedMdCtx ctx = newMd5();
-  EVP_DigestUpdate(ctx.get(), in.data(), in.size());
+  EVP_DigestUpdate(ctx.get(), bytes, length);
   EVP_DigestFinal_ex(ctx.get(), digest, nullptr);
 }
 
@@ -48,13 +48,17 @@ Str hexOf(const unsigned char (&digest)[MD5_LEN]) {
 
 Str XMLAndStringUtil::md5(Str const& in) {
   unsigned char digest[MD5_LEN];
-  digestOf(in, digest);
+  digestOf(in.data(), in.size(), digest);
   return hexOf(digest);
 }
 
 uint64_t XMLAndStringUtil::halfMd5OfStr(Str const& in) {
+  return halfMd5(in.data(), in.size());
+}
+
+uint64_t XMLAndStringUtil::halfMd5(const void* bytes, size_t length) {
   unsigned char digest[MD5_LEN];
-  digestOf(in, digest);
+  digestOf(bytes, length, digest);
   uint64_t v = 0;
   for (size_t i = 0; i < MD5_LEN / 2; ++i) v = (v << 8) | digest[i];
   return v;

@@ -3,6 +3,7 @@
 // through the tree's own number paths. Test, benchmark and fuzz code only.
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 #include <memory>
 
@@ -68,4 +69,22 @@ class PairRecord : public bt::BTree::Record {
  private:
   uint64_t _a;
   uint64_t _b;
+};
+
+// The tree's writes fail with ENOSPC while this lives: a full disk. One at
+// a time, and only while no other thread uses a tree.
+class ScopedFullDisk {
+ public:
+  ScopedFullDisk() : _previous(bt::setWriteCall(&fail)) {}
+  ~ScopedFullDisk() { bt::setWriteCall(_previous); }
+  ScopedFullDisk(const ScopedFullDisk&) = delete;
+  ScopedFullDisk& operator=(const ScopedFullDisk&) = delete;
+
+ private:
+  static ssize_t fail(int, const void*, size_t) {
+    errno = ENOSPC;
+    return -1;
+  }
+
+  bt::WriteCall _previous;
 };

@@ -51,6 +51,13 @@ class ScopedLogCapture {
     for (std::string line; std::getline(in, line);) out.push_back(line);
     return out;
   }
+  // Whether some line of lines() is exactly `line`.
+  bool hasLine(const std::string& line) const {
+    for (const std::string& l : lines()) {
+      if (l == line) return true;
+    }
+    return false;
+  }
   const Pathname& path() const { return _path; }
 
  private:
