@@ -53,7 +53,7 @@ Trackers& trackers(size_t n) {
   static std::map<size_t, std::unique_ptr<Trackers>> cache;
   auto& slot = cache[n];
   if (!slot) {
-    Logger::initialize();
+    if (!Logger::isInitialized()) Logger::initialize();
     LogChannel::root().setLevel(LOGLEVEL_ERROR);
     slot = std::make_unique<Trackers>();
     if (!slot->committed.init(slot->committedDir.path()) ||

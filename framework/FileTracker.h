@@ -71,7 +71,8 @@ class FileTracker {
   // yet confirmed) wins over the bucket; then the bucket; then the older
   // stores, migrated lazily (see legacyMigrateRetrieve). False for a file
   // never seen. `path` is the file's name, for the older store; it may be
-  // empty. Throws bt::BTree::Exception when the bucket fails.
+  // empty. Throws bt::BTree::Exception when the bucket fails, and
+  // bt::BTree::InvalidKeyException for the blank key unless it is pending.
   bool retrieve(const CRC_t& key, FishRecord& record, const Pathname& path);
 
   // Commits `record` to the bucket; a pending entry at the same seek pointer
@@ -102,6 +103,12 @@ class FileTracker {
   uint32_t legacyState();
 
  private:
+  // Older stores, per file as it is asked for. Whether the helper's store
+  // is present is decided once. If it is, "filename::<path>" (or
+  // "initcrc::<hex key>" without a path) is asked and a parsed answer is
+  // copied into the bucket. Otherwise, or when that fails,
+  // PersistentHashManager is asked for "<hex key>", and its answer is
+  // returned without a copy. Answers are FishRecord::fromLegacyString texts.
   bool legacyMigrateRetrieve(const CRC_t& key, FishRecord& record, const Pathname& path);
   void _addUpdate(const CRC_t& key, const FishRecord& record);
 
