@@ -174,3 +174,23 @@ TEST(FishRecordReview, LegacyTextEdgeShapes) {
     EXPECT_EQ(fcrc, out._filenameCrc._crc);
   }
 }
+
+TEST(FishRecordReview, LegacyModTimeTooLargeSaturatesAndStaysOutOfTheName) {
+  const struct { const char* text; int64_t mdtm; const char* name; } kCases[] = {
+      {"seekptr::1 seekcrc::2 modtime::99999999999999999999 /x", INT64_MAX, "/x"},
+      {"seekptr::1 seekcrc::2 modtime::99999999999999999999 source::/x", INT64_MAX, "/x"},
+      // Past the signed range but within 64 bits: saturates, never wraps.
+      {"seekptr::1 seekcrc::2 modtime::18446744073709551615 /x", INT64_MAX, "/x"},
+      {"seekptr::1 seekcrc::2 modtime::9223372036854775808 /x", INT64_MAX, "/x"},
+      {"seekptr::1 seekcrc::2 modtime::9223372036854775807 /x", INT64_MAX, "/x"},
+      {"seekptr::1 seekcrc::2 modtime::9223372036854775806 /x", INT64_MAX - 1, "/x"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.text);
+    FishRecord out;
+    ASSERT_TRUE(FishRecord::fromLegacyString(c.text, out));
+    EXPECT_EQ(c.mdtm, out._modTime);
+    EXPECT_EQ(c.name, std::string(out._filename));
+    EXPECT_EQ(opensslHalfMd5(c.name), out._filenameCrc._crc);
+  }
+}
