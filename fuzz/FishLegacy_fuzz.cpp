@@ -1,8 +1,9 @@
 // The legacy text form of a file position, as an older store hands it over:
 // any bytes either parse into a record or are refused with the record left
-// alone. A parsed record keeps its promises: a non-negative seek pointer,
-// no length, a name taken from the text, and a name CRC that is zero for no
-// name and otherwise the MD5 identity of the name. Its 48-byte form reads back equal.
+// alone. A parsed record keeps its promises: a non-negative seek pointer and
+// modification time, no length, a name taken from the text, and a name CRC
+// that is zero for no name and otherwise the MD5 identity of the name. Its
+// 48-byte form reads back equal.
 #include <cstdint>
 #include <cstring>
 
@@ -28,6 +29,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     return 0;
   }
   kassert(r._seekPtr >= 0);
+  kassert(r._modTime >= 0);
   kassert(r._fileLen == 0);
   if (r._filename.empty()) {
     kassert(r._filenameCrc.isBlank());

@@ -57,6 +57,21 @@ const char* parseNumber(const char* p, const char* end, unsigned base, uint64_t*
   return p;
 }
 
+// The run of decimal digits at `p` as seconds, INT64_MAX when it is larger:
+// the digits are consumed whatever their size, so that none of them is taken
+// for the text that follows. No digits give zero. Returns the cursor after
+// them.
+const char* parseSaturatedTime(const char* p, const char* end, uint64_t* out) {
+  const uint64_t limit = static_cast<uint64_t>(INT64_MAX);
+  uint64_t v = 0;
+  for (; p < end && *p >= '0' && *p <= '9'; ++p) {
+    const uint64_t d = static_cast<uint64_t>(*p - '0');
+    v = v > (limit - d) / 10 ? limit : v * 10 + d;
+  }
+  *out = v;
+  return p;
+}
+
 }  // namespace
 
 // ---- CRC_t ----
@@ -181,8 +196,7 @@ bool FishRecord::fromLegacyString(const Str& text, FishRecord& out) {
   p = skipBlanks(p, end);
   uint64_t modTime = 0;
   if (const char* afterTag = skipLiteral(p, end, "modtime::")) {
-    const char* afterNumber = parseNumber(afterTag, end, 10, &modTime);
-    p = skipBlanks(afterNumber != nullptr ? afterNumber : afterTag, end);
+    p = skipBlanks(parseSaturatedTime(afterTag, end, &modTime), end);
   }
 
   const StrSegment rest(p, static_cast<size_t>(end - p));

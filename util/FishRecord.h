@@ -83,14 +83,17 @@ class FishRecord : public bt::BTree::Record {
   // refused with a warning "failed to parse seekptr from legacy str '%s'",
   // the seek CRC likewise with "failed to parse seekcrc ..."; both return
   // false and leave `out` alone. "modtime::" with no digits, or absent,
-  // gives zero. The name is everything after the first "source::" in what
-  // remains, or else all of what remains; _filenameCrc is the MD5 identity
-  // of the name (as FileTracker::computeCRC), zero for no name. _fileLen is
-  // zero. Examples:
+  // gives zero; a time above INT64_MAX saturates there, and its digits are
+  // never part of the name. The name is everything after the first
+  // "source::" in what remains, or else all of what remains; _filenameCrc is
+  // the MD5 identity of the name (as FileTracker::computeCRC), zero for no
+  // name. _fileLen is zero. Examples:
   //   "1700000000 seekptr::400 seekcrc::ab modtime::99 source::/var/log/x"
   //     -> wrtm=1700000000 sptr=1024 scrc=0xab mdtm=99 fn=/var/log/x
   //   "seekptr::0 seekcrc::0 /tmp/a b" -> wrtm=now, fn="/tmp/a b"
   //   "seekcrc::ab seekptr::400" -> refused: seekptr comes first
+  //   "seekptr::1 seekcrc::2 modtime::99999999999999999999 /x"
+  //     -> mdtm=INT64_MAX fn=/x
   static bool fromLegacyString(const Str& text, FishRecord& out);
 
   int64_t _writeTime = 0;
