@@ -123,6 +123,9 @@ class HTTPServer : public TcpRawDataFdCallback, public MSignalHandler {
   EventLoop& loop() { return _loop; }
   const HTTPServerConfig& config() const { return _config; }
   bool isShuttingDown() const { return _shuttingDown; }
+  // True once setupSSL made a context: the ports that ask for TLS serve it.
+  // False after a failed setup, when they serve plain TCP instead.
+  bool sslEnabled() const { return _sslContext != nullptr; }
 
   // The URL base of the request line's second word: "/services/x?y=1"
   // gives "/services", "*" stays "*"; false with fewer than two words.

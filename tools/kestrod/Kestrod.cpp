@@ -71,7 +71,7 @@ bool Kestrod::start(Str* error) {
 
 Str Kestrod::url() const {
   const HTTPServerConfig::HTTPPortEntry& entry = _config._portList[0];
-  const bool tls = entry.ssl && _server.config()._portList[0].ssl;
+  const bool tls = entry.ssl && _server.sslEnabled();
   const Str host = entry.family == AF_INET6 ? Str("[" + entry.ip + "]") : entry.ip;
   return Str().format("%s://%s:%u", tls ? "https" : "http", host.c_str(),
                       static_cast<unsigned>(_server.boundPort(0)));

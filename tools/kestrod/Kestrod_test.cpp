@@ -324,6 +324,15 @@ TEST(KestrodLifecycle, ServesOnlyTlsWhenACertificateIsConfigured) {
   EXPECT_NE(200, curl(plain, "", "/services").status);
 }
 
+TEST(KestrodLifecycle, AnUnreadableCertificateLeavesThePortPlainAndSaysSo) {
+  TestInstall install("[httpServer]\nserverCert = etc/auth/none.pem\nprivateKey = etc/auth/none.pem\n");
+  Daemon d(install.home());
+  ASSERT_EQ(0u, d.url.find("http://127.0.0.1:")) << d.url;
+  EXPECT_EQ(200, curl(d.url, "", "/services").status);
+  d.stop();
+  EXPECT_NE(std::string::npos, install.log().find("SSL will not be enabled")) << install.log();
+}
+
 TEST(KestrodOptions, UsageAndBadOptionsEndBeforeAnythingStarts) {
   const struct {
     std::vector<std::string> words;
