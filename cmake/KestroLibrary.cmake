@@ -29,6 +29,7 @@ function(kestro_library)
     # test data): __FILE__ may be relative when the compiler cache rewrites
     # paths.
     target_compile_definitions(${exe} PRIVATE KESTRO_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
+    target_compile_options(${exe} PRIVATE ${KESTRO_TEST_WARNING_OPTIONS})
     add_test(NAME ${K_NAME}.${tname} COMMAND ${exe} WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR})
   endforeach()
 endfunction()
