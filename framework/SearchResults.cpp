@@ -708,14 +708,19 @@ bool SearchResults::fromCSV(const Str& text, size_t start, size_t count, bool ex
 }
 
 bool SearchResults::fromCSV(LineReader& reader, size_t start, size_t count, bool external) {
+  // Lines come with their carriage returns: inside a quoted value they are
+  // data, and splitCSVLine drops the one that ends a record.
+  Str more;
   auto nextRecord = [&](Str& rec) -> bool {
-    if (!reader.readline(rec)) return false;
-    Str more;
+    if (!reader.readlineKeepCR(rec)) return false;
     // "!inquote" marks a complete record; otherwise the line feed belongs
-    // to a quoted value and the next physical line continues it.
-    while (inQuote(rec) && reader.readline(more)) {
+    // to a quoted value and the next physical line continues it. Quotes
+    // toggle, so each line is scanned once.
+    bool open = inQuote(rec);
+    while (open && reader.readlineKeepCR(more)) {
       rec.push_back('\n');
       rec.append(more);
+      open = open != inQuote(more);
     }
     return true;
   };

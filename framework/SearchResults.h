@@ -361,6 +361,7 @@ class FileBackedLineReader : public LineReader {
   ~FileBackedLineReader() override;
 
   bool readline(Str& out) override;
+  bool readlineKeepCR(Str& out) override;
   bool rewind() override;
   void close() override;
   bool valid() const override;
