@@ -251,6 +251,16 @@ class SearchResults {
   // False, logged "Could not create directory \"%s\": %m", on failure.
   bool createTempDir(const Pathname& parent);
   const Pathname& tempDir() const { return _tempDir; }
+  // "srfiletmp_" and 16 random hex digits, then ".csv", or ".csv.gz" when
+  // `gzip`: "srfiletmp_3f09c2a17b44e0d5.csv.gz". Never the same twice in
+  // practice; no file is touched.
+  static Str getRandomFileName(bool gzip);
+  // Creates a new empty file of a random name (as above) inside `dir`,
+  // never one that exists already (a name taken meanwhile is drawn again),
+  // and sets `out` to it. False, errno set and `out` untouched, when the
+  // directory refuses it. The file is the caller's: it is not in the file
+  // list until addFile.
+  static bool createNewFileInDir(const Pathname& dir, bool gzip, Pathname& out);
   // Writes the rows to a new "srtmpfile_<n>.csv.gz" in the temporary
   // directory (created under $TMPDIR or /tmp if there is none), adds it to
   // the file list and frees the rows (the columns stay). False, rows kept,

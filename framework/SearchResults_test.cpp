@@ -5,9 +5,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <functional>
 #include <random>
+#include <set>
 
 #include "util/Timeval.h"
 #include "util/testing/LogCapture.h"
@@ -705,6 +707,37 @@ TEST(SearchResultsTest, FileFailures) {
   EXPECT_TRUE(sr.deleteFile(dir.path() / "never-existed.csv"));
   sr.addFile(dir.path() / "gone.csv");
   EXPECT_FALSE(sr.nextFile());  // unreadable file ends the walk
+}
+
+}  // namespace
+
+namespace {
+
+TEST(SearchResultsTest, RandomFileNamesAndNewFiles) {
+  for (bool gzip : {false, true}) {
+    const Str name = SearchResults::getRandomFileName(gzip);
+    const std::string ext = gzip ? ".csv.gz" : ".csv";
+    ASSERT_EQ(name.size(), 10 + 16 + ext.size()) << name;
+    EXPECT_EQ(name.compare(0, 10, "srfiletmp_"), 0) << name;
+    EXPECT_EQ(name.find_first_not_of("0123456789abcdef", 10), 26u) << name;
+    EXPECT_EQ(name.substr(26), ext) << name;
+  }
+  TestTempDir dir;
+  std::set<std::string> made;
+  for (int i = 0; i < 50; ++i) {
+    Pathname p;
+    ASSERT_TRUE(SearchResults::createNewFileInDir(dir.path(), i % 2 == 1, p));
+    EXPECT_EQ(std::string(p).rfind(std::string(dir.path()) + "/srfiletmp_", 0), 0u) << p;
+    EXPECT_TRUE(p.exists()) << p;
+    EXPECT_EQ(readTestFile(p), "") << p;
+    made.insert(p);
+  }
+  EXPECT_EQ(made.size(), 50u);
+  Pathname untouched("keep");
+  errno = 0;
+  EXPECT_FALSE(SearchResults::createNewFileInDir(dir / "absent", false, untouched));
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(untouched, "keep");
 }
 
 }  // namespace
