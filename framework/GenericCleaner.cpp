@@ -15,11 +15,9 @@ CharacterClass defaultMajor() { return CharacterClass::ALL_WHITESPACES; }
 
 CharacterClass defaultMinor() {
   CharacterClass c(false);
-  for (int b = 1; b < 0x80; ++b) {
+  for (int b = 0; b < 0x80; ++b) {
     const char ch = static_cast<char>(b);
-    if (!CharacterClass::ALPHA_NUM_UNDER.contains(ch) && !CharacterClass::ALL_WHITESPACES.contains(ch)) {
-      c.set(ch, true);
-    }
+    if (!CharacterClass::ALPHA_NUM_UNDER.contains(ch)) c.set(ch, true);
   }
   return c;
 }

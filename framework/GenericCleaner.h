@@ -30,8 +30,8 @@ class ICleanCallback {
 // of a word, so UTF-8 text stays whole.
 class GenericCleaner {
  public:
-  // Major: whitespace. Minor: every other ASCII byte that is not a letter,
-  // a digit or "_".
+  // Major: whitespace. Minor: every ASCII byte that is not a letter, a
+  // digit or "_" (whitespace too, for when MAJOR leaves it out).
   GenericCleaner();
   // Breakers from settings "MAJOR" and "MINOR" of a "segmenters" stanza,
   // each a list of entries separated by blanks: a byte as itself, or "\s"
