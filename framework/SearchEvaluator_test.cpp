@@ -6,6 +6,8 @@
 #include <random>
 
 #include "framework/SearchResultsInfo.h"
+#include "libbundle/testing/BundleTree.h"
+#include "util/WildcardList.h"
 #include "util/Timeval.h"
 
 namespace {
@@ -559,6 +561,178 @@ TEST(SearchEvaluatorTest, CidrValuesCompareAsSubnets) {
   bool v = false;
   ASSERT_TRUE(path.getValue(v));
   EXPECT_TRUE(v);
+}
+
+}  // namespace
+
+namespace {
+
+// One row per raw text (nullptr: no _raw); fields as given.
+struct EvalCase {
+  const char* search;
+  const char* raw;
+  int expect;
+};
+
+void checkEvalCases(const std::vector<EvalCase>& cases, const std::map<Str, Str>& fields = {}) {
+  for (const EvalCase& c : cases) {
+    SearchResults sr;
+    SearchResult* r = sr.addNewResult();
+    if (c.raw != nullptr) r->setValue(Str("_raw"), c.raw);
+    for (const auto& [k, v] : fields) r->setValue(k, v);
+    SearchEvaluator ev{Str(c.search)};
+    EXPECT_EQ(ev.isMatch(r, {}), c.expect) << c.search << " against " << (c.raw ? c.raw : "-");
+  }
+}
+
+TEST(SearchEvaluatorTest, TermsAgainstTokensOfTheRawText) {
+  checkEvalCases({
+      {"\"disk full\"", "a Disk full.", 1},
+      {"\"disk full\"", "disk fuller", 0},  // the phrase must end at a word's end
+      {"\"disk full\"", "the full disk", 0},
+      {"\"disk full\"", "xdisk full", 0},
+      {"\"disk * now\"", "disk is full now", 1},
+      {"\"a-b c\"", "x a-b c", 1},
+      {"CASE(Error)", "Error x", 1},
+      {"CASE(Error)", "error x", 0},
+      {"CASE(\"Disk Full\")", "a Disk Full", 1},
+      {"CASE(\"Disk Full\")", "a disk full", 0},
+      {"TERM(a.b)", "x a.b y", 1},
+      {"TERM(a.b)", "x a.bc y", 0},
+      {"web01", "host=web01.example", 1},  // a minor token
+      {"web0", "host=web01.example", 0},
+      {"web0*", "host=web01.example", 1},
+      {"\"host=web01.example,\"", "x host=web01.example, y", 1},  // quoted: a phrase
+      {"*", "   ", 1},
+      {"meta::all", "x", 1},
+      {"NOT error", "no errors", 1},
+      {"a OR b", "c", 2},  // an OR that never saw a true child is not proved
+      {"a OR b", "b", 1},
+      {"NOT (a OR b)", "c", 1},
+      {"error", "", 1},      // an empty raw cannot disqualify
+      {"NOT error", nullptr, 1},
+  });
+}
+
+// A row without the field: each comparison gets the inverse of its "or
+// equal" flag.
+TEST(SearchEvaluatorTest, MissingFieldTakesTheInverseOfOrEqual) {
+  checkEvalCases({
+      {"x=1", "r", 0},
+      {"x!=1", "r", 1},
+      {"x<1", "r", 1},
+      {"x<=1", "r", 0},
+      {"x>1", "r", 1},
+      {"x>=1", "r", 0},
+      {"NOT x<1", "r", 0},
+      {"x::1", "r", 0},
+      {"y=2", "r", 1},  // present: decided by value
+  }, {{"y", "2"}});
+}
+
+// The trie path of the callback and each term taking tokens by itself.
+TEST(SearchEvaluatorTest, TermTriesAgreeWithEachTermAlone) {
+  const char* kTerms[] = {"err*", "web01", "*01", "a*b", "\"disk full\"", "CASE(Up)", "x.y",
+                          "TERM(x.y)", "*", "d*k"};
+  const char* kWords[] = {"error", "Up", "up", "web01", "disk", "full", "x.y", "a-b", "ab", "dk"};
+  std::mt19937 rng(5);
+  const GenericCleaner cleaner;
+  for (int n = 0; n < 400; ++n) {
+    std::string raw;
+    for (size_t k = rng() % 6; k > 0; --k) raw += std::string(kWords[rng() % 10]) + " ";
+    if (raw.empty()) continue;
+    for (const char* t : kTerms) {
+      SearchEvaluator ev{Str(t)};
+      SearchResults sr;
+      SearchResult* row = sr.addNewResult();
+      row->setValue(Str("_raw"), raw);
+      ParseNodeTERM alone{Str(t)};
+      cleaner.clean(raw, alone);
+      if (alone.isPhrase()) {
+        Str low = squashed_str(raw);
+        alone.hit(low.data(), low.size());
+      }
+      bool found = false;
+      alone.getValue(found);
+      EXPECT_EQ(ev.isMatch(row, {}), found ? 1 : 0) << t << " in " << raw;
+    }
+  }
+}
+
+TEST(SearchEvaluatorTest, FieldSettingsShapeTheIndexPredicate) {
+  BundleTree tree;
+  tree.put("system/default/fields.conf",
+           "[host]\nINDEXED = true\n"
+           "[code]\nINDEXED_VALUE = false\n"
+           "[user]\nINDEXED_VALUE = s/^(\\w+)@.*/\\1/\n"
+           "[sess]\nINDEXED_VALUE = sid_<VALUE>\n"
+           "[bad]\nINDEXED_VALUE = s/(/x/\n");
+  const PropertyPagesContext ctx(tree.setup(), User(""), Str(""));
+  const struct {
+    const char* search;
+    const char* lispy;
+    const char* tree;
+  } kCases[] = {
+      {"host=Web01", "(and host::web01)", "(AND host::Web01)"},
+      {"NOT host=Web01", "(and (not host::web01))", "(AND NOT host::Web01)"},
+      {"code=42", "(and *)", "(AND code=42)"},
+      {"user=Bob@x.org", "(and bob)", "(AND user=Bob@x.org)"},
+      {"sess=9", "(and sid_9)", "(AND sess=9)"},
+      {"bad=1", "(and *)", "(AND bad=1)"},  // a sed that does not compile narrows nothing
+      {"other=\"a b.c\"", "(and (and a b.c))", "(AND other=\"a b.c\")"},
+  };
+  for (const auto& c : kCases) {
+    SearchEvaluator ev(Str(c.search), ctx, true, false);
+    EXPECT_EQ(ev.lispyQuery()->toString(), c.lispy) << c.search;
+    EXPECT_EQ(ev.toString(), c.tree) << c.search;
+  }
+}
+
+TEST(SearchEvaluatorTest, IndexesFieldsAndTimeBounds) {
+  SearchEvaluator ev(Str("index=Main NOT index=tmp (index=a OR x=1) err* NOT ok _time>=100 _time<200.5"));
+  std::set<Str> indexes, keywords, fields;
+  ev.getIndexes(indexes);
+  EXPECT_EQ(indexes, (std::set<Str>{"a", "main"}));
+  ev.getTypeaheadInfo(keywords, fields);
+  EXPECT_EQ(keywords, std::set<Str>{"err*"});
+  EXPECT_EQ(fields, (std::set<Str>{"_time", "index", "x"}));
+  Timeval earliest, latest;
+  ev.lispyQuery(earliest, latest);
+  EXPECT_EQ(earliest.tv_sec, 100);
+  EXPECT_EQ(latest.tv_sec, 201);
+  // Below an OR a bound holds for some matches only.
+  SearchEvaluator either(Str("_time>5 OR b"));
+  Timeval e2, l2;
+  EXPECT_EQ(either.lispyQuery(e2, l2)->toString(), "(or * b)");
+  EXPECT_EQ(e2.tv_sec, 0);
+  WildcardList required;
+  ev.setRequiredFields(required);
+  EXPECT_EQ(ev.requiredFields(), (std::set<Str>{"_raw", "_time", "index", "x"}));
+  EXPECT_TRUE(required.isHit(Str("_raw")));
+  EXPECT_FALSE(required.isHit(Str("y")));
+  SearchEvaluator noTerms(Str("x=1 *"));
+  WildcardList r2;
+  noTerms.setRequiredFields(r2);
+  EXPECT_EQ(noTerms.requiredFields(), std::set<Str>{"x"});
+}
+
+TEST(SearchEvaluatorTest, MappedKeysBooleansAndTries) {
+  SearchResults sr;
+  SearchResult* r = sr.addNewResult();
+  r->setValue(Str("h"), "web01");
+  r->setValue(Str("flag"), "1");
+  SearchEvaluator ev(Str("host=web* flag=true"));
+  EXPECT_EQ(ev.isMatch(r, {}), 0);  // no column "host", and "1" is not "true"
+  ev.initMappedKeys(sr, {{"host", "h"}});
+  ev.changeBoolStrToNum();
+  EXPECT_EQ(ev.toString(), "(AND host=web* flag=1)");
+  EXPECT_EQ(ev.isMatch(r, {}), 1);
+  ev.optimize(false);
+  EXPECT_EQ(ev.isMatch(r, {}), 1);
+  ev.optimizeByFields({{"host", true}});
+  EXPECT_EQ(ev.isMatch(r, {}), 1);
+  ev.initKeys(sr, true);  // back to names as they are
+  EXPECT_EQ(ev.isMatch(r, {}), 0);
 }
 
 }  // namespace
