@@ -264,7 +264,13 @@ bool CSVGZWriter::write(const StrSegment& bytes) {
   return _gz->write(bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
 }
 
-bool CSVGZWriter::finish() { return _gz->finish(); }
+bool CSVGZWriter::finish() {
+  if (!_finished) {
+    _finishedOk = _gz->finish();
+    _finished = true;
+  }
+  return _finishedOk;
+}
 
 ScopedCSVWriter::ScopedCSVWriter(const Pathname& path) { open(path, endsWith(path, ".gz")); }
 
@@ -302,6 +308,10 @@ bool ScopedCSVWriter::finish() { return _writer != nullptr && _writer->finish();
 // ---- SearchResults: keys and rows ----
 
 SearchResults::~SearchResults() {
+  if (_openWriter != nullptr) {
+    gLogger.warn("CSV File still open at SearchResults destructor.");
+    closeFile();
+  }
   removeFiles();
   freeAll();
 }
@@ -707,23 +717,23 @@ bool SearchResults::fromCSV(const Str& text, size_t start, size_t count, bool ex
   return fromRecords(nextRecord, "<memory>", start, count, external);
 }
 
-bool SearchResults::fromCSV(LineReader& reader, size_t start, size_t count, bool external) {
+bool SearchResults::readCSVLine(LineReader& reader, Str& out) {
   // Lines come with their carriage returns: inside a quoted value they are
   // data, and splitCSVLine drops the one that ends a record.
+  if (!reader.readlineKeepCR(out)) return false;
+  // Quotes toggle, so each physical line is scanned once.
+  bool open = inQuote(out);
   Str more;
-  auto nextRecord = [&](Str& rec) -> bool {
-    if (!reader.readlineKeepCR(rec)) return false;
-    // "!inquote" marks a complete record; otherwise the line feed belongs
-    // to a quoted value and the next physical line continues it. Quotes
-    // toggle, so each line is scanned once.
-    bool open = inQuote(rec);
-    while (open && reader.readlineKeepCR(more)) {
-      rec.push_back('\n');
-      rec.append(more);
-      open = open != inQuote(more);
-    }
-    return true;
-  };
+  while (open && reader.readlineKeepCR(more)) {
+    out.push_back('\n');
+    out.append(more);
+    open = open != inQuote(more);
+  }
+  return true;
+}
+
+bool SearchResults::fromCSV(LineReader& reader, size_t start, size_t count, bool external) {
+  auto nextRecord = [&reader](Str& rec) { return readCSVLine(reader, rec); };
   return fromRecords(nextRecord, "<reader>", start, count, external);
 }
 
@@ -888,6 +898,76 @@ bool SearchResults::toCSV(const Pathname& path, const StrVector& fields, size_t 
     return false;
   }
   return true;
+}
+
+bool SearchResults::writeAllToCSV(const Pathname& path) {
+  SearchResults all;
+  all.append(*this);
+  StrVector order;
+  getColumnOrder(order);
+  for (const Pathname& f : _files) {
+    SearchResults part;
+    if (!part.fromCSV(f)) {
+      _lastErrorKey = part._lastErrorKey;
+      return false;
+    }
+    StrVector more;
+    part.getColumnOrder(more);
+    for (const Str& name : more) {
+      if (std::find(order.begin(), order.end(), name) == order.end()) order.push_back(name);
+    }
+    all.appendDestructive(part);
+  }
+  all.setColumnOrder(order);
+  if (!all.toCSV(path)) {
+    _lastErrorKey = all._lastErrorKey;
+    return false;
+  }
+  return true;
+}
+
+bool SearchResults::openFile(const Pathname& path) {
+  if (_openWriter != nullptr) {
+    errno = EBUSY;
+    gLogger.error("Unable to open output file: path=%s error=%m", path.c_str());
+    return false;
+  }
+  auto w = std::make_unique<ScopedCSVWriter>(path);
+  if (!w->valid()) return false;
+  _openWriter = std::move(w);
+  _openPath = path;
+  _openColumns.clear();
+  _openFailed = false;
+  return true;
+}
+
+bool SearchResults::appendCSV() {
+  if (_openWriter == nullptr) return false;
+  bool header = _openColumns.empty();
+  if (header) {
+    std::vector<size_t> cols;
+    genFieldList(StrVector(), cols);
+    for (size_t c : cols) _openColumns.push_back(getKeyFromIndex(c));
+    if (_openColumns.empty()) return true;  // nothing to write yet
+  }
+  if (!toCSV(*_openWriter, _openColumns, SIZE_MAX, header, false)) {
+    _openFailed = true;
+    _lastErrorKey.format("SEARCHRESULTS_FILE_WRITE_FAIL__%s", _openPath.c_str());
+    return false;
+  }
+  for (SearchResult* r : _rows) delete r;
+  _rows.clear();
+  return true;
+}
+
+bool SearchResults::closeFile() {
+  if (_openWriter == nullptr) return false;
+  const bool ok = _openWriter->finish() && !_openFailed;
+  _openWriter.reset();
+  _files.push_back(_openPath);
+  _openPath = Pathname();
+  _openColumns.clear();
+  return ok;
 }
 
 bool SearchResults::splitFile(const Pathname& path, size_t chunkSize,

@@ -107,7 +107,8 @@ class CSVFileWriter : public CSVWriter {
   FileDescriptor _fd;
 };
 
-// Compresses into a borrowed descriptor.
+// Compresses into a borrowed descriptor. finish() ends the gzip member
+// once; later calls give the first one's result.
 class CSVGZWriter : public CSVWriter {
  public:
   explicit CSVGZWriter(FileDescriptor fd);
@@ -117,6 +118,8 @@ class CSVGZWriter : public CSVWriter {
 
  private:
   WritableGzipFileDescriptor* _gz;
+  bool _finished = false;
+  bool _finishedOk = false;
 };
 
 // Collects into a string.
@@ -226,6 +229,10 @@ class SearchResults {
   // physical lines while a quote is open.
   bool fromCSV(LineReader& reader, size_t start = 0, size_t count = SIZE_MAX,
                bool external = false);
+  // One record into `out`: physical lines joined by "\n" while a quote is
+  // open ("!inquote" holds at the end of a complete record), carriage
+  // returns kept. False at the end of the input.
+  static bool readCSVLine(LineReader& reader, Str& out);
   // Reads from the stream's position; the stream stays the caller's, open.
   bool fromCSV(FileStar f, size_t start = 0, size_t count = SIZE_MAX, bool external = false);
   // Writes `fields` (all keys when empty, each with its "__mv_" companion
@@ -238,6 +245,11 @@ class SearchResults {
   // retrying, then renames it onto `path`.
   bool toCSV(const Pathname& path, const StrVector& fields = StrVector(),
              size_t count = SIZE_MAX, bool header = true, bool dropCR = false) const;
+
+  // Writes the rows in memory and then those of every listed file, in
+  // order, to one CSV at `path` (atomically, as toCSV); the columns are
+  // all those seen, in the order first seen. The files stay as they are.
+  bool writeAllToCSV(const Pathname& path);
 
   // Cuts the CSV at `path` into files of `chunkSize` records beside it,
   // each with the header, named "srsplit_<n>_<name>" (same extension, so
@@ -266,6 +278,21 @@ class SearchResults {
   // the file list and frees the rows (the columns stay). False, rows kept,
   // when it cannot be written.
   bool writeFile();
+  // The current file: rows are appended to it a batch at a time and it
+  // joins the file list when closed. openFile fails (logged "Unable to
+  // open output file: path=%s error=%m") when it cannot be created or a
+  // file is open already. appendCSV writes the rows in memory and frees
+  // them; the first batch fixes the columns (a header line), and later
+  // batches write those columns by name. closeFile finishes the file
+  // (false when a write failed). A file still open when the table dies is
+  // logged "CSV File still open at SearchResults destructor." and closed.
+  bool openFile(const Pathname& path);
+  bool appendCSV();
+  bool closeFile();
+  bool hasOpenFile() const { return _openWriter != nullptr; }
+  // Keeps the listed files on disk for debugging: removeFiles() then logs
+  // "For debugging, temporary file not deleted: %s" for each instead.
+  void setKeepFiles(bool keep) { _keepFiles = keep; }
   // Appends `path` to the file list; it is deleted with the others unless
   // marked copy-on-write.
   void addFile(const Pathname& path) { _files.push_back(path); }
@@ -322,6 +349,11 @@ class SearchResults {
   size_t _nextFile = 0;
   size_t _fileSeq = 0;
   bool _cowFiles = false;
+  bool _keepFiles = false;
+  std::unique_ptr<ScopedCSVWriter> _openWriter;
+  Pathname _openPath;
+  StrVector _openColumns;
+  bool _openFailed = false;
   mutable Str _lastErrorKey;
 };
 

@@ -98,6 +98,10 @@ bool SearchResults::deleteFile(const Pathname& which) {
     gLogger.debug("Copy on write file not deleted: %s", path.c_str());
     return true;
   }
+  if (_keepFiles) {
+    gLogger.info("For debugging, temporary file not deleted: %s", path.c_str());
+    return true;
+  }
   if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
     gLogger.error("Error deleting file: %s", path.c_str());
     return false;
@@ -109,7 +113,9 @@ void SearchResults::removeFiles() {
   while (!_files.empty()) deleteFile(_files.back());
   _nextFile = 0;
   if (_tempDir.empty()) return;
-  if (!isOurTempDir(_tempDir)) {
+  if (_keepFiles) {
+    gLogger.info("For debugging, temporary file not deleted: %s", _tempDir.c_str());
+  } else if (!isOurTempDir(_tempDir)) {
     gLogger.error("in _removeDirs(), not a temporary directory: %s", _tempDir.c_str());
   } else if (::rmdir(_tempDir.c_str()) != 0 && errno != ENOENT) {
     gLogger.error("Failed to remove temporary directory: %s", _tempDir.c_str());

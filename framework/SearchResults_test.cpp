@@ -741,3 +741,84 @@ TEST(SearchResultsTest, RandomFileNamesAndNewFiles) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(SearchResultsTest, ReadCSVLineJoinsLinesWhileAQuoteIsOpen) {
+  const char* kText = "a,\"b\r\nc\"\r\n\"\"\"x\"\n\"open\nlast";
+  StringLineReader r{StrSegment(kText)};
+  const std::vector<std::string> kRecords = {"a,\"b\r\nc\"\r", "\"\"\"x\"", "\"open\nlast"};
+  Str rec;
+  for (const std::string& want : kRecords) {
+    ASSERT_TRUE(SearchResults::readCSVLine(r, rec));
+    EXPECT_EQ(rec, want);
+  }
+  EXPECT_FALSE(SearchResults::readCSVLine(r, rec));
+}
+
+TEST(SearchResultsTest, OpenFileTakesBatchesAndJoinsTheFileList) {
+  TestTempDir dir;
+  for (const char* leaf : {"batches.csv", "batches.csv.gz"}) {
+    const Pathname p = dir / leaf;
+    SearchResults sr;
+    ASSERT_TRUE(sr.openFile(p)) << leaf;
+    EXPECT_FALSE(sr.openFile(dir / "second.csv"));  // one at a time
+    sr.addNewResult()->setValue(Str("a"), "1");
+    SearchResult* r = sr.addNewResult();
+    r->setValue(Str("a"), "2");
+    r->setMultiValues(Str("b"), {"x", "y"}, "\n");
+    ASSERT_TRUE(sr.appendCSV());
+    EXPECT_EQ(sr.size(), 0u);
+    sr.addNewResult()->setValue(Str("b"), "z");
+    sr.addNewResult()->setValue(Str("c"), "dropped");  // not among the first batch's columns
+    ASSERT_TRUE(sr.appendCSV());
+    ASSERT_TRUE(sr.closeFile());
+    EXPECT_FALSE(sr.hasOpenFile());
+    ASSERT_EQ(sr.files(), std::vector<Pathname>{p});
+    sr.setCowFiles(true);  // keep it for reading back
+    SearchResults back;
+    ASSERT_TRUE(back.fromCSV(p)) << leaf;
+    EXPECT_EQ(rowsOf(back), (std::vector<Row>{{{"a", "1"}},
+                                             {{"a", "2"}, {"b", "x\ny"}, {"__mv_b", "$x$;$y$"}},
+                                             {{"b", "z"}},
+                                             {}}))
+        << leaf;
+  }
+}
+
+TEST(SearchResultsTest, FileLifecycleMessages) {
+  ScopedLogCapture log("SearchResults", "%m%n");
+  TestTempDir dir;
+  {
+    SearchResults sr;
+    ASSERT_TRUE(sr.openFile(dir / "left.csv"));
+    sr.addNewResult()->setValue(Str("a"), "1");
+    ASSERT_TRUE(sr.appendCSV());
+    sr.setKeepFiles(true);
+  }
+  EXPECT_NE(log.text().find("CSV File still open at SearchResults destructor.\n"), std::string::npos);
+  EXPECT_NE(log.text().find("For debugging, temporary file not deleted: " +
+                            std::string(dir / "left.csv")),
+            std::string::npos);
+  EXPECT_EQ(readTestFile(dir / "left.csv"), "a\n1\n");
+}
+
+TEST(SearchResultsTest, WriteAllToCSVJoinsMemoryAndFiles) {
+  TestTempDir dir;
+  SearchResults sr;
+  ASSERT_TRUE(sr.createTempDir(dir.path()));
+  sr.addNewResult()->setValue(Str("a"), "1");
+  ASSERT_TRUE(sr.writeFile());
+  sr.addNewResult()->setValue(Str("b"), "2");
+  ASSERT_TRUE(sr.writeFile());
+  SearchResult* r = sr.addNewResult();
+  r->setValue(Str("c"), "3");
+  r->setValue(Str("a"), "0");
+  const Pathname all = dir / "all.csv";
+  ASSERT_TRUE(sr.writeAllToCSV(all));
+  EXPECT_EQ(readTestFile(all), "a,b,c\n0,,3\n1,,\n,2,\n");  // spilled rows keep the columns
+  EXPECT_EQ(sr.files().size(), 2u);
+  EXPECT_EQ(sr.size(), 1u);
+}
+
+}  // namespace
