@@ -204,7 +204,16 @@ ParseNodeTERM::ParseNodeTERM(const Str& token) {
   _isPhrase = words.size() > 1 || (words.size() == 1 && words[0] != _pattern);
   if (!_isPhrase) return;
   for (const Str& w : words) _subTerms.push_back(std::make_unique<ParseNodeTERM>(w));
-  _phraseRegex = std::make_unique<TextRegex>(phrasePattern(_pattern, _isCS));
+  try {
+    _phraseRegex = std::make_unique<TextRegex>(phrasePattern(_pattern, _isCS));
+  } catch (const RegexException&) {
+    // Bytes that are not UTF-8 cannot stand in a pattern: such a phrase is
+    // found anywhere in the text, without the check at its ends.
+    Str anywhere("*");
+    anywhere.append(StrSegment(_pattern));
+    anywhere.push_back('*');
+    _phraseFallback.init(anywhere.c_str());
+  }
 }
 
 Str ParseNodeTERM::toString() const {
@@ -248,7 +257,10 @@ void ParseNodeTERM::hit(const char* bytes, size_t length) {
     for (const auto& s : _subTerms) {
       if (!s->getValue(v) || !v) return;
     }
-    if (_phraseRegex->matches(text)) setValue(!_isNegated);
+    size_t s, e;
+    if (_phraseRegex != nullptr ? _phraseRegex->matches(text) : _phraseFallback.isMatch(text, s, e)) {
+      setValue(!_isNegated);
+    }
     return;
   }
   size_t s, e;

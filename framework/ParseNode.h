@@ -193,6 +193,7 @@ class ParseNodeTERM : public ParseNode, public ICleanCallback {
   bool _isLiteral = false;  // TERM(...)
   WildcardMatcher _matcher;
   std::unique_ptr<Regex> _phraseRegex;
+  WildcardMatcher _phraseFallback;  // when the phrase is not UTF-8
   std::vector<std::unique_ptr<ParseNodeTERM>> _subTerms;
 };
 

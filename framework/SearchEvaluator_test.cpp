@@ -593,6 +593,7 @@ TEST(SearchEvaluatorTest, TermsAgainstTokensOfTheRawText) {
       {"\"disk full\"", "xdisk full", 0},
       {"\"disk * now\"", "disk is full now", 1},
       {"\"a-b c\"", "x a-b c", 1},
+      {"\"\xff a\"", "x \xff a y", 1},  // not UTF-8: found without the check at its ends
       {"CASE(Error)", "Error x", 1},
       {"CASE(Error)", "error x", 0},
       {"CASE(\"Disk Full\")", "a Disk Full", 1},

@@ -710,7 +710,11 @@ bool SearchResults::fromCSV(const Str& text, size_t start, size_t count, bool ex
       if (c == '"') quote = !quote;
       if (c == '\n' && !quote) break;
     }
-    rec.assign(text.data() + begin, i - begin);
+    size_t end = i;
+    // A quote still open at the end does not take the final line feed:
+    // the line readers end the record there too.
+    if (quote && end == text.size() && end > begin && text[end - 1] == '\n') --end;
+    rec.assign(text.data() + begin, end - begin);
     pos = i < text.size() ? i + 1 : i;
     return true;
   };

@@ -598,6 +598,15 @@ TEST(SearchResultsTest, ReaderFailures) {
   SearchResults sr;
   EXPECT_TRUE(sr.fromCSV(lines));
   EXPECT_LE(sr.size(), 1u);
+  // A quote open at the end: the whole text and the lines agree on where
+  // the record stops.
+  for (const char* text : {"v\n1v\"\n", "v\n1v\"\n\n", "v\n1v\"\r\n", "v\n\"x\n"}) {
+    SearchResults whole, byLine;
+    ASSERT_TRUE(whole.fromCSV(Str(text)));
+    StringLineReader r{StrSegment(text)};
+    ASSERT_TRUE(byLine.fromCSV(r));
+    EXPECT_EQ(rowsOf(whole), rowsOf(byLine)) << text;
+  }
 }
 
 TEST(SearchResultsTest, IteratorAndInserter) {
