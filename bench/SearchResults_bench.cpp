@@ -25,13 +25,18 @@ void fillRows(SearchResults& sr, size_t rows) {
   for (size_t i = 0; i < rows; ++i) {
     SearchResult* r = sr.addNewResult();
     std::string raw = std::to_string(1700000000 + i);
-    for (int w = 0; w < 6; ++w) raw += std::string(" ") + words[rng() % 8];
+    for (int w = 0; w < 6; ++w) {
+      raw.push_back(' ');
+      raw.append(words[rng() % 8]);
+    }
     r->setValue(Str("_raw"), raw);
     r->setValue(Str("_time"), Str(std::to_string(1700000000 + i)));
     r->setValue(Str("host"), hosts[rng() % 4]);
     r->setValue(Str("status"), Str(std::to_string(200 + rng() % 4 * 100)));
     r->setValue(Str("bytes"), Str(std::to_string(rng() % 100000)));
-    r->setValue(Str("user"), Str("u" + std::to_string(rng() % 1000)));
+    std::string user("u");
+    user.append(std::to_string(rng() % 1000));
+    r->setValue(Str("user"), Str(user));
     r->setValue(Str("path"), "/a/b,\"c\"");
     r->setValue(Str("ms"), Str(std::to_string(rng() % 5000)));
     r->setValue(Str("region"), rng() % 2 ? "eu" : "us");
@@ -42,7 +47,10 @@ void fillRows(SearchResults& sr, size_t rows) {
 Pathname benchFile(const char* leaf) {
   const char* tmp = std::getenv("TMPDIR");
   Pathname dir(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp");
-  return dir / (std::string("kestro-sr-bench-") + std::to_string(::getpid()) + leaf);
+  std::string name("kestro-sr-bench-");
+  name.append(std::to_string(::getpid()));
+  name.append(leaf);
+  return dir / name;
 }
 
 void BM_SearchResults_WriteCSV(benchmark::State& state, const char* leaf) {
