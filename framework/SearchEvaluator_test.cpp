@@ -625,6 +625,8 @@ TEST(SearchEvaluatorTest, MissingFieldTakesTheInverseOfOrEqual) {
       {"x<=1", "r", 0},
       {"x>1", "r", 1},
       {"x>=1", "r", 0},
+      {"x<5", "r", 1},
+      {"x>5", "r", 1},
       {"NOT x<1", "r", 0},
       {"x::1", "r", 0},
       {"y=2", "r", 1},  // present: decided by value
@@ -734,6 +736,27 @@ TEST(SearchEvaluatorTest, MappedKeysBooleansAndTries) {
   EXPECT_EQ(ev.isMatch(r, {}), 1);
   ev.initKeys(sr, true);  // back to names as they are
   EXPECT_EQ(ev.isMatch(r, {}), 0);
+}
+
+}  // namespace
+
+namespace {
+
+// A row whose OR never saw a true child stays when fields are ignored, and
+// is reported as undecided.
+TEST(SearchEvaluatorTest, FilterKeepsUnprovedRowsWhileFieldsAreIgnored) {
+  for (const char* search : {"a OR b", "x=1 OR x=2"}) {
+    SearchResults sr;
+    SearchResult* r = sr.addNewResult();
+    r->setValue(Str("_raw"), "c");
+    r->setValue(Str("x"), "3");
+    SearchEvaluator ev{Str(search)};
+    EXPECT_EQ(ev.isMatch(r, {}), 2) << search;
+    EXPECT_FALSE(ev.filter(sr, {"unrelated"}, false)) << search;
+    EXPECT_EQ(sr.size(), 1u) << search;
+    EXPECT_TRUE(ev.filter(sr, {}, false)) << search;
+    EXPECT_EQ(sr.size(), 0u) << search;
+  }
 }
 
 }  // namespace

@@ -51,6 +51,42 @@ unsigned long limitsSetting(const char* key, unsigned long dflt) {
   return stanza.get(key).toUnsignedLong(dflt);
 }
 
+// Where a scan of one CSV record stands. Only a quote that opens a field
+// opens a quoted value (a quote inside a bare field is data); inside one, a
+// doubled quote is a quote and a single one closes it.
+class CsvQuoteState {
+ public:
+  void feed(char c) {
+    switch (_s) {
+      case FIELD_START:
+        _s = c == '"' ? QUOTED : c == ',' ? FIELD_START : BARE;
+        break;
+      case BARE:
+        if (c == ',') _s = FIELD_START;
+        break;
+      case QUOTED:
+        if (c == '"') _s = CLOSING;
+        break;
+      case CLOSING:
+        _s = c == '"' ? QUOTED : c == ',' ? FIELD_START : BARE;
+        break;
+    }
+  }
+  void feed(const StrSegment& text) {
+    // Without a quote a line cannot open a value; only the field state
+    // moves, and it matters to nothing past the line's end but open().
+    if (_s != QUOTED && memchr(text.data(), '"', text.size()) == nullptr) {
+      _s = BARE;
+      return;
+    }
+    for (size_t i = 0; i < text.size(); ++i) feed(text.data()[i]);
+  }
+  bool open() const { return _s == QUOTED; }
+
+ private:
+  enum { FIELD_START, BARE, QUOTED, CLOSING } _s = FIELD_START;
+};
+
 bool readWholeFile(const Pathname& path, Str& out, Str& errorKey) {
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
@@ -508,23 +544,22 @@ void SearchResults::freeAll() {
 
 int SearchResults::guessTimeOrder() const {
   size_t idx = keyIndex(Str("_time"));
-  bool up = false, down = false, any = false;
+  bool up = false, down = false, any = false, any2 = false;
   double prev = 0;
   for (const SearchResult* r : _rows) {
     const Str* v = r->valuePtr(idx);
     double t;
     if (v == nullptr || !v->tryToDouble(t)) continue;
     if (any) {
+      any2 = true;
       if (t > prev) up = true;
       if (t < prev) down = true;
     }
     prev = t;
     any = true;
   }
-  if (up && down) return 0;
-  if (down) return -1;
-  if (up) return 1;
-  return 0;
+  if (!any2 || (up && down)) return 0;
+  return down ? -1 : 1;
 }
 
 // ---- encodings ----
@@ -596,11 +631,9 @@ void SearchResults::csvEscape(const StrSegment& in, Str& out, bool dropCR) {
 }
 
 bool SearchResults::inQuote(const StrSegment& text) {
-  bool q = false;
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (text.data()[i] == '"') q = !q;
-  }
-  return q;
+  CsvQuoteState st;
+  st.feed(text);
+  return st.open();
 }
 
 bool SearchResults::splitCSVLine(const StrSegment& line, StrVector& fields,
@@ -698,18 +731,24 @@ bool SearchResults::readCSVHeader(const StrSegment& line, std::vector<size_t>& c
 }
 
 bool SearchResults::fromCSV(const Str& text, size_t start, size_t count, bool external) {
+  return fromText(text, "<memory>", start, count, external);
+}
+
+bool SearchResults::fromText(const Str& text, const char* source, size_t start, size_t count,
+                             bool external) {
   size_t pos = 0;
   // One record: physical lines joined while a quote stays open.
   auto nextRecord = [&](Str& rec) -> bool {
     if (pos >= text.size()) return false;
     size_t begin = pos;
-    bool quote = false;
+    CsvQuoteState st;
     size_t i = pos;
     for (; i < text.size(); ++i) {
-      char c = text[i];
-      if (c == '"') quote = !quote;
-      if (c == '\n' && !quote) break;
+      const char c = text[i];
+      if (c == '\n' && !st.open()) break;
+      st.feed(c);
     }
+    const bool quote = st.open();
     size_t end = i;
     // A quote still open at the end does not take the final line feed:
     // the line readers end the record there too.
@@ -718,20 +757,23 @@ bool SearchResults::fromCSV(const Str& text, size_t start, size_t count, bool ex
     pos = i < text.size() ? i + 1 : i;
     return true;
   };
-  return fromRecords(nextRecord, "<memory>", start, count, external);
+  return fromRecords(nextRecord, source, start, count, external);
 }
 
 bool SearchResults::readCSVLine(LineReader& reader, Str& out) {
   // Lines come with their carriage returns: inside a quoted value they are
   // data, and splitCSVLine drops the one that ends a record.
   if (!reader.readlineKeepCR(out)) return false;
-  // Quotes toggle, so each physical line is scanned once.
-  bool open = inQuote(out);
+  // The quote state carries from line to line, so each physical line is
+  // scanned once.
+  CsvQuoteState st;
+  st.feed(out);
   Str more;
-  while (open && reader.readlineKeepCR(more)) {
+  while (st.open() && reader.readlineKeepCR(more)) {
     out.push_back('\n');
     out.append(more);
-    open = open != inQuote(more);
+    st.feed('\n');
+    st.feed(more);
   }
   return true;
 }
@@ -782,7 +824,7 @@ bool SearchResults::fromRecords(const std::function<bool(Str&)>& nextRecord, con
 bool SearchResults::fromCSV(const Pathname& path, size_t start, size_t count, bool external) {
   Str text;
   if (!readWholeFile(path, text, _lastErrorKey)) return false;
-  return fromCSV(text, start, count, external);
+  return fromText(text, path.c_str(), start, count, external);
 }
 
 // ---- CSV writing ----
@@ -880,7 +922,8 @@ bool SearchResults::toCSV(const Pathname& path, const StrVector& fields, size_t 
   bool gzip = endsWith(path, ".gz");
   if (gzip) gLogger.debug("Writing output atomically to gzipped file (%s).", path.c_str());
   Pathname tmp(path + ".tmp");
-  unsigned tries = getToCSVMaxRetry();
+  // Zero retries still makes the one attempt.
+  const unsigned tries = std::max(1U, getToCSVMaxRetry());
   unsigned period = getToCSVRetryPeriodMs();
   for (unsigned attempt = 0;; ++attempt) {
     if (writeOnce(tmp, bytes, gzip)) break;
@@ -1013,8 +1056,7 @@ size_t SearchResults::getMaxResultRows(bool reload) {
 }
 
 unsigned SearchResults::getToCSVMaxRetry() {
-  unsigned long v = limitsSetting("tocsv_maxretry", 5);
-  return v == 0 ? 1 : static_cast<unsigned>(v);
+  return static_cast<unsigned>(limitsSetting("tocsv_maxretry", 5));
 }
 
 unsigned SearchResults::getToCSVRetryPeriodMs() {

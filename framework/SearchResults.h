@@ -212,8 +212,9 @@ class SearchResults {
   // trailing empty slots. Returns the number of columns dropped.
   size_t collapse();
 
-  // +1 when the `_time` values never decrease, -1 when they never
-  // increase (and some decrease), 0 when mixed or fewer than two times.
+  // +1 when the `_time` values never decrease (all equal included), -1
+  // when they never increase and some decrease, 0 when mixed or fewer
+  // than two times.
   int guessTimeOrder() const;
 
   // CSV. Reading appends `count` records from record `start`; `external`
@@ -324,7 +325,9 @@ class SearchResults {
   // Cuts one record into fields; `present[i]` false for an empty unquoted
   // field (a missing value). False for a corrupt record.
   static bool splitCSVLine(const StrSegment& line, StrVector& fields, std::vector<bool>& present);
-  // True while a quote opened in `text` is still open at its end.
+  // True while a quote that opened a field of the record `text` is still
+  // open at its end: `"a,b` and `"a""` are open; `a"b` (a quote inside a
+  // bare field is data), `"a"` and `""` are not.
   static bool inQuote(const StrSegment& text);
 
   // "maxresultrows" in limits stanza "searchresults".
@@ -336,6 +339,7 @@ class SearchResults {
   friend class SearchResult;
   void genFieldList(const StrVector& fields, std::vector<size_t>& out) const;
   bool readCSVHeader(const StrSegment& line, std::vector<size_t>& columns, bool external);
+  bool fromText(const Str& text, const char* source, size_t start, size_t count, bool external);
   bool fromRecords(const std::function<bool(Str&)>& nextRecord, const char* source, size_t start,
                    size_t count, bool external);
   bool writeOnce(const Pathname& tmp, const Str& bytes, bool gzip) const;

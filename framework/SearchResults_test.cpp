@@ -160,7 +160,8 @@ TEST(SearchResultsTest, GuessTimeOrder) {
     std::vector<const char*> times;
     int order;
   } cases[] = {{{"1", "2", "2", "5"}, 1}, {{"9", "3.5", "1"}, -1}, {{"1", "3", "2"}, 0},
-               {{"4"}, 0},                 {{"x", "1", "y", "2"}, 1}};
+               {{"4"}, 0},                 {{"x", "1", "y", "2"}, 1},
+               {{"2", "2", "2"}, 1}};  // never decreasing, though never rising
   for (const Case& c : cases) {
     SearchResults sr;
     for (const char* t : c.times) sr.addNewResult()->setValue(Str("_time"), t);
@@ -828,6 +829,53 @@ TEST(SearchResultsTest, WriteAllToCSVJoinsMemoryAndFiles) {
   EXPECT_EQ(readTestFile(all), "a,b,c\n0,,3\n1,,\n,2,\n");  // spilled rows keep the columns
   EXPECT_EQ(sr.files().size(), 2u);
   EXPECT_EQ(sr.size(), 1u);
+}
+
+}  // namespace
+
+namespace {
+
+// A quote opens a value only at the start of a field; anywhere else it is
+// data and joins no lines.
+TEST(SearchResultsTest, QuoteInsideABareFieldOpensNothing) {
+  const struct {
+    const char* text;
+    std::vector<Row> rows;
+  } kCases[] = {
+      {"x,y\na\"b,c\n1,2\n3,4\n",
+       {{{"x", "a\"b"}, {"y", "c"}}, {{"x", "1"}, {"y", "2"}}, {{"x", "3"}, {"y", "4"}}}},
+      {"x,y\na\"b,c\n", {{{"x", "a\"b"}, {"y", "c"}}}},
+      {"x,y\n1,ab\"\n\"c\",d\n", {{{"x", "1"}, {"y", "ab\""}}, {{"x", "c"}, {"y", "d"}}}},
+      {"x,y\n\"a\"\"\n\",b\n", {{{"x", "a\"\n"}, {"y", "b"}}}},  // "" inside stays open
+  };
+  for (const auto& c : kCases) {
+    SearchResults whole, byLine;
+    ASSERT_TRUE(whole.fromCSV(Str(c.text))) << c.text;
+    StringLineReader r{StrSegment(c.text)};
+    ASSERT_TRUE(byLine.fromCSV(r)) << c.text;
+    EXPECT_EQ(rowsOf(whole), c.rows) << c.text;
+    EXPECT_EQ(rowsOf(byLine), c.rows) << c.text;
+  }
+  const struct {
+    const char* text;
+    bool open;
+  } kQuote[] = {{"\"a,b", true}, {"\"a\"\"", true}, {"x,\"", true}, {"a\"b", false},
+                {"\"a\"", false}, {"\"\"", false}, {"\"a\"b\"", false}, {"", false}};
+  for (const auto& q : kQuote) EXPECT_EQ(SearchResults::inQuote(Str(q.text)), q.open) << q.text;
+}
+
+TEST(SearchResultsTest, InconsistentColumnsReportNamesTheFile) {
+  ScopedLogCapture log("SearchResults", "%m%n");
+  TestTempDir dir;
+  const Pathname p = dir / "ragged.csv";
+  writeTestFile(p, "x,y\n1,2\n3\n4,5,6\n7,8\n");
+  SearchResults sr;
+  ASSERT_TRUE(sr.fromCSV(p));
+  EXPECT_EQ(sr.size(), 4u);
+  EXPECT_NE(log.text().find("While reading file '" + std::string(p) +
+                            "', encountered 2 inconsistent number of column errors."),
+            std::string::npos)
+      << log.text();
 }
 
 }  // namespace
