@@ -313,6 +313,10 @@ class SearchResults {
   // _removeDirs(), not a temporary directory: %s".
   void removeFiles();
 
+  // The companion column of a multi-valued field "x" is MV_PREFIX + "x".
+  static constexpr char MV_PREFIX[] = "__mv_";
+  static constexpr size_t MV_PREFIX_LEN = sizeof(MV_PREFIX) - 1;
+
   // The message key of the last failure, "" when none.
   const Str& lastErrorKey() const { return _lastErrorKey; }
 
