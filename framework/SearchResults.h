@@ -242,6 +242,10 @@ class SearchResults {
              bool header = true, bool dropCR = false) const;
   bool toCSV(Str& out, const StrVector& fields = StrVector(), size_t count = SIZE_MAX,
              bool header = true, bool dropCR = false) const;
+  // Plain CSV to a borrowed descriptor, from its current offset; false
+  // with errno set when a write fails.
+  bool toCSV(FileDescriptor fd, const StrVector& fields = StrVector(), size_t count = SIZE_MAX,
+             bool header = true, bool dropCR = false) const;
   // Atomic: writes "<path>.tmp" (gzipped when the name ends in ".gz"),
   // retrying, then renames it onto `path`.
   bool toCSV(const Pathname& path, const StrVector& fields = StrVector(),

@@ -418,6 +418,12 @@ bool SearchResults::toCSV(Str& out, const StrVector& fields, size_t count, bool 
   return toCSV(w, fields, count, header, dropCR);
 }
 
+bool SearchResults::toCSV(FileDescriptor fd, const StrVector& fields, size_t count, bool header,
+                          bool dropCR) const {
+  CSVFileWriter w(fd);
+  return toCSV(w, fields, count, header, dropCR);
+}
+
 bool SearchResults::writeOnce(const Pathname& tmp, const Str& bytes, bool gzip) const {
   int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) {

@@ -827,6 +827,13 @@ TEST(SearchResultsTest, WriteAllToCSVJoinsMemoryAndFiles) {
   const Pathname all = dir / "all.csv";
   ASSERT_TRUE(sr.writeAllToCSV(all));
   EXPECT_EQ(readTestFile(all), "a,b,c\n0,,3\n1,,\n,2,\n");  // spilled rows keep the columns
+  {
+    ScopedFileDescriptor fd(Pathname(dir / "fd.csv").openCreateOrReplace(Pathname::CREATE_NORMAL));
+    ASSERT_TRUE(fd.valid());
+    ASSERT_TRUE(sr.toCSV(FileDescriptor(fd), {"c", "a"}));
+  }
+  EXPECT_EQ(readTestFile(dir / "fd.csv"), "c,a\n3,0\n");
+  EXPECT_FALSE(sr.toCSV(FileDescriptor()));
   EXPECT_EQ(sr.files().size(), 2u);
   EXPECT_EQ(sr.size(), 1u);
 }
