@@ -15,6 +15,8 @@ namespace {
 
 Logger gLogger("SearchEvaluator");
 
+constexpr size_t MAX_NESTING = 500;
+
 bool searchLimitFlag(const char* key, bool dflt) {
   PropertiesMap stanza;
   if (!getLimitsStanza("search", stanza)) return dflt;
@@ -136,6 +138,11 @@ void SearchEvaluator::build(bool allowUnbalanced) {
   for (const Str& t : tok.tokens()) {
     gLogger.debug("looking at token '%s'", t.c_str());
     if (t == "(") {
+      // The tree is walked recursively; its depth must not be the input's
+      // to choose.
+      if (stack.size() > MAX_NESTING) {
+        throw SearchParsingException("Parentheses nested deeper than %zu", MAX_NESTING);
+      }
       ParseNodeGROUP* g = new ParseNodeGROUP(true);
       stack.back()->append(g);
       stack.push_back(g);

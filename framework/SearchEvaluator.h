@@ -69,7 +69,8 @@ class SearchEvaluator {
   // Parses `search` in `context` (which reads conf "fields"). With
   // `useCleaner` terms are cut by the process-wide cleaner. Unbalanced
   // "(" is closed at the end when allowed. Throws SearchParsingException
-  // for a malformed search, with nothing left allocated.
+  // for a malformed search, with nothing left allocated; parentheses more
+  // than 500 deep are "Parentheses nested deeper than 500".
   SearchEvaluator(const Str& search, const PropertyPagesContext& context, bool useCleaner,
                   bool allowUnbalanced);
   // The default root, no user or application, with the cleaner.

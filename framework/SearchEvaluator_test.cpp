@@ -122,6 +122,7 @@ TEST(SearchEvaluatorTest, GrammarTable) {
 }
 
 TEST(SearchEvaluatorTest, BadSearches) {
+  static const std::string kDeep(501, '(');
   const Case cases[] = {
       {"a=b=c", "Comparator '=' has an invalid term on the left hand side"},
       {"ip=300.0.0.0/8", "Invalid CIDR subnet: 300.0.0.0/8"},
@@ -167,6 +168,7 @@ TEST(SearchEvaluatorTest, BadSearches) {
       {"(a OR) b", "'OR' operator is missing a clause on the right hand side"},
       {"(OR a)", "'OR' operator is missing a clause on the left hand side"},
       {"a=b<c", "Comparator '<' has an invalid term on the left hand side"},
+      {kDeep.c_str(), "Parentheses nested deeper than 500"},
   };
   for (const Case& c : cases) {
     try {
@@ -179,6 +181,8 @@ TEST(SearchEvaluatorTest, BadSearches) {
 }
 
 TEST(SearchEvaluatorTest, UnbalancedAllowedAndMessages) {
+  const std::string deepest = std::string(500, '(') + "a" + std::string(500, ')');
+  EXPECT_EQ(SearchEvaluator(Str(deepest)).toString(), "(AND a)");
   SearchEvaluator ev(Str("(a OR b"), true);
   EXPECT_EQ(ev.toString(), "(OR a b)");
   EXPECT_THROW(SearchEvaluator(Str("a)"), true), SearchParsingException);
