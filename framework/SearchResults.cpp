@@ -11,11 +11,8 @@ namespace {
 
 Logger gLogger("SearchResults");
 
-constexpr const char* MV_PREFIX = SearchResults::MV_PREFIX;
-constexpr size_t MV_PREFIX_LEN = SearchResults::MV_PREFIX_LEN;
-
 Str mvName(const Str& name) {
-  Str s(MV_PREFIX);
+  Str s(SearchResults::MV_PREFIX);
   s.append(StrSegment(name));
   return s;
 }
