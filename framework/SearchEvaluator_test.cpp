@@ -5,7 +5,18 @@
 #include <functional>
 #include <random>
 
+#include "framework/SearchResultsInfo.h"
+#include "libbundle/testing/BundleTree.h"
+#include "util/WildcardList.h"
+#include "util/Timeval.h"
+
 namespace {
+
+StrVector squashAll(const StrVector& values) {
+  StrVector out;
+  for (const Str& v : values) out.push_back(squashed_str(v));
+  return out;
+}
 
 struct Case {
   const char* search;
@@ -111,6 +122,7 @@ TEST(SearchEvaluatorTest, GrammarTable) {
 }
 
 TEST(SearchEvaluatorTest, BadSearches) {
+  static const std::string kDeep(501, '(');
   const Case cases[] = {
       {"a=b=c", "Comparator '=' has an invalid term on the left hand side"},
       {"ip=300.0.0.0/8", "Invalid CIDR subnet: 300.0.0.0/8"},
@@ -156,6 +168,7 @@ TEST(SearchEvaluatorTest, BadSearches) {
       {"(a OR) b", "'OR' operator is missing a clause on the right hand side"},
       {"(OR a)", "'OR' operator is missing a clause on the left hand side"},
       {"a=b<c", "Comparator '<' has an invalid term on the left hand side"},
+      {kDeep.c_str(), "Parentheses nested deeper than 500"},
   };
   for (const Case& c : cases) {
     try {
@@ -168,14 +181,17 @@ TEST(SearchEvaluatorTest, BadSearches) {
 }
 
 TEST(SearchEvaluatorTest, UnbalancedAllowedAndMessages) {
+  const std::string deepest = std::string(500, '(') + "a" + std::string(500, ')');
+  EXPECT_EQ(SearchEvaluator(Str(deepest)).toString(), "(AND a)");
   SearchEvaluator ev(Str("(a OR b"), true);
   EXPECT_EQ(ev.toString(), "(OR a b)");
   EXPECT_THROW(SearchEvaluator(Str("a)"), true), SearchParsingException);
   SearchEvaluator q(Str("\"x::y\""));
-  std::map<Str, std::set<Str>> msgs;
-  q.getMessages(msgs);
-  EXPECT_EQ(msgs["DEBUG"],
-            std::set<Str>{"Searching for \"x::y\" will match literal pattern, not x=y"});
+  SearchResultsInfo info;
+  q.getMessages(info);
+  const char* kText = "Searching for \"x::y\" will match literal pattern, not x=y";
+  EXPECT_EQ(info.messages().at("DEBUG"), std::set<Str>{kText});
+  EXPECT_EQ(q.root()->messages().at("DEBUG").at("SEARCHEVALUATOR_COLON_DEPRECATED"), kText);
 }
 
 TEST(SearchEvaluatorTest, Tokenizer) {
@@ -242,11 +258,11 @@ TEST(SearchEvaluatorTest, MatchTable) {
   EXPECT_EQ(ev.isMatch(sr[1], {"host"}), 0);
   SearchResults copy;
   copy.append(sr);
-  EXPECT_FALSE(ev.filter(copy, {"host"}));
+  EXPECT_FALSE(ev.filter(copy, {"host"}, false));
   EXPECT_EQ(copy.size(), 2u);  // rows 0 and 2 wait on the ignored field
   SearchResults copy2;
   copy2.append(sr);
-  EXPECT_TRUE(ev.filter(copy2, {}));
+  EXPECT_TRUE(ev.filter(copy2, {}, false));
   ASSERT_EQ(copy2.size(), 1u);
   Str h;
   EXPECT_TRUE(copy2[0]->getValue(Str("host"), h));
@@ -260,11 +276,11 @@ TEST(SearchEvaluatorTest, LispyAndKeywords) {
   } cases[] = {
       {"a b", "(and a b)"},
       {"a OR NOT b", "(or a (not b))"},
-      {"x=1 y<3", "(and x::1 *)"},
+      {"x=1 y<3", "(and 1 *)"},  // x is not indexed: its value is a term
       {"x::Web", "(and x::web)"},
       {"\"a b\" c", "(and (and a b) c)"},
       {"NOT \"a* b\"", "(and *)"},
-      {"x!=1", "(and (not x::1))"},
+      {"x!=1", "(and *)"},  // another 1 may stand in the text
       {"a\\ b", "(and a\\ b)"},
   };
   for (const L& l : cases) {
@@ -339,7 +355,8 @@ bool refEval(const RandTree& t, const RefRow& r) {
       return r.words.count(t.text) > 0;
     case 1: {
       if (t.text[0] == 'f') {
-        if (r.f == nullptr) return false;
+        // A missing field holds where the comparison has no "or equal".
+        if (r.f == nullptr) return t.text == "f>2";
         double v = atof(r.f);
         if (t.text == "f=1") return v == 1;
         if (t.text == "f>2") return v > 2;
@@ -399,13 +416,14 @@ TEST(SearchEvaluatorTest, PropertiesAgainstReference) {
     SearchEvaluator neg{Str("NOT (" + s + ")")};
     for (size_t i = 0; i < refRows.size(); ++i) {
       int want = refEval(t, refRows[i]) ? 1 : 0;
-      ASSERT_EQ(ev.isMatch(base[i], {}), want) << s << " row " << i;
-      ASSERT_EQ(notnot.isMatch(base[i], {}), want) << s;
-      ASSERT_EQ(neg.isMatch(base[i], {}), 1 - want) << s;
+      // 2 (not proved) counts as a miss.
+      ASSERT_EQ(ev.isMatch(base[i], {}) == 1, want == 1) << s << " row " << i;
+      ASSERT_EQ(notnot.isMatch(base[i], {}) == 1, want == 1) << s;
+      ASSERT_EQ(neg.isMatch(base[i], {}) == 1, want == 0) << s;
     }
     SearchResults rows;
     rows.append(base);
-    ev.filter(rows, {});
+    ev.filter(rows, {}, false);
     size_t expectCount = 0;
     for (const RefRow& r : refRows) expectCount += refEval(t, r) ? 1 : 0;
     ASSERT_EQ(rows.size(), expectCount) << s;
@@ -418,8 +436,8 @@ TEST(SearchEvaluatorTest, PropertiesAgainstReference) {
     SearchEvaluator l2{Str("NOT ((" + a + ") OR (" + b + "))")};
     SearchEvaluator r2{Str("NOT (" + a + ") NOT (" + b + ")")};
     for (size_t i = 0; i < base.size(); ++i) {
-      ASSERT_EQ(l1.isMatch(base[i], {}), r1.isMatch(base[i], {})) << a << " / " << b;
-      ASSERT_EQ(l2.isMatch(base[i], {}), r2.isMatch(base[i], {})) << a << " / " << b;
+      ASSERT_EQ(l1.isMatch(base[i], {}) == 1, r1.isMatch(base[i], {}) == 1) << a << " / " << b;
+      ASSERT_EQ(l2.isMatch(base[i], {}) == 1, r2.isMatch(base[i], {}) == 1) << a << " / " << b;
     }
   }
 }
@@ -492,11 +510,11 @@ TEST(SearchEvaluatorTest, CmpVectorTrieAgreesWithEachComparison) {
       fast.add(a.back().get());
       slow.add(b.back().get());
     }
-    fast.optimize();
+    fast.optimize(Str("host"));
     StrVector values;
     for (size_t k = rng() % 4; k > 0; --k) values.push_back(Str(kValues[rng() % 10]));
-    fast.evaluate(values);
-    slow.evaluate(values);
+    fast.evaluate(squashAll(values), values);
+    slow.evaluate(squashAll(values), values);
     for (size_t i = 0; i < a.size(); ++i) {
       bool va = false, vb = false;
       ASSERT_TRUE(a[i]->getValue(va));
@@ -530,7 +548,7 @@ TEST(SearchEvaluatorTest, CidrValuesCompareAsSubnets) {
   for (const auto& c : kCases) {
     ParseNodeCMP cmp{Str(c.cmp)};
     cmp.setSides(Str("ip"), Str(c.value));
-    cmp.evaluate(StrVector{Str(c.row)});
+    cmp.evaluate(squashAll({Str(c.row)}), {Str(c.row)});
     bool v = false;
     ASSERT_TRUE(cmp.getValue(v));
     EXPECT_EQ(v, c.expect) << c.cmp << c.value << " against " << c.row;
@@ -538,14 +556,211 @@ TEST(SearchEvaluatorTest, CidrValuesCompareAsSubnets) {
   // The index cannot answer a subnet, so the predicate takes everything.
   ParseNodeCMP cmp{Str("=")};
   cmp.setSides(Str("ip"), Str("10.0.0.0/8"));
-  EXPECT_EQ(cmp.toLispyNode()->toString(), "*");
+  Timeval e, l;
+  EXPECT_EQ(cmp.toLispyNode(e, l)->toString(), "*");
   // Values of another shape stay wildcard values.
   ParseNodeCMP path{Str("=")};
   path.setSides(Str("uri"), Str("/a/*"));
-  path.evaluate(StrVector{Str("/a/b")});
+  path.evaluate(squashAll({Str("/a/b")}), {Str("/a/b")});
   bool v = false;
   ASSERT_TRUE(path.getValue(v));
   EXPECT_TRUE(v);
+}
+
+}  // namespace
+
+namespace {
+
+// One row per raw text (nullptr: no _raw); fields as given.
+struct EvalCase {
+  const char* search;
+  const char* raw;
+  int expect;
+};
+
+void checkEvalCases(const std::vector<EvalCase>& cases, const std::map<Str, Str>& fields = {}) {
+  for (const EvalCase& c : cases) {
+    SearchResults sr;
+    SearchResult* r = sr.addNewResult();
+    if (c.raw != nullptr) r->setValue(Str("_raw"), c.raw);
+    for (const auto& [k, v] : fields) r->setValue(k, v);
+    SearchEvaluator ev{Str(c.search)};
+    EXPECT_EQ(ev.isMatch(r, {}), c.expect) << c.search << " against " << (c.raw ? c.raw : "-");
+  }
+}
+
+TEST(SearchEvaluatorTest, TermsAgainstTokensOfTheRawText) {
+  checkEvalCases({
+      {"\"disk full\"", "a Disk full.", 1},
+      {"\"disk full\"", "disk fuller", 0},  // the phrase must end at a word's end
+      {"\"disk full\"", "the full disk", 0},
+      {"\"disk full\"", "xdisk full", 0},
+      {"\"disk * now\"", "disk is full now", 1},
+      {"\"a-b c\"", "x a-b c", 1},
+      {"\"\xff a\"", "x \xff a y", 1},  // not UTF-8: found without the check at its ends
+      {"CASE(Error)", "Error x", 1},
+      {"CASE(Error)", "error x", 0},
+      {"CASE(\"Disk Full\")", "a Disk Full", 1},
+      {"CASE(\"Disk Full\")", "a disk full", 0},
+      {"TERM(a.b)", "x a.b y", 1},
+      {"TERM(a.b)", "x a.bc y", 0},
+      {"web01", "host=web01.example", 1},  // a minor token
+      {"web0", "host=web01.example", 0},
+      {"web0*", "host=web01.example", 1},
+      {"\"host=web01.example,\"", "x host=web01.example, y", 1},  // quoted: a phrase
+      {"*", "   ", 1},
+      {"meta::all", "x", 1},
+      {"NOT error", "no errors", 1},
+      {"a OR b", "c", 2},  // an OR that never saw a true child is not proved
+      {"a OR b", "b", 1},
+      {"NOT (a OR b)", "c", 1},
+      {"error", "", 1},      // an empty raw cannot disqualify
+      {"NOT error", nullptr, 1},
+  });
+}
+
+// A row without the field: each comparison gets the inverse of its "or
+// equal" flag.
+TEST(SearchEvaluatorTest, MissingFieldTakesTheInverseOfOrEqual) {
+  checkEvalCases({
+      {"x=1", "r", 0},
+      {"x!=1", "r", 1},
+      {"x<1", "r", 1},
+      {"x<=1", "r", 0},
+      {"x>1", "r", 1},
+      {"x>=1", "r", 0},
+      {"x<5", "r", 1},
+      {"x>5", "r", 1},
+      {"NOT x<1", "r", 0},
+      {"x::1", "r", 0},
+      {"y=2", "r", 1},  // present: decided by value
+  }, {{"y", "2"}});
+}
+
+// The trie path of the callback and each term taking tokens by itself.
+TEST(SearchEvaluatorTest, TermTriesAgreeWithEachTermAlone) {
+  const char* kTerms[] = {"err*", "web01", "*01", "a*b", "\"disk full\"", "CASE(Up)", "x.y",
+                          "TERM(x.y)", "*", "d*k"};
+  const char* kWords[] = {"error", "Up", "up", "web01", "disk", "full", "x.y", "a-b", "ab", "dk"};
+  std::mt19937 rng(5);
+  const GenericCleaner cleaner;
+  for (int n = 0; n < 400; ++n) {
+    std::string raw;
+    for (size_t k = rng() % 6; k > 0; --k) raw += std::string(kWords[rng() % 10]) + " ";
+    if (raw.empty()) continue;
+    for (const char* t : kTerms) {
+      SearchEvaluator ev{Str(t)};
+      SearchResults sr;
+      SearchResult* row = sr.addNewResult();
+      row->setValue(Str("_raw"), raw);
+      ParseNodeTERM alone{Str(t)};
+      cleaner.clean(raw, alone);
+      if (alone.isPhrase()) {
+        Str low = squashed_str(raw);
+        alone.hit(low.data(), low.size());
+      }
+      bool found = false;
+      alone.getValue(found);
+      EXPECT_EQ(ev.isMatch(row, {}), found ? 1 : 0) << t << " in " << raw;
+    }
+  }
+}
+
+TEST(SearchEvaluatorTest, FieldSettingsShapeTheIndexPredicate) {
+  BundleTree tree;
+  tree.put("system/default/fields.conf",
+           "[host]\nINDEXED = true\n"
+           "[code]\nINDEXED_VALUE = false\n"
+           "[user]\nINDEXED_VALUE = s/^(\\w+)@.*/\\1/\n"
+           "[sess]\nINDEXED_VALUE = sid_<VALUE>\n"
+           "[bad]\nINDEXED_VALUE = s/(/x/\n");
+  const PropertyPagesContext ctx(tree.setup(), User(""), Str(""));
+  const struct {
+    const char* search;
+    const char* lispy;
+    const char* tree;
+  } kCases[] = {
+      {"host=Web01", "(and host::web01)", "(AND host::Web01)"},
+      {"NOT host=Web01", "(and (not host::web01))", "(AND NOT host::Web01)"},
+      {"code=42", "(and *)", "(AND code=42)"},
+      {"user=Bob@x.org", "(and bob)", "(AND user=Bob@x.org)"},
+      {"sess=9", "(and sid_9)", "(AND sess=9)"},
+      {"bad=1", "(and *)", "(AND bad=1)"},  // a sed that does not compile narrows nothing
+      {"other=\"a b.c\"", "(and (and a b.c))", "(AND other=\"a b.c\")"},
+  };
+  for (const auto& c : kCases) {
+    SearchEvaluator ev(Str(c.search), ctx, true, false);
+    EXPECT_EQ(ev.lispyQuery()->toString(), c.lispy) << c.search;
+    EXPECT_EQ(ev.toString(), c.tree) << c.search;
+  }
+}
+
+TEST(SearchEvaluatorTest, IndexesFieldsAndTimeBounds) {
+  SearchEvaluator ev(Str("index=Main NOT index=tmp (index=a OR x=1) err* NOT ok _time>=100 _time<200.5"));
+  std::set<Str> indexes, keywords, fields;
+  ev.getIndexes(indexes);
+  EXPECT_EQ(indexes, (std::set<Str>{"a", "main"}));
+  ev.getTypeaheadInfo(keywords, fields);
+  EXPECT_EQ(keywords, std::set<Str>{"err*"});
+  EXPECT_EQ(fields, (std::set<Str>{"_time", "index", "x"}));
+  Timeval earliest, latest;
+  ev.lispyQuery(earliest, latest);
+  EXPECT_EQ(earliest.tv_sec, 100);
+  EXPECT_EQ(latest.tv_sec, 201);
+  // Below an OR a bound holds for some matches only.
+  SearchEvaluator either(Str("_time>5 OR b"));
+  Timeval e2, l2;
+  EXPECT_EQ(either.lispyQuery(e2, l2)->toString(), "(or * b)");
+  EXPECT_EQ(e2.tv_sec, 0);
+  WildcardList required;
+  ev.setRequiredFields(required);
+  EXPECT_EQ(ev.requiredFields(), (std::set<Str>{"_raw", "_time", "index", "x"}));
+  EXPECT_TRUE(required.isHit(Str("_raw")));
+  EXPECT_FALSE(required.isHit(Str("y")));
+  SearchEvaluator noTerms(Str("x=1 *"));
+  WildcardList r2;
+  noTerms.setRequiredFields(r2);
+  EXPECT_EQ(noTerms.requiredFields(), std::set<Str>{"x"});
+}
+
+TEST(SearchEvaluatorTest, MappedKeysBooleansAndTries) {
+  SearchResults sr;
+  SearchResult* r = sr.addNewResult();
+  r->setValue(Str("h"), "web01");
+  r->setValue(Str("flag"), "1");
+  SearchEvaluator ev(Str("host=web* flag=true"));
+  EXPECT_EQ(ev.isMatch(r, {}), 0);  // no column "host", and "1" is not "true"
+  ev.initMappedKeys(sr, {{"host", "h"}});
+  ev.changeBoolStrToNum();
+  EXPECT_EQ(ev.toString(), "(AND host=web* flag=1)");
+  EXPECT_EQ(ev.isMatch(r, {}), 1);
+  ev.optimize(false);
+  EXPECT_EQ(ev.isMatch(r, {}), 1);
+  ev.optimizeByFields({{"host", true}});
+  EXPECT_EQ(ev.isMatch(r, {}), 1);
+  ev.initKeys(sr, true);  // back to names as they are
+  EXPECT_EQ(ev.isMatch(r, {}), 0);
+}
+
+}  // namespace
+
+namespace {
+
+// A row whose OR never saw a true child stays when fields are ignored, and
+// is reported as undecided.
+TEST(SearchEvaluatorTest, FilterKeepsUnprovedRowsWhileFieldsAreIgnored) {
+  for (const char* search : {"a OR b", "x=1 OR x=2"}) {
+    SearchResults sr;
+    SearchResult* r = sr.addNewResult();
+    r->setValue(Str("_raw"), "c");
+    r->setValue(Str("x"), "3");
+    SearchEvaluator ev{Str(search)};
+    EXPECT_EQ(ev.isMatch(r, {}), 2) << search;
+    EXPECT_FALSE(ev.filter(sr, {"unrelated"}, false)) << search;
+    EXPECT_EQ(sr.size(), 1u) << search;
+    EXPECT_TRUE(ev.filter(sr, {}, false)) << search;
+    EXPECT_EQ(sr.size(), 0u) << search;
+  }
 }
 
 }  // namespace

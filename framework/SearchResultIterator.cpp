@@ -59,6 +59,7 @@ FileBackedLineReader::FileBackedLineReader(const Pathname& path) {
 FileBackedLineReader::~FileBackedLineReader() = default;
 
 bool FileBackedLineReader::readline(Str& out) { return _reader->readline(out); }
+bool FileBackedLineReader::readlineKeepCR(Str& out) { return _reader->readlineKeepCR(out); }
 bool FileBackedLineReader::rewind() { return _reader->rewind(); }
 void FileBackedLineReader::close() { _reader->close(); }
 bool FileBackedLineReader::valid() const { return _reader->valid(); }

@@ -107,7 +107,8 @@ class CSVFileWriter : public CSVWriter {
   FileDescriptor _fd;
 };
 
-// Compresses into a borrowed descriptor.
+// Compresses into a borrowed descriptor. finish() ends the gzip member
+// once; later calls give the first one's result.
 class CSVGZWriter : public CSVWriter {
  public:
   explicit CSVGZWriter(FileDescriptor fd);
@@ -117,6 +118,8 @@ class CSVGZWriter : public CSVWriter {
 
  private:
   WritableGzipFileDescriptor* _gz;
+  bool _finished = false;
+  bool _finishedOk = false;
 };
 
 // Collects into a string.
@@ -209,8 +212,9 @@ class SearchResults {
   // trailing empty slots. Returns the number of columns dropped.
   size_t collapse();
 
-  // +1 when the `_time` values never decrease, -1 when they never
-  // increase (and some decrease), 0 when mixed or fewer than two times.
+  // +1 when the `_time` values never decrease (all equal included), -1
+  // when they never increase and some decrease, 0 when mixed or fewer
+  // than two times.
   int guessTimeOrder() const;
 
   // CSV. Reading appends `count` records from record `start`; `external`
@@ -226,6 +230,10 @@ class SearchResults {
   // physical lines while a quote is open.
   bool fromCSV(LineReader& reader, size_t start = 0, size_t count = SIZE_MAX,
                bool external = false);
+  // One record into `out`: physical lines joined by "\n" while a quote is
+  // open ("!inquote" holds at the end of a complete record), carriage
+  // returns kept. False at the end of the input.
+  static bool readCSVLine(LineReader& reader, Str& out);
   // Reads from the stream's position; the stream stays the caller's, open.
   bool fromCSV(FileStar f, size_t start = 0, size_t count = SIZE_MAX, bool external = false);
   // Writes `fields` (all keys when empty, each with its "__mv_" companion
@@ -234,10 +242,19 @@ class SearchResults {
              bool header = true, bool dropCR = false) const;
   bool toCSV(Str& out, const StrVector& fields = StrVector(), size_t count = SIZE_MAX,
              bool header = true, bool dropCR = false) const;
+  // Plain CSV to a borrowed descriptor, from its current offset; false
+  // with errno set when a write fails.
+  bool toCSV(FileDescriptor fd, const StrVector& fields = StrVector(), size_t count = SIZE_MAX,
+             bool header = true, bool dropCR = false) const;
   // Atomic: writes "<path>.tmp" (gzipped when the name ends in ".gz"),
   // retrying, then renames it onto `path`.
   bool toCSV(const Pathname& path, const StrVector& fields = StrVector(),
              size_t count = SIZE_MAX, bool header = true, bool dropCR = false) const;
+
+  // Writes the rows in memory and then those of every listed file, in
+  // order, to one CSV at `path` (atomically, as toCSV); the columns are
+  // all those seen, in the order first seen. The files stay as they are.
+  bool writeAllToCSV(const Pathname& path);
 
   // Cuts the CSV at `path` into files of `chunkSize` records beside it,
   // each with the header, named "srsplit_<n>_<name>" (same extension, so
@@ -251,11 +268,36 @@ class SearchResults {
   // False, logged "Could not create directory \"%s\": %m", on failure.
   bool createTempDir(const Pathname& parent);
   const Pathname& tempDir() const { return _tempDir; }
+  // "srfiletmp_" and 16 random hex digits, then ".csv", or ".csv.gz" when
+  // `gzip`: "srfiletmp_3f09c2a17b44e0d5.csv.gz". Never the same twice in
+  // practice; no file is touched.
+  static Str getRandomFileName(bool gzip);
+  // Creates a new empty file of a random name (as above) inside `dir`,
+  // never one that exists already (a name taken meanwhile is drawn again),
+  // and sets `out` to it. False, errno set and `out` untouched, when the
+  // directory refuses it. The file is the caller's: it is not in the file
+  // list until addFile.
+  static bool createNewFileInDir(const Pathname& dir, bool gzip, Pathname& out);
   // Writes the rows to a new "srtmpfile_<n>.csv.gz" in the temporary
   // directory (created under $TMPDIR or /tmp if there is none), adds it to
   // the file list and frees the rows (the columns stay). False, rows kept,
   // when it cannot be written.
   bool writeFile();
+  // The current file: rows are appended to it a batch at a time and it
+  // joins the file list when closed. openFile fails (logged "Unable to
+  // open output file: path=%s error=%m") when it cannot be created or a
+  // file is open already. appendCSV writes the rows in memory and frees
+  // them; the first batch fixes the columns (a header line), and later
+  // batches write those columns by name. closeFile finishes the file
+  // (false when a write failed). A file still open when the table dies is
+  // logged "CSV File still open at SearchResults destructor." and closed.
+  bool openFile(const Pathname& path);
+  bool appendCSV();
+  bool closeFile();
+  bool hasOpenFile() const { return _openWriter != nullptr; }
+  // Keeps the listed files on disk for debugging: removeFiles() then logs
+  // "For debugging, temporary file not deleted: %s" for each instead.
+  void setKeepFiles(bool keep) { _keepFiles = keep; }
   // Appends `path` to the file list; it is deleted with the others unless
   // marked copy-on-write.
   void addFile(const Pathname& path) { _files.push_back(path); }
@@ -275,6 +317,10 @@ class SearchResults {
   // _removeDirs(), not a temporary directory: %s".
   void removeFiles();
 
+  // The companion column of a multi-valued field "x" is MV_PREFIX + "x".
+  static constexpr char MV_PREFIX[] = "__mv_";
+  static constexpr size_t MV_PREFIX_LEN = sizeof(MV_PREFIX) - 1;
+
   // The message key of the last failure, "" when none.
   const Str& lastErrorKey() const { return _lastErrorKey; }
 
@@ -287,7 +333,9 @@ class SearchResults {
   // Cuts one record into fields; `present[i]` false for an empty unquoted
   // field (a missing value). False for a corrupt record.
   static bool splitCSVLine(const StrSegment& line, StrVector& fields, std::vector<bool>& present);
-  // True while a quote opened in `text` is still open at its end.
+  // True while a quote that opened a field of the record `text` is still
+  // open at its end: `"a,b` and `"a""` are open; `a"b` (a quote inside a
+  // bare field is data), `"a"` and `""` are not.
   static bool inQuote(const StrSegment& text);
 
   // "maxresultrows" in limits stanza "searchresults".
@@ -299,6 +347,7 @@ class SearchResults {
   friend class SearchResult;
   void genFieldList(const StrVector& fields, std::vector<size_t>& out) const;
   bool readCSVHeader(const StrSegment& line, std::vector<size_t>& columns, bool external);
+  bool fromText(const Str& text, const char* source, size_t start, size_t count, bool external);
   bool fromRecords(const std::function<bool(Str&)>& nextRecord, const char* source, size_t start,
                    size_t count, bool external);
   bool writeOnce(const Pathname& tmp, const Str& bytes, bool gzip) const;
@@ -312,6 +361,11 @@ class SearchResults {
   size_t _nextFile = 0;
   size_t _fileSeq = 0;
   bool _cowFiles = false;
+  bool _keepFiles = false;
+  std::unique_ptr<ScopedCSVWriter> _openWriter;
+  Pathname _openPath;
+  StrVector _openColumns;
+  bool _openFailed = false;
   mutable Str _lastErrorKey;
 };
 
@@ -361,6 +415,7 @@ class FileBackedLineReader : public LineReader {
   ~FileBackedLineReader() override;
 
   bool readline(Str& out) override;
+  bool readlineKeepCR(Str& out) override;
   bool rewind() override;
   void close() override;
   bool valid() const override;

@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <random>
 
 #include "framework/SearchResults.h"
 #include "util/Logger.h"
@@ -15,6 +16,10 @@ namespace {
 Logger gLogger("SearchResults");
 
 const char TEMP_DIR_PREFIX[] = "srtemp_";
+const char RANDOM_FILE_PREFIX[] = "srfiletmp_";
+// A name drawn twice in a row is taken by someone else's file; give up
+// well before that is likely to be chance.
+constexpr int CREATE_ATTEMPTS = 16;
 
 bool isOurTempDir(const Pathname& dir) {
   size_t slash = dir.rfind('/');
@@ -32,6 +37,31 @@ bool SearchResults::createTempDir(const Pathname& parent) {
   }
   _tempDir = Pathname(templ);
   return true;
+}
+
+Str SearchResults::getRandomFileName(bool gzip) {
+  // One engine per thread, seeded from the system, so that concurrent
+  // tables need no lock and processes forked from one parent still differ.
+  thread_local std::mt19937_64 engine{(static_cast<uint64_t>(std::random_device{}()) << 32) ^
+                                      std::random_device{}() ^
+                                      static_cast<uint64_t>(::getpid())};
+  char name[64];
+  snprintf(name, sizeof(name), "%s%016llx%s", RANDOM_FILE_PREFIX,
+           static_cast<unsigned long long>(engine()), gzip ? ".csv.gz" : ".csv");
+  return Str(name);
+}
+
+bool SearchResults::createNewFileInDir(const Pathname& dir, bool gzip, Pathname& out) {
+  for (int attempt = 0; attempt < CREATE_ATTEMPTS; ++attempt) {
+    Pathname path = dir / getRandomFileName(gzip);
+    ScopedFileDescriptor fd(path.openCreateOnly(Pathname::CREATE_NORMAL));
+    if (fd.valid()) {
+      out = path;
+      return true;
+    }
+    if (errno != EEXIST) return false;
+  }
+  return false;
 }
 
 bool SearchResults::writeFile() {
@@ -68,6 +98,10 @@ bool SearchResults::deleteFile(const Pathname& which) {
     gLogger.debug("Copy on write file not deleted: %s", path.c_str());
     return true;
   }
+  if (_keepFiles) {
+    gLogger.info("For debugging, temporary file not deleted: %s", path.c_str());
+    return true;
+  }
   if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
     gLogger.error("Error deleting file: %s", path.c_str());
     return false;
@@ -79,7 +113,9 @@ void SearchResults::removeFiles() {
   while (!_files.empty()) deleteFile(_files.back());
   _nextFile = 0;
   if (_tempDir.empty()) return;
-  if (!isOurTempDir(_tempDir)) {
+  if (_keepFiles) {
+    gLogger.info("For debugging, temporary file not deleted: %s", _tempDir.c_str());
+  } else if (!isOurTempDir(_tempDir)) {
     gLogger.error("in _removeDirs(), not a temporary directory: %s", _tempDir.c_str());
   } else if (::rmdir(_tempDir.c_str()) != 0 && errno != ENOENT) {
     gLogger.error("Failed to remove temporary directory: %s", _tempDir.c_str());

@@ -5,8 +5,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <functional>
 #include <random>
+#include <set>
 
 #include "util/Timeval.h"
 #include "util/testing/LogCapture.h"
@@ -157,7 +160,8 @@ TEST(SearchResultsTest, GuessTimeOrder) {
     std::vector<const char*> times;
     int order;
   } cases[] = {{{"1", "2", "2", "5"}, 1}, {{"9", "3.5", "1"}, -1}, {{"1", "3", "2"}, 0},
-               {{"4"}, 0},                 {{"x", "1", "y", "2"}, 1}};
+               {{"4"}, 0},                 {{"x", "1", "y", "2"}, 1},
+               {{"2", "2", "2"}, 1}};  // never decreasing, though never rising
   for (const Case& c : cases) {
     SearchResults sr;
     for (const char* t : c.times) sr.addNewResult()->setValue(Str("_time"), t);
@@ -525,18 +529,54 @@ TEST(SearchResultsTest, ReadersAgreeWithStringParser) {
   EXPECT_TRUE(f.readline(rest));  // the stream stays open where reading stopped
 }
 
-// Line readers fold "\r\n" into "\n", inside a quoted value too; only the
-// whole-text parser keeps it.
-TEST(SearchResultsTest, LineReadersFoldCrLfInsideQuotes) {
-  const Str csv("v\n\"a\r\nb\"\n");
-  SearchResults whole, byLine;
-  ASSERT_TRUE(whole.fromCSV(csv));
-  StringLineReader lines(csv);
-  ASSERT_TRUE(byLine.fromCSV(lines));
-  ASSERT_EQ(whole.size(), 1u);
-  ASSERT_EQ(byLine.size(), 1u);
-  EXPECT_EQ(rowsOf(whole)[0].at("v"), "a\r\nb");
-  EXPECT_EQ(rowsOf(byLine)[0].at("v"), "a\nb");
+// A carriage return inside a quoted value is data: every reader gives the
+// value back byte for byte, while the "\r\n" that ends a record goes.
+TEST(SearchResultsTest, EveryReaderKeepsCrLfInsideQuotes) {
+  TestTempDir dir;
+  writeTestFile(dir / "make.py",
+                "import csv,sys,gzip\n"
+                "rows=[['v','w'],['a\\r\\nb','x'],['\\r','c\\rd\\n'],['e\\r\\n','f']]\n"
+                "with open(sys.argv[1],'w',newline='') as f: csv.writer(f).writerows(rows)\n"
+                "with gzip.open(sys.argv[2],'wt',newline='') as f: csv.writer(f).writerows(rows)\n");
+  const Pathname p = dir / "crlf.csv", g = dir / "crlf.csv.gz";
+  ASSERT_EQ(runShell("python3 " + std::string(dir / "make.py") + " " + std::string(p) + " " +
+                     std::string(g)),
+            0);
+  const std::vector<Row> expect = {{{"v", "a\r\nb"}, {"w", "x"}},
+                                   {{"v", "\r"}, {"w", "c\rd\n"}},
+                                   {{"v", "e\r\n"}, {"w", "f"}}};
+  const Str text = readTestFile(p);
+  ASSERT_NE(text.find("\"a\r\nb\",x\r\n"), Str::npos);  // Python ends records with CRLF
+  const std::vector<std::pair<const char*, std::function<bool(SearchResults&)>>> kReaders = {
+      {"string", [&](SearchResults& sr) { return sr.fromCSV(text); }},
+      {"path", [&](SearchResults& sr) { return sr.fromCSV(p); }},
+      {"gzip path", [&](SearchResults& sr) { return sr.fromCSV(g); }},
+      {"string lines",
+       [&](SearchResults& sr) {
+         StringLineReader r(text);
+         return sr.fromCSV(r);
+       }},
+      {"file lines",
+       [&](SearchResults& sr) {
+         FileBackedLineReader r(p);
+         return sr.fromCSV(r);
+       }},
+      {"gzip lines",
+       [&](SearchResults& sr) {
+         FileBackedLineReader r(g);
+         return sr.fromCSV(r);
+       }},
+      {"stream",
+       [&](SearchResults& sr) {
+         ScopedFileStar f(p, "r");
+         return sr.fromCSV(static_cast<FileStar&>(f));
+       }},
+  };
+  for (const auto& [name, read] : kReaders) {
+    SearchResults sr;
+    ASSERT_TRUE(read(sr)) << name;
+    EXPECT_EQ(rowsOf(sr), expect) << name;
+  }
 }
 
 TEST(SearchResultsTest, ReaderFailures) {
@@ -559,6 +599,15 @@ TEST(SearchResultsTest, ReaderFailures) {
   SearchResults sr;
   EXPECT_TRUE(sr.fromCSV(lines));
   EXPECT_LE(sr.size(), 1u);
+  // A quote open at the end: the whole text and the lines agree on where
+  // the record stops.
+  for (const char* text : {"v\n1v\"\n", "v\n1v\"\n\n", "v\n1v\"\r\n", "v\n\"x\n"}) {
+    SearchResults whole, byLine;
+    ASSERT_TRUE(whole.fromCSV(Str(text)));
+    StringLineReader r{StrSegment(text)};
+    ASSERT_TRUE(byLine.fromCSV(r));
+    EXPECT_EQ(rowsOf(whole), rowsOf(byLine)) << text;
+  }
 }
 
 TEST(SearchResultsTest, IteratorAndInserter) {
@@ -668,6 +717,172 @@ TEST(SearchResultsTest, FileFailures) {
   EXPECT_TRUE(sr.deleteFile(dir.path() / "never-existed.csv"));
   sr.addFile(dir.path() / "gone.csv");
   EXPECT_FALSE(sr.nextFile());  // unreadable file ends the walk
+}
+
+}  // namespace
+
+namespace {
+
+TEST(SearchResultsTest, RandomFileNamesAndNewFiles) {
+  for (bool gzip : {false, true}) {
+    const Str name = SearchResults::getRandomFileName(gzip);
+    const std::string ext = gzip ? ".csv.gz" : ".csv";
+    ASSERT_EQ(name.size(), 10 + 16 + ext.size()) << name;
+    EXPECT_EQ(name.compare(0, 10, "srfiletmp_"), 0) << name;
+    EXPECT_EQ(name.find_first_not_of("0123456789abcdef", 10), 26u) << name;
+    EXPECT_EQ(name.substr(26), ext) << name;
+  }
+  TestTempDir dir;
+  std::set<std::string> made;
+  for (int i = 0; i < 50; ++i) {
+    Pathname p;
+    ASSERT_TRUE(SearchResults::createNewFileInDir(dir.path(), i % 2 == 1, p));
+    EXPECT_EQ(std::string(p).rfind(std::string(dir.path()) + "/srfiletmp_", 0), 0u) << p;
+    EXPECT_TRUE(p.exists()) << p;
+    EXPECT_EQ(readTestFile(p), "") << p;
+    made.insert(p);
+  }
+  EXPECT_EQ(made.size(), 50u);
+  Pathname untouched("keep");
+  errno = 0;
+  EXPECT_FALSE(SearchResults::createNewFileInDir(dir / "absent", false, untouched));
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(untouched, "keep");
+}
+
+}  // namespace
+
+namespace {
+
+TEST(SearchResultsTest, ReadCSVLineJoinsLinesWhileAQuoteIsOpen) {
+  const char* kText = "a,\"b\r\nc\"\r\n\"\"\"x\"\n\"open\nlast";
+  StringLineReader r{StrSegment(kText)};
+  const std::vector<std::string> kRecords = {"a,\"b\r\nc\"\r", "\"\"\"x\"", "\"open\nlast"};
+  Str rec;
+  for (const std::string& want : kRecords) {
+    ASSERT_TRUE(SearchResults::readCSVLine(r, rec));
+    EXPECT_EQ(rec, want);
+  }
+  EXPECT_FALSE(SearchResults::readCSVLine(r, rec));
+}
+
+TEST(SearchResultsTest, OpenFileTakesBatchesAndJoinsTheFileList) {
+  TestTempDir dir;
+  for (const char* leaf : {"batches.csv", "batches.csv.gz"}) {
+    const Pathname p = dir / leaf;
+    SearchResults sr;
+    ASSERT_TRUE(sr.openFile(p)) << leaf;
+    EXPECT_FALSE(sr.openFile(dir / "second.csv"));  // one at a time
+    sr.addNewResult()->setValue(Str("a"), "1");
+    SearchResult* r = sr.addNewResult();
+    r->setValue(Str("a"), "2");
+    r->setMultiValues(Str("b"), {"x", "y"}, "\n");
+    ASSERT_TRUE(sr.appendCSV());
+    EXPECT_EQ(sr.size(), 0u);
+    sr.addNewResult()->setValue(Str("b"), "z");
+    sr.addNewResult()->setValue(Str("c"), "dropped");  // not among the first batch's columns
+    ASSERT_TRUE(sr.appendCSV());
+    ASSERT_TRUE(sr.closeFile());
+    EXPECT_FALSE(sr.hasOpenFile());
+    ASSERT_EQ(sr.files(), std::vector<Pathname>{p});
+    sr.setCowFiles(true);  // keep it for reading back
+    SearchResults back;
+    ASSERT_TRUE(back.fromCSV(p)) << leaf;
+    EXPECT_EQ(rowsOf(back), (std::vector<Row>{{{"a", "1"}},
+                                             {{"a", "2"}, {"b", "x\ny"}, {"__mv_b", "$x$;$y$"}},
+                                             {{"b", "z"}},
+                                             {}}))
+        << leaf;
+  }
+}
+
+TEST(SearchResultsTest, FileLifecycleMessages) {
+  ScopedLogCapture log("SearchResults", "%m%n");
+  TestTempDir dir;
+  {
+    SearchResults sr;
+    ASSERT_TRUE(sr.openFile(dir / "left.csv"));
+    sr.addNewResult()->setValue(Str("a"), "1");
+    ASSERT_TRUE(sr.appendCSV());
+    sr.setKeepFiles(true);
+  }
+  EXPECT_NE(log.text().find("CSV File still open at SearchResults destructor.\n"), std::string::npos);
+  EXPECT_NE(log.text().find("For debugging, temporary file not deleted: " +
+                            std::string(dir / "left.csv")),
+            std::string::npos);
+  EXPECT_EQ(readTestFile(dir / "left.csv"), "a\n1\n");
+}
+
+TEST(SearchResultsTest, WriteAllToCSVJoinsMemoryAndFiles) {
+  TestTempDir dir;
+  SearchResults sr;
+  ASSERT_TRUE(sr.createTempDir(dir.path()));
+  sr.addNewResult()->setValue(Str("a"), "1");
+  ASSERT_TRUE(sr.writeFile());
+  sr.addNewResult()->setValue(Str("b"), "2");
+  ASSERT_TRUE(sr.writeFile());
+  SearchResult* r = sr.addNewResult();
+  r->setValue(Str("c"), "3");
+  r->setValue(Str("a"), "0");
+  const Pathname all = dir / "all.csv";
+  ASSERT_TRUE(sr.writeAllToCSV(all));
+  EXPECT_EQ(readTestFile(all), "a,b,c\n0,,3\n1,,\n,2,\n");  // spilled rows keep the columns
+  {
+    ScopedFileDescriptor fd(Pathname(dir / "fd.csv").openCreateOrReplace(Pathname::CREATE_NORMAL));
+    ASSERT_TRUE(fd.valid());
+    ASSERT_TRUE(sr.toCSV(FileDescriptor(fd), {"c", "a"}));
+  }
+  EXPECT_EQ(readTestFile(dir / "fd.csv"), "c,a\n3,0\n");
+  EXPECT_FALSE(sr.toCSV(FileDescriptor()));
+  EXPECT_EQ(sr.files().size(), 2u);
+  EXPECT_EQ(sr.size(), 1u);
+}
+
+}  // namespace
+
+namespace {
+
+// A quote opens a value only at the start of a field; anywhere else it is
+// data and joins no lines.
+TEST(SearchResultsTest, QuoteInsideABareFieldOpensNothing) {
+  const struct {
+    const char* text;
+    std::vector<Row> rows;
+  } kCases[] = {
+      {"x,y\na\"b,c\n1,2\n3,4\n",
+       {{{"x", "a\"b"}, {"y", "c"}}, {{"x", "1"}, {"y", "2"}}, {{"x", "3"}, {"y", "4"}}}},
+      {"x,y\na\"b,c\n", {{{"x", "a\"b"}, {"y", "c"}}}},
+      {"x,y\n1,ab\"\n\"c\",d\n", {{{"x", "1"}, {"y", "ab\""}}, {{"x", "c"}, {"y", "d"}}}},
+      {"x,y\n\"a\"\"\n\",b\n", {{{"x", "a\"\n"}, {"y", "b"}}}},  // "" inside stays open
+  };
+  for (const auto& c : kCases) {
+    SearchResults whole, byLine;
+    ASSERT_TRUE(whole.fromCSV(Str(c.text))) << c.text;
+    StringLineReader r{StrSegment(c.text)};
+    ASSERT_TRUE(byLine.fromCSV(r)) << c.text;
+    EXPECT_EQ(rowsOf(whole), c.rows) << c.text;
+    EXPECT_EQ(rowsOf(byLine), c.rows) << c.text;
+  }
+  const struct {
+    const char* text;
+    bool open;
+  } kQuote[] = {{"\"a,b", true}, {"\"a\"\"", true}, {"x,\"", true}, {"a\"b", false},
+                {"\"a\"", false}, {"\"\"", false}, {"\"a\"b\"", false}, {"", false}};
+  for (const auto& q : kQuote) EXPECT_EQ(SearchResults::inQuote(Str(q.text)), q.open) << q.text;
+}
+
+TEST(SearchResultsTest, InconsistentColumnsReportNamesTheFile) {
+  ScopedLogCapture log("SearchResults", "%m%n");
+  TestTempDir dir;
+  const Pathname p = dir / "ragged.csv";
+  writeTestFile(p, "x,y\n1,2\n3\n4,5,6\n7,8\n");
+  SearchResults sr;
+  ASSERT_TRUE(sr.fromCSV(p));
+  EXPECT_EQ(sr.size(), 4u);
+  EXPECT_NE(log.text().find("While reading file '" + std::string(p) +
+                            "', encountered 2 inconsistent number of column errors."),
+            std::string::npos)
+      << log.text();
 }
 
 }  // namespace

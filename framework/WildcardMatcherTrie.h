@@ -4,47 +4,39 @@
 #pragma once
 
 #include <cstddef>
-#include <map>
 #include <memory>
 #include <utility>
 #include <vector>
 
 #include "util/Str.h"
 #include "util/StrSegment.h"
+#include "util/TrieNode.h"
 #include "util/WildcardMatcher.h"
-
-// One node per prefix byte; entries sit at the node their prefix ends on.
-template <typename T>
-struct TrieNode {
-  std::map<unsigned char, std::unique_ptr<TrieNode<T>>> children;
-  std::vector<std::pair<WildcardMatcher*, T>> entries;
-
-  ~TrieNode() {
-    for (auto& e : entries) delete e.first;
-  }
-};
 
 // Const methods are safe from any thread at once; insert needs the trie to
 // itself. Values are copied in and handed back by copy (pointers suit).
 //
 // Matching is WildcardMatcher's: whole values, "*" any run of bytes, case
 // as given. "ab*" and "ab" both sit under the node "a"-"b"; "*x" sits at the
-// root and is tried against every value.
+// root and is tried against every value. A pattern without "*" is decided
+// by the walk alone: it counts only where the value ends at its node.
 template <typename T>
 class WildcardMatcherTrie {
  public:
+  using Entry = std::pair<WildcardMatcher*, T>;
+
   // Adds `pattern` with `value`; a pattern may be added more than once.
   void insert(const Str& pattern, const T& value) {
-    size_t star = pattern.find('*');
-    size_t prefixLen = star == Str::npos ? pattern.size() : star;
-    TrieNode<T>* node = &_root;
+    const size_t star = pattern.find('*');
+    const size_t prefixLen = star == Str::npos ? pattern.size() : star;
+    TrieNode<Entry>* node = &_root;
     for (size_t i = 0; i < prefixLen; ++i) {
-      auto& child = node->children[static_cast<unsigned char>(pattern[i])];
-      if (!child) child = std::make_unique<TrieNode<T>>();
-      node = child.get();
+      bool created;
+      node = node->getOrAddChild(static_cast<unsigned char>(pattern[i]), &created);
     }
-    node->entries.emplace_back(new WildcardMatcher(pattern.c_str()), value);
-    ++_size;
+    _matchers.push_back(std::make_unique<WildcardMatcher>(pattern.c_str()));
+    node->entries().emplace_back(Entry(_matchers.back().get(), value), star == Str::npos);
+    if (prefixLen < _minPrefixLen || _matchers.size() == 1) _minPrefixLen = prefixLen;
   }
 
   // Appends to `out` the value of every pattern matching `text`, shorter
@@ -52,27 +44,31 @@ class WildcardMatcherTrie {
   // number appended.
   size_t find(const StrSegment& text, std::vector<T>& out) const {
     size_t found = 0;
-    const TrieNode<T>* node = &_root;
+    const TrieNode<Entry>* node = &_root;
     for (size_t depth = 0;; ++depth) {
-      for (const auto& e : node->entries) {
-        size_t s, t;
-        if (e.first->isMatch(text, s, t)) {
-          out.push_back(e.second);
+      const bool atEnd = depth == text.size();
+      for (const auto& [entry, wholeOnly] : node->entries()) {
+        size_t s, e;
+        if (wholeOnly ? atEnd : entry.first->isMatch(text, s, e)) {
+          out.push_back(entry.second);
           ++found;
         }
       }
-      if (depth == text.size()) break;
-      auto it = node->children.find(static_cast<unsigned char>(text.data()[depth]));
-      if (it == node->children.end()) break;
-      node = it->second.get();
+      if (atEnd) break;
+      node = node->getChild(static_cast<unsigned char>(text.data()[depth]));
+      if (node == nullptr) break;
     }
     return found;
   }
 
-  size_t size() const { return _size; }
-  bool empty() const { return _size == 0; }
+  size_t size() const { return _matchers.size(); }
+  bool empty() const { return _matchers.empty(); }
+  // The shortest literal prefix of any pattern: a text shorter than it
+  // matches nothing. 0 when empty.
+  size_t minPrefixLength() const { return _minPrefixLen; }
 
  private:
-  TrieNode<T> _root;
-  size_t _size = 0;
+  TrieNode<Entry> _root;
+  std::vector<std::unique_ptr<WildcardMatcher>> _matchers;
+  size_t _minPrefixLen = 0;
 };

@@ -1,5 +1,6 @@
-// CSV text of any shape is read without crashing, and whatever was read
-// survives a write and a second read unchanged.
+// CSV text of any shape is read without crashing, the same by lines as
+// whole, and whatever was read survives a write and a second read
+// unchanged.
 #include <cstdint>
 #include <cstdlib>
 
@@ -9,6 +10,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Str text(reinterpret_cast<const char*>(data), size);
   SearchResults first;
   if (!first.fromCSV(text, 0, SIZE_MAX, (size & 1) != 0)) return 0;
+  StringLineReader lines(text);
+  SearchResults byLine;
+  if (!byLine.fromCSV(lines, 0, SIZE_MAX, (size & 1) != 0)) abort();
+  Str a, b;
+  first.toCSV(a);
+  byLine.toCSV(b);
+  if (a != b) abort();
   Str written;
   first.toCSV(written);
   SearchResults second;

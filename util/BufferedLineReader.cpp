@@ -9,6 +9,14 @@
 #include "util/Assert.h"
 
 bool BufferedLineReader::readline(Str& out) {
+  if (!nextLine(out)) return false;
+  if (!out.empty() && out.back() == '\r') out.pop_back();
+  return true;
+}
+
+bool BufferedLineReader::readlineKeepCR(Str& out) { return nextLine(out); }
+
+bool BufferedLineReader::nextLine(Str& out) {
   out.clear();
   bool gathered = false;
   for (;;) {
@@ -37,7 +45,6 @@ bool BufferedLineReader::readline(Str& out) {
     _p = _buf;
     _end = _buf + rv;
   }
-  if (!out.empty() && out.back() == '\r') out.pop_back();
   return true;
 }
 

@@ -25,6 +25,8 @@ class BufferedLineReader : public LineReader {
   // its end. A last line without a line feed is delivered; false at the end
   // (or a read error) with nothing gathered.
   bool readline(Str& out) override;
+  // As readline, with the carriage return left in place.
+  bool readlineKeepCR(Str& out) override;
   // seekDirectly(0), then an empty buffer and a total of 0; false when the
   // source cannot seek.
   bool rewind() override;
@@ -47,6 +49,8 @@ class BufferedLineReader : public LineReader {
   void resetBuffer(file_offset_t total);
 
  private:
+  // The next line without its line feed, bytes otherwise untouched.
+  bool nextLine(Str& out);
   char _buf[BUF_SIZE];
   char* _p;
   char* _end;

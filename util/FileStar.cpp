@@ -69,7 +69,7 @@ int FileStar::format(const char* fmt, ...) const {
   return rv;
 }
 
-bool FileStar::readline(Str& out) const {
+bool FileStar::readline(Str& out, bool keepCR) const {
   out.clear();
   const off_t pos = ftello(_f);
   const bool seekable = pos >= 0;
@@ -81,7 +81,7 @@ bool FileStar::readline(Str& out) const {
   }
   if (!out.empty() && out.back() == '\n') {
     out.pop_back();
-    if (!out.empty() && out.back() == '\r') out.pop_back();
+    if (!keepCR && !out.empty() && out.back() == '\r') out.pop_back();
   }
   if (!out.empty()) return true;
   return !feof(_f) && !ferror(_f);

@@ -44,8 +44,9 @@ class FileStar {
   // carriage return ahead of it. NUL bytes inside the line are kept when
   // the stream can tell its position (files); a pipe is read byte by byte.
   // True for a non-empty line, and for an empty one unless the end or an
-  // error is flagged: "a\n\nb" gives "a", "", "b", then false.
-  bool readline(Str& out) const;
+  // error is flagged: "a\n\nb" gives "a", "", "b", then false. With
+  // `keepCR` the carriage return stays: "a\r\n" gives "a\r".
+  bool readline(Str& out, bool keepCR = false) const;
 
   // True when already closed; else fclose's success. The pointer is null
   // afterwards whatever happened.

@@ -10,8 +10,9 @@ void LineReader::close() {}
 bool LineReader::valid() const { return true; }
 file_offset_t LineReader::curPos() const { return -1; }
 bool LineReader::seek_set(file_offset_t) { return false; }
+bool LineReader::readlineKeepCR(Str& out) { return readline(out); }
 
-bool StringLineReader::readline(StrSegment& out) {
+bool StringLineReader::nextLine(StrSegment& out, bool keepCR) {
   if (_pos >= _s.size()) {
     kassert(_pos == _s.size());
     out.clear();
@@ -20,7 +21,7 @@ bool StringLineReader::readline(StrSegment& out) {
   size_t end = _s.find('\n', _pos);
   const size_t next = end == StrSegment::npos ? _s.size() : end + 1;
   if (end == StrSegment::npos) end = _s.size();
-  if (end > _pos && _s[end - 1] == '\r') --end;
+  if (!keepCR && end > _pos && _s[end - 1] == '\r') --end;
   out.assign(_s.data() + _pos, end - _pos);
   _pos = next;
   return true;
@@ -29,6 +30,13 @@ bool StringLineReader::readline(StrSegment& out) {
 bool StringLineReader::readline(Str& out) {
   StrSegment line;
   const bool got = readline(line);
+  out.assign(line.data(), line.size());
+  return got;
+}
+
+bool StringLineReader::readlineKeepCR(Str& out) {
+  StrSegment line;
+  const bool got = nextLine(line, true);
   out.assign(line.data(), line.size());
   return got;
 }
@@ -61,6 +69,14 @@ bool FileStarLineReader::readline(Str& out) {
     return false;
   }
   return _f.readline(out);
+}
+
+bool FileStarLineReader::readlineKeepCR(Str& out) {
+  if (!_f.valid()) {
+    out.clear();
+    return false;
+  }
+  return _f.readline(out, true);
 }
 
 bool FileStarLineReader::rewind() {

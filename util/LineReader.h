@@ -22,6 +22,11 @@ class LineReader {
   // The next line into `out` (cleared first). False at the end or on a
   // read error; an empty line is true with `out` empty.
   virtual bool readline(Str& out) = 0;
+  // As readline, but a carriage return ahead of the line feed (or at the
+  // end of the last line) stays in `out`: "a\r\nb" gives "a\r", "b". For
+  // text whose carriage returns are data, such as a quoted CSV value. The
+  // base can only fold, through readline; every reader here overrides it.
+  virtual bool readlineKeepCR(Str& out);
   // Back to the start. The base cannot, and returns false.
   virtual bool rewind();
   // Releases the source; the base has none.
@@ -44,14 +49,16 @@ class StringLineReader : public LineReader {
   // line is dropped, so a line of only "\r" comes out empty: "a\r\n\r\nb"
   // gives "a", "", "b". False past the end,
   // with `out` cleared.
-  bool readline(StrSegment& out);
+  bool readline(StrSegment& out) { return nextLine(out, false); }
   bool readline(Str& out) override;
+  bool readlineKeepCR(Str& out) override;
   bool rewind() override;
   file_offset_t curPos() const override { return static_cast<file_offset_t>(_pos); }
   // False (nothing moved) for an offset outside the text.
   bool seek_set(file_offset_t offset) override;
 
  private:
+  bool nextLine(StrSegment& out, bool keepCR);
   StrSegment _s;
   size_t _pos = 0;
 };
@@ -68,6 +75,7 @@ class FileStarLineReader : public LineReader {
   FileStarLineReader& operator=(const FileStarLineReader&) = delete;
 
   bool readline(Str& out) override;
+  bool readlineKeepCR(Str& out) override;
   bool rewind() override;
   // Closes the stream, borrowed or owned.
   void close() override;

@@ -199,6 +199,30 @@ TEST(LineReaders, RandomTextMatchesTheOracle) {
   }
 }
 
+// readlineKeepCR cuts at line feeds and nothing else, in every reader.
+TEST(LineReaders, KeepCRGivesTheBytesBetweenLineFeeds) {
+  std::mt19937 rng(9);
+  TestTempDir dir;
+  const Pathname p = dir / "keepcr";
+  const char kBytes[] = {'a', '\n', '\r', '\r', ' ', '\xff'};
+  for (int round = 0; round < 20; ++round) {
+    std::string text;
+    const size_t len = rng() % 40000;
+    for (size_t i = 0; i < len; ++i) text.push_back(kBytes[rng() % sizeof(kBytes)]);
+    writeTestFile(p, text);
+    const Lines want = oracleLines(text, [](std::string&) {});
+    FileDescriptorLineReader fd(p);
+    StringLineReader str(text);
+    FileStarLineReader star(p);
+    for (LineReader* r : std::initializer_list<LineReader*>{&fd, &str, &star}) {
+      Lines got;
+      Str line;
+      while (r->readlineKeepCR(line)) got.push_back(line);
+      EXPECT_EQ(want, got) << round;
+    }
+  }
+}
+
 TEST(BufferedLineReader, CurPosCountsConsumedBytes) {
   TestTempDir dir;
   writeTestFile(dir / "f", "ab\r\ncd\nlast");
