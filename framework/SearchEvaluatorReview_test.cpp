@@ -214,7 +214,7 @@ int matchOf(const char* search, const RowInput& input, const std::set<Str>& igno
   SearchResults t;
   SearchResult* r = makeRow(t, input);
   SearchEvaluator e{Str(search)};
-  e.initKeys(t);
+  e.initKeys(t, true);
   return e.isMatch(r, ignored);
 }
 
@@ -420,7 +420,7 @@ TEST(SearchEvaluatorReview, FilterKeepsMatchesAndUndecidedRowsOnlyWhenFieldsAreI
     SearchResults t;
     for (const char* raw : {"a", "b", "c", "a b"}) makeRow(t, {raw, {}});
     SearchEvaluator e(Str("a"));
-    EXPECT_TRUE(e.filter(t, {}));
+    EXPECT_TRUE(e.filter(t, {}, false));
     EXPECT_EQ(rawsOf(t), (std::vector<std::string>{"a", "a b"}));
   }
   {
@@ -428,7 +428,7 @@ TEST(SearchEvaluatorReview, FilterKeepsMatchesAndUndecidedRowsOnlyWhenFieldsAreI
     makeRow(t, {"r1", {{"x", {"1"}}}});
     makeRow(t, {"r2", {{"x", {"2"}}}});
     SearchEvaluator e(Str("x=1"));
-    EXPECT_FALSE(e.filter(t, {Str("x")}));
+    EXPECT_FALSE(e.filter(t, {Str("x")}, false));
     EXPECT_EQ(rawsOf(t), (std::vector<std::string>{"r1", "r2"}));
     EXPECT_TRUE(e.filter(t, {}, true));
     EXPECT_EQ(rawsOf(t), (std::vector<std::string>{"r1"}));
@@ -437,7 +437,7 @@ TEST(SearchEvaluatorReview, FilterKeepsMatchesAndUndecidedRowsOnlyWhenFieldsAreI
     SearchResults t;
     for (const char* raw : {"a", "b", "c"}) makeRow(t, {raw, {}});
     SearchEvaluator e(Str("a OR b"));
-    e.filter(t, {});
+    e.filter(t, {}, false);
     EXPECT_EQ(rawsOf(t), (std::vector<std::string>{"a", "b"}));
   }
 }
