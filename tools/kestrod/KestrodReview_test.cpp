@@ -87,7 +87,8 @@ std::string basic(const std::string& user, const char* pw) {
 // and bob (no role). Trusted logins come only from an address no test uses.
 class Install {
  public:
-  Install() {
+  // `trustedIP` false leaves the shipped setting alone.
+  explicit Install(bool trustedIP = true) {
     EXPECT_EQ(0, std::system(("cp -r '" + stagedHome() + "/.' '" + home() + "'").c_str()));
     writeTestFile(_dir / "etc/system/local/users.conf",
                   "[admin]\npassword = " + PasswordHash::hash(Str(ADMIN_PW), 1000) +
@@ -95,7 +96,8 @@ class Install {
                       PasswordHash::hash(Str(CAROL_PW), 1000) +
                       "\nroles = user\n\n[bob]\npassword = " +
                       PasswordHash::hash(Str(BOB_PW), 1000) + "\nroles =\n");
-    writeTestFile(_dir / "etc/system/local/server.conf", "[general]\ntrustedIP = 127.0.0.9\n");
+    if (trustedIP)
+      writeTestFile(_dir / "etc/system/local/server.conf", "[general]\ntrustedIP = 127.0.0.9\n");
   }
   std::string home() const { return std::string(_dir.path()); }
   std::string log() const { return slurp(home() + "/var/log/kestro/kestrod.log"); }
@@ -438,6 +440,122 @@ TEST(KestrodReviewLifecycle, SigintLetsAReplyInFlightFinish) {
   EXPECT_NE(std::string::npos, log.find("HTTPServer::handleSignal 2")) << log;
   EXPECT_NE(std::string::npos, log.find("Disabling all acceptors due to shutdown")) << log;
   EXPECT_NE(std::string::npos, log.find("HTTPServer shutting down. Terminating eloop.")) << log;
+}
+
+// The process whose environment names `home`, the daemon that left the
+// terminal; -1 when there is none.
+pid_t findDaemon(const std::string& home) {
+  const std::string want = "KESTRO_HOME=" + home;
+  std::error_code ec;
+  for (auto it = std::filesystem::directory_iterator("/proc", ec);
+       !ec && it != std::filesystem::directory_iterator(); it.increment(ec)) {
+    const std::string name = it->path().filename().string();
+    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+    if (std::atoi(name.c_str()) == getpid()) continue;
+    const std::string environ = slurp(it->path().string() + "/environ");
+    size_t at = 0;
+    while (at < environ.size()) {
+      const size_t end = environ.find('\0', at);
+      if (environ.compare(at, end - at, want) == 0) return std::atoi(name.c_str());
+      if (end == std::string::npos) break;
+      at = end + 1;
+    }
+  }
+  return -1;
+}
+
+TEST(KestrodReviewSecurity, TheShippedInstallTrustsNoAddress) {
+  Install install(false);
+  Daemon d(install.home());
+  ASSERT_NE(0, d.port);
+  const Answer a = roundTrip(d.port, postForm("/services/auth/trustedlogin", "username=admin", ""));
+  EXPECT_EQ(401, a.status) << a.body;
+  EXPECT_EQ(std::string::npos, a.body.find("sessionKey")) << a.body;
+  EXPECT_NE(std::string::npos, a.body.find("SSO failed")) << a.body;
+  d.stop(SIGTERM);
+}
+
+TEST(KestrodReviewOptions, PortsOutOfRangeAreRefused) {
+  Install install;
+  TestTempDir scratch;
+  const std::string errPath = std::string(scratch.path()) + "/err";
+  const std::string home = install.home();
+  for (const char* port : {"99999", "65536", "-1", "-70000"}) {
+    RunningProgram running =
+        startProgram(kestrodBin(), {"--nodaemon", "-p", port}, [home, errPath] {
+          setenv("KESTRO_HOME", home.c_str(), 1);
+          freopen(errPath.c_str(), "w", stderr);
+        });
+    // A daemon that took the port anyway prints where it serves: stop it.
+    std::string first;
+    pollfd p{running.output, POLLIN, 0};
+    char c;
+    while (poll(&p, 1, 60000) > 0 && read(running.output, &c, 1) == 1 && c != '\n') first += c;
+    if (first.find("serving") != std::string::npos) kill(running.pid, SIGTERM);
+    const ProgramOutcome o = waitProgram(running);
+    EXPECT_EQ("", first) << port;
+    EXPECT_EQ(8, o.status) << port;
+    EXPECT_NE(std::string::npos, slurp(errPath).find("out of range")) << port;
+  }
+}
+
+TEST(KestrodReviewDaemonMode, FailuresBeforeServingReachTheShell) {
+  TestTempDir scratch;
+  const std::string errPath = std::string(scratch.path()) + "/err";
+  {
+    const ProgramOutcome o = runProgram(kestrodBin(), {"-p", "0"}, [errPath] {
+      setenv("KESTRO_HOME", "", 1);
+      freopen(errPath.c_str(), "w", stderr);
+    });
+    EXPECT_EQ(255, o.status);
+    EXPECT_EQ("KESTRO_HOME must be set.  Stopping.\n", slurp(errPath));
+  }
+  // A port that is taken.
+  Install install;
+  const int taken = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(0, bind(taken, reinterpret_cast<sockaddr*>(&a), sizeof a));
+  ASSERT_EQ(0, listen(taken, 1));
+  socklen_t len = sizeof a;
+  getsockname(taken, reinterpret_cast<sockaddr*>(&a), &len);
+  const std::string home = install.home();
+  const ProgramOutcome o =
+      runProgram(kestrodBin(), {"-p", std::to_string(ntohs(a.sin_port))}, [home, errPath] {
+        setenv("KESTRO_HOME", home.c_str(), 1);
+        freopen(errPath.c_str(), "w", stderr);
+      });
+  close(taken);
+  EXPECT_EQ(1, o.status);
+  EXPECT_NE(std::string::npos, slurp(errPath).find("kestrod: ")) << slurp(errPath);
+  EXPECT_EQ(-1, findDaemon(home));
+}
+
+TEST(KestrodReviewDaemonMode, LeavesTheTerminalOnceServing) {
+  Install install;
+  const std::string home = install.home();
+  TestTempDir scratch;
+  const std::string errPath = std::string(scratch.path()) + "/err";
+  const ProgramOutcome o = runProgram(kestrodBin(), {"-p", "0"}, [home, errPath] {
+    setenv("KESTRO_HOME", home.c_str(), 1);
+    freopen(errPath.c_str(), "w", stderr);
+  });
+  EXPECT_EQ(0, o.status);
+  EXPECT_EQ(0u, o.output.find("kestrod: serving on http://127.0.0.1:")) << o.output;
+  const pid_t daemon = findDaemon(home);
+  ASSERT_GT(daemon, 0);
+  const int port = std::atoi(o.output.c_str() + o.output.rfind(':') + 1);
+  EXPECT_EQ(200, roundTrip(port, get("/services")).status);
+  kill(daemon, SIGTERM);
+  // Not our child: wait for it to be gone, a bounded number of looks.
+  for (int i = 0; i < 600 && kill(daemon, 0) == 0; ++i) {
+    const std::string stat = slurp("/proc/" + std::to_string(daemon) + "/stat");
+    if (stat.find(") Z") != std::string::npos) break;
+    pollfd none{-1, 0, 0};
+    poll(&none, 0, 100);
+  }
+  EXPECT_NE(std::string::npos, install.log().find("kestrod stopped"));
 }
 
 }  // namespace
