@@ -13,7 +13,7 @@
 #include "framework/ProducerConsumerQueue.h"
 #include "framework/testing/QueueTestEvents.h"
 #include "libbundle/PropertiesMap.h"
-#include "libbundle/testing/BundleTree.h"
+#include "libbundle/testing/DefaultRootEnvironment.h"
 #include "loaderinfo/LoaderInfo.h"
 #include "util/ConditionWaitTimeout.h"
 #include "util/testing/LogCapture.h"
@@ -38,22 +38,8 @@ const char* const kServer =
     "queueSize = huge\n"
     "persistentQueueSize = 1.5GB\n";
 
-class ServerRoot : public ::testing::Environment {
- public:
-  void SetUp() override {
-    _tree = std::make_unique<BundleTree>();
-    _tree->put("system/default/server.conf", kServer);
-    const std::string root(_tree->root().c_str());
-    setenv("KESTRO_HOME", root.substr(0, root.rfind('/')).c_str(), 1);
-    LoaderInfo::getInstance().populateFromEnvironment();
-  }
-  void TearDown() override { _tree.reset(); }
-
- private:
-  std::unique_ptr<BundleTree> _tree;
-};
-
-const auto* const gRoot = ::testing::AddGlobalTestEnvironment(new ServerRoot);
+const auto* const gRoot = ::testing::AddGlobalTestEnvironment(
+    new DefaultRootEnvironment({{"system/default/server.conf", kServer}}));
 
 TEST(QueueManager, SizeValuesCountUnitsOf512OrCarryAUnit) {
   const struct {

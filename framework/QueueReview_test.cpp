@@ -20,7 +20,7 @@
 #include "framework/QueueManager.h"
 #include "framework/testing/QueueTestEvents.h"
 #include "libbundle/PropertiesMap.h"
-#include "libbundle/testing/BundleTree.h"
+#include "libbundle/testing/DefaultRootEnvironment.h"
 #include "loaderinfo/LoaderInfo.h"
 #include "util/ConditionWaitTimeout.h"
 #include "util/MetricsRegistry.h"
@@ -46,22 +46,8 @@ const char* const kServer =
     "[persistentQueue:halfset]\n"
     "persistentQueueSize = 2MB\n";
 
-class ReviewRoot : public ::testing::Environment {
- public:
-  void SetUp() override {
-    _tree = std::make_unique<BundleTree>();
-    _tree->put("system/default/server.conf", kServer);
-    const std::string root(_tree->root().c_str());
-    setenv("KESTRO_HOME", root.substr(0, root.rfind('/')).c_str(), 1);
-    LoaderInfo::getInstance().populateFromEnvironment();
-  }
-  void TearDown() override { _tree.reset(); }
-
- private:
-  std::unique_ptr<BundleTree> _tree;
-};
-
-const auto* const gRoot = ::testing::AddGlobalTestEnvironment(new ReviewRoot);
+const auto* const gRoot = ::testing::AddGlobalTestEnvironment(
+    new DefaultRootEnvironment({{"system/default/server.conf", kServer}}));
 
 const ConditionWaitTimeout kShortWait(0, 1000000);
 const ConditionWaitTimeout kLongWait(60, 0);

@@ -12,7 +12,7 @@
 #include "framework/SearchEvaluator.h"
 #include "framework/SearchResults.h"
 #include "libbundle/PropertiesMap.h"
-#include "libbundle/testing/BundleTree.h"
+#include "libbundle/testing/DefaultRootEnvironment.h"
 #include "loaderinfo/LoaderInfo.h"
 
 namespace {
@@ -27,22 +27,8 @@ const char* const kLimits =
     "allow_term_directive = false\n"
     "allow_case_directive = true\n";
 
-class LimitsRoot : public ::testing::Environment {
- public:
-  void SetUp() override {
-    _tree = std::make_unique<BundleTree>();
-    _tree->put("system/default/limits.conf", kLimits);
-    const std::string root(_tree->root().c_str());
-    setenv("KESTRO_HOME", root.substr(0, root.rfind('/')).c_str(), 1);
-    LoaderInfo::getInstance().populateFromEnvironment();
-  }
-  void TearDown() override { _tree.reset(); }
-
- private:
-  std::unique_ptr<BundleTree> _tree;
-};
-
-const auto* const gRoot = ::testing::AddGlobalTestEnvironment(new LimitsRoot);
+const auto* const gRoot = ::testing::AddGlobalTestEnvironment(
+    new DefaultRootEnvironment({{"system/default/limits.conf", kLimits}}));
 
 TEST(SearchLimitsReview, ResultSettingsComeFromTheSearchResultsStanza) {
   EXPECT_EQ(SearchResults::getMaxResultRows(), 1234u);

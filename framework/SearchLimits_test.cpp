@@ -8,30 +8,14 @@
 #include "framework/GenericCleaner.h"
 #include "framework/SearchEvaluator.h"
 #include "framework/SearchResults.h"
-#include "libbundle/testing/BundleTree.h"
+#include "libbundle/testing/DefaultRootEnvironment.h"
 #include "loaderinfo/LoaderInfo.h"
 
 namespace {
 
-class SearchRoot : public ::testing::Environment {
- public:
-  void SetUp() override {
-    _tree = std::make_unique<BundleTree>();
-    _tree->put("system/default/limits.conf",
-               "[searchresults]\ntocsv_maxretry = 0\ntocsv_retryperiod_ms = 1\n"
-               "maxresultrows = 7\n");
-    _tree->put("system/default/segmenters.conf", "[search]\nMAJOR = \\s |\nMINOR = .\n");
-    const std::string root(_tree->root().c_str());
-    setenv("KESTRO_HOME", root.substr(0, root.rfind('/')).c_str(), 1);
-    LoaderInfo::getInstance().populateFromEnvironment();
-  }
-  void TearDown() override { _tree.reset(); }
-
- private:
-  std::unique_ptr<BundleTree> _tree;
-};
-
-const auto* const gRoot = ::testing::AddGlobalTestEnvironment(new SearchRoot);
+const auto* const gRoot = ::testing::AddGlobalTestEnvironment(
+    new DefaultRootEnvironment({{"system/default/limits.conf", "[searchresults]\ntocsv_maxretry = 0\ntocsv_retryperiod_ms = 1\n" "maxresultrows = 7\n"},
+                                {"system/default/segmenters.conf", "[search]\nMAJOR = \\s |\nMINOR = .\n"}}));
 
 TEST(SearchLimits, ZeroRetriesStillWriteOnce) {
   EXPECT_EQ(SearchResults::getToCSVMaxRetry(), 0u);

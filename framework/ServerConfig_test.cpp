@@ -12,30 +12,14 @@
 
 #include "framework/PipelineData.h"
 #include "libbundle/PropertiesMap.h"
-#include "libbundle/testing/BundleTree.h"
+#include "libbundle/testing/DefaultRootEnvironment.h"
 #include "loaderinfo/LoaderInfo.h"
 
 namespace {
 
-class ServerRoot : public ::testing::Environment {
- public:
-  void SetUp() override {
-    _tree = std::make_unique<BundleTree>();
-    _tree->put("system/default/server.conf", "[general]\nserverName = from-default\n");
-    _tree->put("system/local/server.conf", "[general]\nserverName = indexer-7 \n");
-    // The tree's root is "<home>/etc", the default place of the
-    // configuration under the home.
-    const std::string root(_tree->root().c_str());
-    setenv("KESTRO_HOME", root.substr(0, root.rfind('/')).c_str(), 1);
-    LoaderInfo::getInstance().populateFromEnvironment();
-  }
-  void TearDown() override { _tree.reset(); }
-
- private:
-  std::unique_ptr<BundleTree> _tree;
-};
-
-const auto* const gRoot = ::testing::AddGlobalTestEnvironment(new ServerRoot);
+const auto* const gRoot = ::testing::AddGlobalTestEnvironment(
+    new DefaultRootEnvironment({{"system/default/server.conf", "[general]\nserverName = from-default\n"},
+                                {"system/local/server.conf", "[general]\nserverName = indexer-7 \n"}}));
 
 TEST(ServerConfig, TheConfiguredNameWinsOverTheMachines) {
   // The local layer over the default one, blanks trimmed.

@@ -13,6 +13,7 @@
 #include <random>
 #include <cstring>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "util/GzipStream.h"
@@ -111,7 +112,7 @@ inline std::string logText(size_t bytes, unsigned seed) {
     s += "2024-03-0" + std::to_string(1 + rng() % 9) + " 12:" + std::to_string(10 + rng() % 50) +
          " host" + std::to_string(rng() % 8) + " sshd[" + std::to_string(rng() % 65536) + "]: ";
     const size_t words = 1 + rng() % 20;
-    for (size_t i = 0; i < words; ++i) s += "abcdefghijklmnop" + (rng() % 16) + std::string(" ");
+    for (size_t i = 0; i < words; ++i) s.append(std::string_view("abcdefghijklmnop").substr(rng() % 16)) += ' ';
     s += '\n';
   }
   s.resize(bytes);
