@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/BenchDir.h"
 #include "util/BTree.h"
 #include "util/Pathname.h"
 #include "util/testing/BTreeTestTypes.h"
@@ -28,23 +29,6 @@ std::vector<uint64_t> randomKeys(size_t n, uint64_t seed) {
   for (auto& k : keys) k = rng() | 1;  // never the blank key
   return keys;
 }
-
-// A fresh directory, removed with its files at the end.
-class BenchDir {
- public:
-  BenchDir() {
-    const char* tmp = std::getenv("TMPDIR");
-    std::string templ =
-        std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/kestro-btree-bench-XXXXXX";
-    if (::mkdtemp(templ.data()) == nullptr) std::abort();
-    _path = Pathname(templ);
-  }
-  ~BenchDir() { _path.removeRecursive(); }
-  const Pathname& path() const { return _path; }
-
- private:
-  Pathname _path;
-};
 
 // One built tree per size, kept open for the lookups of every run.
 struct BuiltTree {

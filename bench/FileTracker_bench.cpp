@@ -14,28 +14,12 @@
 #include <vector>
 
 #include "framework/FileTracker.h"
+#include "bench/BenchDir.h"
 #include "util/LogChannel.h"
 #include "util/Logger.h"
 #include "util/Pathname.h"
 
 namespace {
-
-// A fresh directory, removed with its files at the end.
-class BenchDir {
- public:
-  BenchDir() {
-    const char* tmp = std::getenv("TMPDIR");
-    std::string templ =
-        std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/kestro-fish-bench-XXXXXX";
-    if (::mkdtemp(templ.data()) == nullptr) std::abort();
-    _path = Pathname(templ);
-  }
-  ~BenchDir() { _path.removeRecursive(); }
-  const Pathname& path() const { return _path; }
-
- private:
-  Pathname _path;
-};
 
 FishRecord recordAt(int64_t seekPtr) {
   return FishRecord(1700000000, 1700000000, CRC_t(0x5eec), CRC_t(0xf11e), seekPtr, 0);

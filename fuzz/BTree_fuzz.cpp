@@ -11,6 +11,7 @@
 #include <cstring>
 #include <string>
 
+#include "fuzz/FuzzWorkDir.h"
 #include "util/Assert.h"
 #include "util/BTree.h"
 #include "util/BTreeFormat.h"
@@ -33,23 +34,8 @@ class CountingVisitor : public bt::BTree::Visitor {
 };
 
 const Pathname& workDir() {
-  static const Pathname dir = [] {
-    char templ[] = "/tmp/kestro-btree-fuzz-XXXXXX";
-    kassert(::mkdtemp(templ) != nullptr);
-    Logger::initialize();
-    LogChannel::root().setLevel(LOGLEVEL_EMERG);
-    for (const char* channel : {"BTree", "BTreeCP"}) {
-      LogChannel::find(Str(channel))->setLevel(LOGLEVEL_EMERG);
-    }
-    return Pathname(templ);
-  }();
+  static const Pathname dir = makeQuietFuzzDir("/tmp/kestro-btree-fuzz-XXXXXX", {"BTree", "BTreeCP"});
   return dir;
-}
-
-void writeFile(const Pathname& path, const std::string& bytes) {
-  ScopedFileDescriptor fd(path.openCreateOrReplace(Pathname::CREATE_PRIVATE));
-  kassert(fd.valid());
-  kassert(fd.write(bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()));
 }
 
 uint64_t takeKey(const uint8_t*& data, size_t& size) {
@@ -85,8 +71,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const size_t indexPart = split < bodySize ? split : bodySize;
   index.append(reinterpret_cast<const char*>(body), indexPart);
   records.append(reinterpret_cast<const char*>(body + indexPart), bodySize - indexPart);
-  writeFile(dir / bt::INDEX_FILE, index);
-  writeFile(dir / bt::RECORD_FILE, records);
+  writeFuzzFile(dir / bt::INDEX_FILE, index);
+  writeFuzzFile(dir / bt::RECORD_FILE, records);
 
   const U64Key blank(0);
   PairRecord scratch;

@@ -13,6 +13,7 @@
 #include "framework/PersistentQueueFormat.h"
 #include "framework/PersistentQueueWriter.h"
 #include "framework/PipelineData.h"
+#include "fuzz/FuzzWorkDir.h"
 #include "util/Assert.h"
 #include "util/FileDescriptor.h"
 #include "util/LogChannel.h"
@@ -21,23 +22,8 @@
 namespace {
 
 const Pathname& workDir() {
-  static const Pathname dir = [] {
-    char templ[] = "/tmp/kestro-pq-fuzz-XXXXXX";
-    kassert(::mkdtemp(templ) != nullptr);
-    Logger::initialize();
-    LogChannel::root().setLevel(LOGLEVEL_EMERG);
-    for (const char* channel : {"PersistentQueueWriter", "PipelineInputChannel"}) {
-      LogChannel::find(Str(channel))->setLevel(LOGLEVEL_EMERG);
-    }
-    return Pathname(templ);
-  }();
+  static const Pathname dir = makeQuietFuzzDir("/tmp/kestro-pq-fuzz-XXXXXX", {"PersistentQueueWriter", "PipelineInputChannel"});
   return dir;
-}
-
-void writeFile(const Pathname& path, const std::string& bytes) {
-  ScopedFileDescriptor fd(path.openCreateOrReplace(Pathname::CREATE_PRIVATE));
-  kassert(fd.valid());
-  kassert(fd.write(bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()));
 }
 
 CowPipelineData event(const std::string& raw) {
@@ -91,11 +77,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   size -= 2;
   const std::string input(reinterpret_cast<const char*>(data), size);
   if (mode == 0) {
-    writeFile(path, input);
+    writeFuzzFile(path, input);
   } else if (mode == 1) {
-    writeFile(path, behindHeader(input, size == 0 ? 0 : 1 + data[0] % 8));
+    writeFuzzFile(path, behindHeader(input, size == 0 ? 0 : 1 + data[0] % 8));
   } else {
-    writeFile(path, mutatedRealFile(path, data, size));
+    writeFuzzFile(path, mutatedRealFile(path, data, size));
   }
   PersistentQueueWriter w(memory, 2048, path);
   CowPipelineData out;
